@@ -1,0 +1,52 @@
+// Argument checks: pure steps over the operand views, run in a member's order; the first failing
+// step's status is returned before any element is touched.
+#pragma once
+#include <cstdint>
+#include <initializer_list>
+
+#include "omkm.h"
+#include "frame/operand_views.h"
+
+namespace omk {
+
+enum class Check : uint8_t { Null, Count, Size, Stride, RoiShift };
+
+// The order in which a member runs its checks.
+struct CheckOrder {
+    Check step[5];
+    uint8_t n;
+    constexpr CheckOrder(std::initializer_list<Check> steps) : step{}, n(0) {
+        for (Check c : steps) step[n++] = c;
+    }
+};
+
+// The library's rule: null pointers, count, sizes, strides, ROI shifts. Single-object calls have
+// count 1, so the count step passes for them.
+inline constexpr CheckOrder kDefaultOrder{Check::Null, Check::Count, Check::Size, Check::Stride,
+                                          Check::RoiShift};
+
+template <class... View>
+OmkStatus firstFailure(const CheckOrder& order, const Dims& d, const View&... v) {
+    for (uint8_t s = 0; s < order.n; ++s) {
+        switch (order.step[s]) {
+        case Check::Null:
+            if ((v.hasNull() || ...)) return omkStsNullPtr;
+            break;
+        case Check::Count:
+            if (d.count < 1) return omkStsBadCount;
+            break;
+        case Check::Size:
+            if (d.width < 1 || d.height < 1) return omkStsBadSize;
+            break;
+        case Check::Stride:
+            if (!(v.stridesOk() && ...)) return omkStsBadStride;
+            break;
+        case Check::RoiShift:
+            if (!(v.roiOk() && ...)) return omkStsBadRoiShift;
+            break;
+        }
+    }
+    return omkStsOk;
+}
+
+}  // namespace omk

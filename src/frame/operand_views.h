@@ -1,0 +1,225 @@
+// Operand views: where element (i, j) of object k lies, for each operand description.
+//
+// A kernel never sees raw pointers and strides. It asks a view for object k (`obj(k)`) and reads
+// or writes that object's elements with `at(i, j)`. The parallel driver moves a view to the first
+// object of a thread's slice with `from(first)`. The checks ask each view whether a pointer is
+// null, whether its strides and its ROI shift are valid.
+//
+// Vectors are objects of one row: element j of a vector is element (0, j).
+// A transposed operand is a matrix view with its row and column steps exchanged.
+#pragma once
+#include <cstdint>
+#include <type_traits>
+
+#include "frame/wrapping.h"
+
+namespace omk {
+
+// A stride is valid when it is a positive multiple of the element size; a ROI shift when it is a
+// non-negative multiple of the element size.
+template <class T>
+constexpr bool strideOk(int32_t s) { return s >= 1 && s % int32_t(sizeof(T)) == 0; }
+template <class T>
+constexpr bool roiShiftOk(int32_t r) { return r >= 0 && r % int32_t(sizeof(T)) == 0; }
+
+// How the elements of one object are reached.
+enum class Layout { Strided, Scattered, Scalar };
+
+// ---- one object ----
+
+// Elements at p + i*rowStep + j*colStep bytes (standard and layout descriptions). With UnitCols
+// the column step is the element size, known to the compiler, so rows are packed arrays.
+template <class T, bool UnitCols = false>
+struct StridedObject {
+    T* p;
+    ptrdiff_t rowStep, colStep;
+    T* row(int i) const { return addBytes(p, i * rowStep); }
+    T& at(int i, int j) const {
+        if constexpr (UnitCols) return row(i)[j];
+        else return *addBytes(p, i * rowStep + j * colStep);
+    }
+};
+
+// One pointer per element (pointer description): element (i, j) is at
+// pp[i*iStep + j*jStep] + shift.
+template <class T>
+struct ScatteredObject {
+    T* const* pp;
+    ptrdiff_t shift;
+    int iStep, jStep;
+    T& at(int i, int j) const { return *addBytes(pp[i * iStep + j * jStep], shift); }
+};
+
+// One scalar applied to every element; read once per object.
+template <class T>
+struct ScalarObject {
+    std::remove_const_t<T> v;
+    std::remove_const_t<T> at(int, int) const { return v; }
+    std::remove_const_t<T> row(int) const { return v; }
+};
+
+// ---- operands ----
+
+// Standard description: base pointer and byte strides. Array: object k at p + k*s0.
+// Matrix: element (i, j) at i*s1 + j*s2 (transposed: j*s1 + i*s2). Vector: element j at j*s2.
+template <class T, bool Array, bool Matrix>
+struct StdView {
+    using Elem = T;
+    static constexpr Layout kLayout = Layout::Strided;
+    static constexpr bool kArray = Array;
+    T* p;
+    int32_t s0, s1, s2;
+    bool transposed;
+
+    ptrdiff_t rowStep() const { return transposed ? s2 : s1; }
+    ptrdiff_t colStep() const { return transposed ? s1 : s2; }
+    StridedObject<T> obj(int32_t k) const {
+        return {Array ? addBytes(p, offset32(k, s0)) : p, rowStep(), colStep()};
+    }
+    StdView from(int32_t first) const {
+        StdView v = *this;
+        if (Array) v.p = addBytes(p, offset32(first, s0));
+        return v;
+    }
+    // The whole array is one packed run of count*width*height elements.
+    bool packed(int32_t w, int32_t h) const {
+        return Array && denseObjects(w, h) && ptrdiff_t(s0) == ptrdiff_t(w) * h * ptrdiff_t(sizeof(T));
+    }
+    bool denseObjects(int32_t w, int32_t h) const {
+        return colStep() == ptrdiff_t(sizeof(T)) && (h == 1 || rowStep() == ptrdiff_t(w) * ptrdiff_t(sizeof(T)));
+    }
+    bool contiguous() const { return s2 == int32_t(sizeof(T)); }
+    bool hasNull() const { return p == nullptr; }
+    bool stridesOk() const {
+        return (!Array || strideOk<T>(s0)) && (!Matrix || strideOk<T>(s1)) && strideOk<T>(s2);
+    }
+    bool roiOk() const { return true; }
+};
+
+// Layout description (arrays only): object k at pp[k] + shift, elements by strides as above.
+template <class T, bool Matrix>
+struct LayoutView {
+    using Elem = T;
+    static constexpr Layout kLayout = Layout::Strided;
+    static constexpr bool kArray = true;
+    T* const* pp;
+    int32_t shift, s1, s2;
+    bool transposed;
+
+    ptrdiff_t rowStep() const { return transposed ? s2 : s1; }
+    ptrdiff_t colStep() const { return transposed ? s1 : s2; }
+    StridedObject<T> obj(int32_t k) const { return {addBytes(pp[k], shift), rowStep(), colStep()}; }
+    LayoutView from(int32_t first) const { LayoutView v = *this; v.pp = pp + first; return v; }
+    bool packed(int32_t, int32_t) const { return false; }
+    bool denseObjects(int32_t w, int32_t h) const {
+        return colStep() == ptrdiff_t(sizeof(T)) && (h == 1 || rowStep() == ptrdiff_t(w) * ptrdiff_t(sizeof(T)));
+    }
+    bool contiguous() const { return s2 == int32_t(sizeof(T)); }
+    bool hasNull() const { return pp == nullptr; }
+    bool stridesOk() const { return (!Matrix || strideOk<T>(s1)) && strideOk<T>(s2); }
+    bool roiOk() const { return roiShiftOk<T>(shift); }
+};
+
+// Pointer description: pp holds one pointer per element in the stored matrix's row-major order;
+// object k is reached by adding shift + k*s0 to each of them.
+template <class T, bool Array>
+struct PointerView {
+    using Elem = T;
+    static constexpr Layout kLayout = Layout::Scattered;
+    static constexpr bool kArray = Array;
+    T* const* pp;
+    int32_t shift, s0;
+    int iStep, jStep;
+
+    ScatteredObject<T> obj(int32_t k) const {
+        return {pp, Array ? (Wrap32(shift) + Wrap32(k) * s0).value() : shift, iStep, jStep};
+    }
+    // A slice keeps the pointer table and grows the ROI shift.
+    PointerView from(int32_t first) const {
+        PointerView v = *this;
+        if (Array) v.shift = (Wrap32(shift) + Wrap32(first) * s0).value();
+        return v;
+    }
+    bool packed(int32_t, int32_t) const { return false; }
+    bool contiguous() const { return false; }
+    bool hasNull() const { return pp == nullptr; }
+    bool stridesOk() const { return !Array || strideOk<T>(s0); }
+    bool roiOk() const { return roiShiftOk<T>(shift); }
+};
+
+// A single constant passed by value.
+template <class T>
+struct ConstView {
+    using Elem = const T;
+    static constexpr Layout kLayout = Layout::Scalar;
+    static constexpr bool kArray = false;
+    T v;
+
+    ScalarObject<T> obj(int32_t) const { return {v}; }
+    ConstView from(int32_t) const { return *this; }
+    bool packed(int32_t, int32_t) const { return true; }
+    bool contiguous() const { return true; }
+    bool hasNull() const { return false; }
+    bool stridesOk() const { return true; }
+    bool roiOk() const { return true; }
+};
+
+// An array of constants, one per object: at p + k*s0 (standard), or at pp[k] + shift (layout).
+template <class T, bool Layout_>
+struct ConstArrayView {
+    using Elem = T;
+    static constexpr Layout kLayout = Layout::Scalar;
+    static constexpr bool kArray = true;
+    T* p;
+    T* const* pp;
+    int32_t s0, shift;
+
+    ScalarObject<T> obj(int32_t k) const {
+        if constexpr (Layout_) return {*addBytes(pp[k], shift)};
+        else return {*addBytes(p, offset32(k, s0))};
+    }
+    ConstArrayView from(int32_t first) const {
+        ConstArrayView v = *this;
+        if constexpr (Layout_) v.pp = pp + first;
+        else v.p = addBytes(p, offset32(first, s0));
+        return v;
+    }
+    bool packed(int32_t, int32_t) const { return false; }
+    bool contiguous() const { return true; }
+    bool hasNull() const { return Layout_ ? pp == nullptr : p == nullptr; }
+    bool stridesOk() const { return Layout_ || strideOk<T>(s0); }
+    bool roiOk() const { return !Layout_ || roiShiftOk<T>(shift); }
+};
+
+// ---- builders, named after the operand forms of the exported functions ----
+
+template <class T> StdView<T, false, true> mat(T* p, int32_t s1, int32_t s2) { return {p, 0, s1, s2, false}; }
+template <class T> StdView<T, false, true> tmat(T* p, int32_t s1, int32_t s2) { return {p, 0, s1, s2, true}; }
+template <class T> StdView<T, true, true> matArr(T* p, int32_t s0, int32_t s1, int32_t s2) { return {p, s0, s1, s2, false}; }
+template <class T> StdView<T, true, true> tmatArr(T* p, int32_t s0, int32_t s1, int32_t s2) { return {p, s0, s1, s2, true}; }
+template <class T> StdView<T, false, false> vec(T* p, int32_t s2) { return {p, 0, 0, s2, false}; }
+template <class T> StdView<T, true, false> vecArr(T* p, int32_t s0, int32_t s2) { return {p, s0, 0, s2, false}; }
+
+template <class T> LayoutView<T, true> matArrL(T** pp, int32_t shift, int32_t s1, int32_t s2) { return {pp, shift, s1, s2, false}; }
+template <class T> LayoutView<T, true> tmatArrL(T** pp, int32_t shift, int32_t s1, int32_t s2) { return {pp, shift, s1, s2, true}; }
+template <class T> LayoutView<T, false> vecArrL(T** pp, int32_t shift, int32_t s2) { return {pp, shift, 0, s2, false}; }
+
+// Pointer tables are in the stored matrix's row-major order: width*height entries for a matrix,
+// and for a transposed operand the stored matrix has `width` rows of `height` entries.
+template <class T> PointerView<T, false> matP(T** pp, int32_t shift, int32_t w, int32_t) { return {pp, shift, 0, w, 1}; }
+template <class T> PointerView<T, false> tmatP(T** pp, int32_t shift, int32_t, int32_t h) { return {pp, shift, 0, 1, h}; }
+template <class T> PointerView<T, true> matArrP(T** pp, int32_t shift, int32_t s0, int32_t w, int32_t) { return {pp, shift, s0, w, 1}; }
+template <class T> PointerView<T, true> tmatArrP(T** pp, int32_t shift, int32_t s0, int32_t, int32_t h) { return {pp, shift, s0, 1, h}; }
+template <class T> PointerView<T, false> vecP(T** pp, int32_t shift) { return {pp, shift, 0, 0, 1}; }
+template <class T> PointerView<T, true> vecArrP(T** pp, int32_t shift, int32_t s0) { return {pp, shift, s0, 0, 1}; }
+
+template <class T> ConstView<T> cnst(T v) { return {v}; }
+template <class T> ConstArrayView<T, false> cnstArr(T* p, int32_t s0) { return {p, nullptr, s0, 0}; }
+template <class T> ConstArrayView<T, true> cnstArrL(T** pp, int32_t shift) { return {nullptr, pp, 0, shift}; }
+
+// Sizes of one call: vectors are width = len, height = 1; single-object calls have count = 1.
+struct Dims {
+    int32_t width, height, count;
+};
+
+}  // namespace omk

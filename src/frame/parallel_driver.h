@@ -1,0 +1,67 @@
+// The parallel driver: splits `count` objects into contiguous slices over an OpenMP team and runs
+// the same serial kernel on each slice. Every family uses it; none opens a parallel region itself.
+#pragma once
+#include <omp.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "omkcore.h"
+#include "omkm.h"
+
+namespace omk {
+
+// Objects of thread t in a team of n: the first count % n threads take one object more, and the
+// slices follow each other in thread order.
+struct Slice {
+    int32_t first, count;
+};
+constexpr Slice sliceOf(int32_t count, int32_t team, int32_t t) {
+    const int32_t chunk = count / team, rem = count % team;
+    return t < rem ? Slice{(chunk + 1) * t, chunk + 1} : Slice{(chunk + 1) * rem + (t - rem) * chunk, chunk};
+}
+
+// Runs body(first, m, scratch) over all objects and returns the first non-zero status any slice
+// stored (omkStsOk when none failed).
+//
+// The thread budget is asked twice: once to decide (fewer than two threads, or fewer objects than
+// threads, runs body(0, count, nullptr) on the calling thread) and once to size the team. The
+// split uses the team the runtime actually grants; inside an enclosing parallel region that is a
+// team of one, which computes everything serially.
+//
+// With scratchPerThread > 0, the calling thread takes one block of budget * scratchPerThread bytes
+// from the OpenMP allocator before the region and frees it after; thread t gets its own part. If
+// the block cannot be had, the call runs serially, where the body uses the caller's buffer.
+template <class Body>
+OmkStatus runOverObjects(int32_t count, Body&& body, size_t scratchPerThread = 0) {
+    const int budget = ownGetNumThreads();
+    if (budget < 2 || count < budget) return body(int32_t(0), count, static_cast<char*>(nullptr));
+
+    int requested = ownGetNumThreads();
+    if (requested < 1) requested = 1;
+    char* scratch = nullptr;
+    if (scratchPerThread > 0) {
+        scratch = static_cast<char*>(omp_alloc(size_t(requested) * scratchPerThread, omp_default_mem_alloc));
+        if (scratch == nullptr) return body(int32_t(0), count, static_cast<char*>(nullptr));
+    }
+
+    OmkStatus result = omkStsOk;
+    int32_t team = 1;
+#pragma omp parallel num_threads(requested)
+    {
+#pragma omp master
+        team = omp_get_num_threads();
+#pragma omp barrier
+        const int32_t t = omp_get_thread_num();
+        const Slice s = sliceOf(count, team, t);
+        const OmkStatus st = body(s.first, s.count, scratch ? scratch + size_t(t) * scratchPerThread : nullptr);
+        if (st != omkStsOk) {
+#pragma omp critical(omk_status_merge)
+            if (result == omkStsOk) result = st;
+        }
+    }
+    if (scratch) omp_free(scratch, omp_default_mem_alloc);
+    return result;
+}
+
+}  // namespace omk

@@ -1,0 +1,268 @@
+// Tests of libomkcore: processor feature mask, largest cache size and thread budget.
+#include "omkcore.h"
+
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <omp.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+// This executable defines its own ownGetNumThreads, as the test programs of libomkm do to count
+// how often the budget is read. It forwards to the library's definition (the next one in lookup
+// order) so the tests below still see the real budget, and counts the calls that reach it.
+namespace {
+std::atomic<int> interposedCalls{0};
+}
+
+extern "C" int ownGetNumThreads(void) {
+    using Fn = int (*)(void);
+    static const Fn real = reinterpret_cast<Fn>(dlsym(RTLD_NEXT, "ownGetNumThreads"));
+    interposedCalls.fetch_add(1);
+    return real != nullptr ? real() : -1;
+}
+
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+// Processor features
+
+struct FeatureCase {
+    const char* name;
+    unsigned long long bit;
+    bool expected;
+};
+
+std::vector<FeatureCase> builtinFeatures() {
+    __builtin_cpu_init();
+    // __builtin_cpu_supports needs a string literal, hence one line per feature.
+    return {
+        {"sse2", omkCpuSSE2, __builtin_cpu_supports("sse2") != 0},
+        {"sse3", omkCpuSSE3, __builtin_cpu_supports("sse3") != 0},
+        {"ssse3", omkCpuSSSE3, __builtin_cpu_supports("ssse3") != 0},
+        {"sse4.1", omkCpuSSE41, __builtin_cpu_supports("sse4.1") != 0},
+        {"sse4.2", omkCpuSSE42, __builtin_cpu_supports("sse4.2") != 0},
+        {"avx", omkCpuAVX, __builtin_cpu_supports("avx") != 0},
+        {"avx2", omkCpuAVX2, __builtin_cpu_supports("avx2") != 0},
+        {"fma", omkCpuFMA, __builtin_cpu_supports("fma") != 0},
+        {"f16c", omkCpuF16C, __builtin_cpu_supports("f16c") != 0},
+        {"bmi", omkCpuBMI1, __builtin_cpu_supports("bmi") != 0},
+        {"bmi2", omkCpuBMI2, __builtin_cpu_supports("bmi2") != 0},
+        {"popcnt", omkCpuPOPCNT, __builtin_cpu_supports("popcnt") != 0},
+        {"avx512f", omkCpuAVX512F, __builtin_cpu_supports("avx512f") != 0},
+        {"avx512dq", omkCpuAVX512DQ, __builtin_cpu_supports("avx512dq") != 0},
+        {"avx512bw", omkCpuAVX512BW, __builtin_cpu_supports("avx512bw") != 0},
+        {"avx512vl", omkCpuAVX512VL, __builtin_cpu_supports("avx512vl") != 0},
+    };
+}
+
+TEST(CpuFeatures, EachBitMatchesCompilerRuntimeDetection) {
+    const unsigned long long mask = omkGetEnabledCpuFeatures();
+    for (const FeatureCase& f : builtinFeatures()) {
+        SCOPED_TRACE(f.name);
+        EXPECT_EQ((mask & f.bit) != 0, f.expected) << "mask = 0x" << std::hex << mask;
+    }
+}
+
+TEST(CpuFeatures, NoUndocumentedBitsSet) {
+    unsigned long long known = 0;
+    for (const FeatureCase& f : builtinFeatures()) known |= f.bit;
+    EXPECT_EQ(omkGetEnabledCpuFeatures() & ~known, 0ULL);
+}
+
+TEST(CpuFeatures, SameMaskFromEveryThread) {
+    const unsigned long long first = omkGetEnabledCpuFeatures();
+    std::vector<unsigned long long> seen(4, ~first);
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < seen.size(); ++i)
+        threads.emplace_back([&seen, i] { seen[i] = omkGetEnabledCpuFeatures(); });
+    for (std::thread& t : threads) t.join();
+    for (unsigned long long m : seen) EXPECT_EQ(m, first);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Largest cache
+
+long sysconfValue(int name) {
+    const long v = sysconf(name);
+    return v > 0 ? v : 0;
+}
+
+// Largest data or unified cache listed by the Linux kernel under /sys for any processor,
+// 0 when the kernel lists none. Sizes are written as "<n>K" (or "M").
+long long largestSysfsCache() {
+    long long largest = 0;
+    const long ncpu = std::max(1L, sysconf(_SC_NPROCESSORS_CONF));
+    for (long cpu = 0; cpu < ncpu; ++cpu) {
+        for (int index = 0; index < 16; ++index) {
+            const std::string dir = "/sys/devices/system/cpu/cpu" + std::to_string(cpu) +
+                                    "/cache/index" + std::to_string(index) + "/";
+            std::ifstream typeFile(dir + "type"), sizeFile(dir + "size");
+            if (!typeFile || !sizeFile) break;
+            std::string type, size;
+            typeFile >> type;
+            sizeFile >> size;
+            if (type != "Data" && type != "Unified") continue;
+            char* end = nullptr;
+            long long v = std::strtoll(size.c_str(), &end, 10);
+            if (end != nullptr && *end == 'K') v *= 1024;
+            else if (end != nullptr && *end == 'M') v *= 1024 * 1024;
+            largest = std::max(largest, v);
+        }
+    }
+    return largest;
+}
+
+TEST(MaxCacheSize, NullPointerIsRejected) {
+    EXPECT_EQ(omkGetMaxCacheSizeB(nullptr), omkStsNullPtr);
+    EXPECT_EQ(omkGetMaxCacheSizeB(nullptr), -8);
+}
+
+TEST(MaxCacheSize, AtLeastTheCachesTheCLibraryReports) {
+    int size = -12345;
+    ASSERT_EQ(omkGetMaxCacheSizeB(&size), omkStsOk);
+    EXPECT_GE(size, 0);
+    const long l1d = sysconfValue(_SC_LEVEL1_DCACHE_SIZE);
+    const long l2 = sysconfValue(_SC_LEVEL2_CACHE_SIZE);
+    const long l3 = sysconfValue(_SC_LEVEL3_CACHE_SIZE);
+    if (l1d > 0 || l2 > 0 || l3 > 0) {
+        EXPECT_GT(size, 0);
+    }
+    EXPECT_GE(static_cast<long>(size), std::min<long>(l1d, INT_MAX));
+    EXPECT_GE(static_cast<long>(size), std::min<long>(l2, INT_MAX));
+}
+
+TEST(MaxCacheSize, EqualsLargestCacheListedByKernel) {
+    const long long sysfs = largestSysfsCache();
+    if (sysfs == 0) GTEST_SKIP() << "no cache information under /sys/devices/system/cpu";
+    int size = 0;
+    ASSERT_EQ(omkGetMaxCacheSizeB(&size), omkStsOk);
+    EXPECT_EQ(static_cast<long long>(size), std::min<long long>(sysfs, INT_MAX));
+}
+
+TEST(MaxCacheSize, StableAcrossCalls) {
+    int a = -1, b = -2;
+    ASSERT_EQ(omkGetMaxCacheSizeB(&a), omkStsOk);
+    ASSERT_EQ(omkGetMaxCacheSizeB(&b), omkStsOk);
+    EXPECT_EQ(a, b);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Thread budget
+
+// Restores the OpenMP thread count and the library's default after every case.
+class ThreadBudget : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(omkSetNumThreads(0), omkStsOk);
+        savedOmp_ = omp_get_max_threads();
+    }
+    void TearDown() override {
+        omp_set_num_threads(savedOmp_);
+        omkSetNumThreads(0);
+    }
+    static int reported() {
+        int n = -777;
+        EXPECT_EQ(omkGetNumThreads(&n), omkStsOk);
+        return n;
+    }
+    int savedOmp_ = 1;
+};
+
+TEST_F(ThreadBudget, DefaultIsOpenMpMaximum) {
+    EXPECT_EQ(ownGetNumThreads(), omp_get_max_threads());
+    EXPECT_EQ(reported(), omp_get_max_threads());
+}
+
+TEST_F(ThreadBudget, DefaultFollowsOmpSetNumThreads) {
+    for (int n : {3, 7, 1}) {
+        SCOPED_TRACE(n);
+        omp_set_num_threads(n);
+        EXPECT_EQ(ownGetNumThreads(), n);
+        EXPECT_EQ(reported(), n);
+    }
+}
+
+TEST_F(ThreadBudget, FixedCountOverridesOpenMp) {
+    ASSERT_EQ(omkSetNumThreads(5), omkStsOk);
+    EXPECT_EQ(ownGetNumThreads(), 5);
+    EXPECT_EQ(reported(), 5);
+    omp_set_num_threads(3);
+    EXPECT_EQ(ownGetNumThreads(), 5);
+    EXPECT_EQ(reported(), 5);
+    ASSERT_EQ(omkSetNumThreads(1), omkStsOk);
+    EXPECT_EQ(ownGetNumThreads(), 1);
+    EXPECT_EQ(reported(), 1);
+}
+
+TEST_F(ThreadBudget, ZeroRestoresDefault) {
+    ASSERT_EQ(omkSetNumThreads(5), omkStsOk);
+    omp_set_num_threads(3);
+    ASSERT_EQ(omkSetNumThreads(0), omkStsOk);
+    EXPECT_EQ(ownGetNumThreads(), 3);
+    EXPECT_EQ(reported(), 3);
+    omp_set_num_threads(savedOmp_);
+    EXPECT_EQ(ownGetNumThreads(), savedOmp_);
+    EXPECT_EQ(reported(), savedOmp_);
+}
+
+TEST_F(ThreadBudget, NegativeIsRejectedAndChangesNothing) {
+    omp_set_num_threads(3);
+    EXPECT_EQ(omkSetNumThreads(-1), omkStsBadSize);
+    EXPECT_EQ(ownGetNumThreads(), 3);
+    EXPECT_EQ(reported(), 3);
+    omp_set_num_threads(2);  // still following the default
+    EXPECT_EQ(ownGetNumThreads(), 2);
+
+    ASSERT_EQ(omkSetNumThreads(5), omkStsOk);
+    EXPECT_EQ(omkSetNumThreads(-1), omkStsBadSize);
+    EXPECT_EQ(omkSetNumThreads(INT_MIN), omkStsBadSize);
+    EXPECT_EQ(omkSetNumThreads(-1), -6);
+    EXPECT_EQ(ownGetNumThreads(), 5);
+    EXPECT_EQ(reported(), 5);
+}
+
+TEST_F(ThreadBudget, NullPointerIsRejected) {
+    EXPECT_EQ(omkGetNumThreads(nullptr), omkStsNullPtr);
+}
+
+TEST_F(ThreadBudget, FixedCountIsProcessWide) {
+    ASSERT_EQ(omkSetNumThreads(5), omkStsOk);
+    int fromThread = 0, reportedFromThread = 0;
+    std::thread t([&] {
+        fromThread = ownGetNumThreads();
+        omkGetNumThreads(&reportedFromThread);
+    });
+    t.join();
+    EXPECT_EQ(fromThread, 5);
+    EXPECT_EQ(reportedFromThread, 5);
+
+    std::atomic<int> mismatches{0};
+#pragma omp parallel num_threads(2)
+    {
+        if (ownGetNumThreads() != 5) mismatches.fetch_add(1);
+    }
+    EXPECT_EQ(mismatches.load(), 0);
+}
+
+// omkGetNumThreads must not go through the exported ownGetNumThreads symbol: a program that
+// defines its own ownGetNumThreads (as this one does) would otherwise be asked for the budget.
+TEST_F(ThreadBudget, GetNumThreadsDoesNotCallInterposedSymbol) {
+    ASSERT_EQ(ownGetNumThreads(), omp_get_max_threads());  // the forwarder reaches the library
+    ASSERT_EQ(omkSetNumThreads(5), omkStsOk);
+    const int before = interposedCalls.load();
+    EXPECT_EQ(reported(), 5);
+    ASSERT_EQ(omkSetNumThreads(0), omkStsOk);
+    EXPECT_EQ(reported(), omp_get_max_threads());
+    EXPECT_EQ(interposedCalls.load(), before);
+}
+
+}  // namespace
