@@ -1,0 +1,210 @@
+// The frame: the parallel driver's split, status merge and scratch, the version record, wrapping
+// work figures, and the library's exported names.
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "elementwise/add_sub.h"
+#include "frame/parallel_driver.h"
+#include "omkm.h"
+#include "thread_budget_probe.h"
+
+namespace {
+
+struct SliceRun {
+    int first, m, thread, team;
+};
+
+// Runs the driver over `count` objects and records who took which slice.
+std::vector<SliceRun> recordSlices(int count, OmkStatus (*status)(int first) = nullptr, OmkStatus* result = nullptr) {
+    std::vector<SliceRun> runs;
+    std::mutex mu;
+    const OmkStatus st = omk::runOverObjects(count, [&](int32_t first, int32_t m, char*) {
+        std::lock_guard<std::mutex> lock(mu);
+        runs.push_back({first, m, omp_get_thread_num(), omp_get_num_threads()});
+        return status ? status(first) : omkStsOk;
+    });
+    if (result) *result = st;
+    std::sort(runs.begin(), runs.end(), [](const SliceRun& a, const SliceRun& b) { return a.first < b.first; });
+    return runs;
+}
+
+}  // namespace
+
+TEST(ParallelDriver, SliceArithmetic) {
+    const omk::Slice seven[] = {omk::sliceOf(7, 3, 0), omk::sliceOf(7, 3, 1), omk::sliceOf(7, 3, 2)};
+    EXPECT_EQ(seven[0].first, 0); EXPECT_EQ(seven[0].count, 3);
+    EXPECT_EQ(seven[1].first, 3); EXPECT_EQ(seven[1].count, 2);
+    EXPECT_EQ(seven[2].first, 5); EXPECT_EQ(seven[2].count, 2);
+    // count 10 over 4: objects 0-2, 3-5, 6-7, 8-9.
+    const int firsts[] = {0, 3, 6, 8}, counts[] = {3, 3, 2, 2};
+    for (int t = 0; t < 4; ++t) {
+        EXPECT_EQ(omk::sliceOf(10, 4, t).first, firsts[t]);
+        EXPECT_EQ(omk::sliceOf(10, 4, t).count, counts[t]);
+    }
+    // Slices cover every object once, in thread order.
+    for (int count : {5, 7, 64, 1001})
+        for (int team = 1; team <= 5 && team <= count; ++team) {
+            int next = 0;
+            for (int t = 0; t < team; ++t) {
+                const omk::Slice s = omk::sliceOf(count, team, t);
+                EXPECT_EQ(s.first, next);
+                next += s.count;
+            }
+            EXPECT_EQ(next, count);
+        }
+}
+
+TEST(ParallelDriver, SplitsSevenObjectsOverThreeThreads) {
+    probe::Budget three(3);
+    const std::vector<SliceRun> runs = recordSlices(7);
+    EXPECT_EQ(probe::calls(), 2);  // once to decide, once to size the team
+    ASSERT_EQ(runs.size(), 3u);
+    const int firsts[] = {0, 3, 5}, counts[] = {3, 2, 2};
+    for (int t = 0; t < 3; ++t) {
+        EXPECT_EQ(runs[t].first, firsts[t]);
+        EXPECT_EQ(runs[t].m, counts[t]);
+        EXPECT_EQ(runs[t].thread, t);  // slices in thread order
+        EXPECT_EQ(runs[t].team, 3);
+    }
+}
+
+TEST(ParallelDriver, RunsSeriallyBelowTwoThreadsOrWithFewerObjects) {
+    for (auto [budget, count] : {std::pair{1, 100}, std::pair{0, 100}, std::pair{4, 3}}) {
+        probe::Budget b(budget);
+        const std::vector<SliceRun> runs = recordSlices(count);
+        EXPECT_EQ(probe::calls(), 1);
+        ASSERT_EQ(runs.size(), 1u);
+        EXPECT_EQ(runs[0].first, 0);
+        EXPECT_EQ(runs[0].m, count);
+    }
+}
+
+TEST(ParallelDriver, InsideAParallelRegionATeamOfOneDoesEverything) {
+    probe::Budget four(4);
+    std::vector<std::vector<SliceRun>> perOuter(2);
+#pragma omp parallel num_threads(2)
+    perOuter[omp_get_thread_num()] = recordSlices(9);
+    for (const auto& runs : perOuter) {
+        ASSERT_EQ(runs.size(), 1u);
+        EXPECT_EQ(runs[0].first, 0);
+        EXPECT_EQ(runs[0].m, 9);
+        EXPECT_EQ(runs[0].team, 1);
+    }
+}
+
+TEST(ParallelDriver, FirstFailureStoredWinsAndEverySliceRuns) {
+    probe::Budget four(4);
+    OmkStatus st = omkStsOk;
+    // Only the slice starting at object 3 fails.
+    std::vector<SliceRun> runs = recordSlices(10, [](int first) -> OmkStatus { return first == 3 ? omkStsSingular : omkStsOk; }, &st);
+    EXPECT_EQ(st, omkStsSingular);
+    EXPECT_EQ(runs.size(), 4u);
+    // Two slices fail differently: the result is one of the two, and all slices still ran.
+    runs = recordSlices(10, [](int first) -> OmkStatus { return first == 0 ? omkStsSingular : first == 8 ? omkStsDivByZero : omkStsOk; }, &st);
+    EXPECT_TRUE(st == omkStsSingular || st == omkStsDivByZero) << st;
+    EXPECT_EQ(runs.size(), 4u);
+    // No failure: ok.
+    recordSlices(10, [](int) -> OmkStatus { return omkStsOk; }, &st);
+    EXPECT_EQ(st, omkStsOk);
+}
+
+TEST(ParallelDriver, ScratchIsOneBlockWithAPartPerThread) {
+    probe::Budget three(3);
+    std::vector<char*> parts;
+    std::mutex mu;
+    const size_t per = 1000;
+    const OmkStatus st = omk::runOverObjects(30, [&](int32_t, int32_t, char* scratch) {
+        std::memset(scratch, omp_get_thread_num() + 1, per);  // the whole part is writable
+        std::lock_guard<std::mutex> lock(mu);
+        parts.push_back(scratch);
+        return omkStsOk;
+    }, per);
+    EXPECT_EQ(st, omkStsOk);
+    ASSERT_EQ(parts.size(), 3u);
+    std::sort(parts.begin(), parts.end());
+    EXPECT_NE(parts[0], nullptr);
+    EXPECT_EQ(parts[1] - parts[0], ptrdiff_t(per));
+    EXPECT_EQ(parts[2] - parts[1], ptrdiff_t(per));
+    // The serial path gets no scratch: it uses the caller's buffer.
+    probe::setBudget(1);
+    omk::runOverObjects(30, [&](int32_t, int32_t, char* scratch) {
+        EXPECT_EQ(scratch, nullptr);
+        return omkStsOk;
+    }, per);
+}
+
+TEST(WorkFigures, WrapInSigned32BitAndAWrappedFigureStaysSerial) {
+    using namespace omk::addsub;
+    // 3 * 1 * 30000 * 30000 = 2.7e9 wraps to a negative figure.
+    const omk::Dims big{30000, 30000, 1};
+    const int64_t exact = 3LL * 30000 * 30000;
+    EXPECT_EQ(twoMatrixArrays(big), int32_t(uint32_t(uint64_t(exact))));
+    EXPECT_LT(twoMatrixArrays(big), 0);
+    EXPECT_FALSE(goesParallel<float>(kTwoMatrixArrays, Desc::Std, true, big));
+    // 2 * count past 2^31 wraps the cva figure.
+    const omk::Dims many{1, 1, 0x40000001};
+    EXPECT_EQ(constAndArray(many), int32_t(0x80000002u));
+    EXPECT_FALSE(goesParallel<double>(kConstAndArray, Desc::L, true, many));
+    // Small figures are exact.
+    EXPECT_EQ(matrixAndArray({4, 4, 94}), 3024);
+    EXPECT_EQ(vectorAndConstArray({5, 1, 7}), 5 * 8 + 7);
+    EXPECT_EQ(arrayAndConstArray({5, 1, 7}), 7 * 11);
+}
+
+TEST(VersionRecord, ExactValuesAndOnePointer) {
+    const OmkLibraryVersion* v = omkmGetLibVersion();
+    ASSERT_NE(v, nullptr);
+    EXPECT_EQ(v, omkmGetLibVersion());
+    EXPECT_EQ(v->major, 7);
+    EXPECT_EQ(v->minor, 1);
+    EXPECT_EQ(v->majorBuild, 1);
+    EXPECT_EQ(v->build, 37466);
+    EXPECT_EQ(0, std::memcmp(v->targetCpu, "z3\0\0", 4));
+    EXPECT_STREQ(v->name, "omkm AVX2 (z3)");
+    EXPECT_STREQ(v->version, "7.1.1 (r37466)");
+    EXPECT_STREQ(v->buildDate, "Sep 24 2012");
+}
+
+namespace {
+std::set<std::string> readNames(const std::string& path, bool mapFile) {
+    std::set<std::string> out;
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line)) {
+        line.erase(std::remove_if(line.begin(), line.end(), [](char c) { return c == ' ' || c == ';'; }), line.end());
+        if (line.rfind("omkm", 0) == 0) out.insert(line);
+        else if (!mapFile && !line.empty()) out.insert(line);
+    }
+    return out;
+}
+}  // namespace
+
+// The dynamic symbol table holds exactly the names built so far, all of them names of the API.
+TEST(Exports, DynamicSymbolTableIsTheBuiltList) {
+    const std::set<std::string> built = readNames(OMKM_EXPORTS_MAP, true);
+    const std::set<std::string> api = readNames(OMKM_EXPORTS_LIST, false);
+    ASSERT_EQ(api.size(), 874u) << "the API's name list was not found at " << OMKM_EXPORTS_LIST;
+    EXPECT_EQ(built.size(), 253u);
+    for (const std::string& n : built) EXPECT_TRUE(api.count(n)) << n << " is not an API name";
+
+    const std::string cmd = std::string("nm -D --defined-only '") + OMKM_LIBRARY_FILE + "'";
+    FILE* p = popen(cmd.c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    std::set<std::string> have;
+    char line[512];
+    while (std::fgets(line, sizeof line, p)) {
+        char addr[64], type[8], name[400];
+        if (std::sscanf(line, "%63s %7s %399s", addr, type, name) == 3) have.insert(name);
+    }
+    ASSERT_EQ(pclose(p), 0) << cmd;
+    EXPECT_EQ(have, built);
+}
