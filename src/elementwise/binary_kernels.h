@@ -92,18 +92,18 @@ inline void applyObject(const DO& d, const AO& a, const BO& b, int w, int h) {
     }
 }
 
-// Calls f with the compile-time shape of the straight-line kernels (square orders 3 to 6, vectors of
-// length 3 to 6) or with <0, 0> for every other shape.
-template <class F>
+// Calls f with the compile-time shape of the straight-line kernels — square orders 3 to 6 for
+// matrices, lengths 3 to 6 for vectors — or with <0, 0> for every other shape.
+template <bool Matrix, class F>
 inline void withShape(int w, int h, F&& f) {
     using std::integral_constant;
-    if ((w == h || h == 1) && w >= 3 && w <= 6) {
-        const bool vector = h == 1;
+    constexpr auto rows = [](auto n) { return integral_constant<int, Matrix ? decltype(n)::value : 1>{}; };
+    if ((Matrix ? w == h : h == 1) && w >= 3 && w <= 6) {
         switch (w) {
-        case 3: return vector ? f(integral_constant<int, 3>{}, integral_constant<int, 1>{}) : f(integral_constant<int, 3>{}, integral_constant<int, 3>{});
-        case 4: return vector ? f(integral_constant<int, 4>{}, integral_constant<int, 1>{}) : f(integral_constant<int, 4>{}, integral_constant<int, 4>{});
-        case 5: return vector ? f(integral_constant<int, 5>{}, integral_constant<int, 1>{}) : f(integral_constant<int, 5>{}, integral_constant<int, 5>{});
-        case 6: return vector ? f(integral_constant<int, 6>{}, integral_constant<int, 1>{}) : f(integral_constant<int, 6>{}, integral_constant<int, 6>{});
+        case 3: return f(integral_constant<int, 3>{}, rows(integral_constant<int, 3>{}));
+        case 4: return f(integral_constant<int, 4>{}, rows(integral_constant<int, 4>{}));
+        case 5: return f(integral_constant<int, 5>{}, rows(integral_constant<int, 5>{}));
+        case 6: return f(integral_constant<int, 6>{}, rows(integral_constant<int, 6>{}));
         }
     }
     f(integral_constant<int, 0>{}, integral_constant<int, 0>{});
@@ -144,7 +144,8 @@ void binarySerial(const D& d, const A& a, const B& b, int32_t w, int32_t h, int3
                     applyRun<Op>(runOf(d.obj(k)), runOf(a.obj(k)), runOf(b.obj(k)), ptrdiff_t(w) * h);
                 return;
             }
-            withShape(w, h, [&](auto W, auto H) {
+            // Vectors with packed elements are dense and never get here.
+            if constexpr (D::kMatrix) withShape<true>(w, h, [&](auto W, auto H) {
                 for (int32_t k = 0; k < count; ++k) {
                     if constexpr (W != 0) {
                         applyObject<W, H, Op>(unitCols(d.obj(k)), unitCols(a.obj(k)), unitCols(b.obj(k)), w, h);
@@ -159,7 +160,7 @@ void binarySerial(const D& d, const A& a, const B& b, int32_t w, int32_t h, int3
             return;
         }
     }
-    withShape(w, h, [&](auto W, auto H) {
+    withShape<D::kMatrix>(w, h, [&](auto W, auto H) {
         for (int32_t k = 0; k < count; ++k) applyObject<W, H, Op>(d.obj(k), a.obj(k), b.obj(k), w, h);
     });
 }

@@ -67,6 +67,7 @@ struct StdView {
     using Elem = T;
     static constexpr Layout kLayout = Layout::Strided;
     static constexpr bool kArray = Array;
+    static constexpr bool kMatrix = Matrix;
     T* p;
     int32_t s0, s1, s2;
     bool transposed;
@@ -102,6 +103,7 @@ struct LayoutView {
     using Elem = T;
     static constexpr Layout kLayout = Layout::Strided;
     static constexpr bool kArray = true;
+    static constexpr bool kMatrix = Matrix;
     T* const* pp;
     int32_t shift, s1, s2;
     bool transposed;
@@ -122,11 +124,12 @@ struct LayoutView {
 
 // Pointer description: pp holds one pointer per element in the stored matrix's row-major order;
 // object k is reached by adding shift + k*s0 to each of them.
-template <class T, bool Array>
+template <class T, bool Array, bool Matrix>
 struct PointerView {
     using Elem = T;
     static constexpr Layout kLayout = Layout::Scattered;
     static constexpr bool kArray = Array;
+    static constexpr bool kMatrix = Matrix;
     T* const* pp;
     int32_t shift, s0;
     int iStep, jStep;
@@ -153,6 +156,7 @@ struct ConstView {
     using Elem = const T;
     static constexpr Layout kLayout = Layout::Scalar;
     static constexpr bool kArray = false;
+    static constexpr bool kMatrix = false;
     T v;
 
     ScalarObject<T> obj(int32_t) const { return {v}; }
@@ -170,6 +174,7 @@ struct ConstArrayView {
     using Elem = T;
     static constexpr Layout kLayout = Layout::Scalar;
     static constexpr bool kArray = true;
+    static constexpr bool kMatrix = false;
     T* p;
     T* const* pp;
     int32_t s0, shift;
@@ -206,12 +211,12 @@ template <class T> LayoutView<T, false> vecArrL(T** pp, int32_t shift, int32_t s
 
 // Pointer tables are in the stored matrix's row-major order: width*height entries for a matrix,
 // and for a transposed operand the stored matrix has `width` rows of `height` entries.
-template <class T> PointerView<T, false> matP(T** pp, int32_t shift, int32_t w, int32_t) { return {pp, shift, 0, w, 1}; }
-template <class T> PointerView<T, false> tmatP(T** pp, int32_t shift, int32_t, int32_t h) { return {pp, shift, 0, 1, h}; }
-template <class T> PointerView<T, true> matArrP(T** pp, int32_t shift, int32_t s0, int32_t w, int32_t) { return {pp, shift, s0, w, 1}; }
-template <class T> PointerView<T, true> tmatArrP(T** pp, int32_t shift, int32_t s0, int32_t, int32_t h) { return {pp, shift, s0, 1, h}; }
-template <class T> PointerView<T, false> vecP(T** pp, int32_t shift) { return {pp, shift, 0, 0, 1}; }
-template <class T> PointerView<T, true> vecArrP(T** pp, int32_t shift, int32_t s0) { return {pp, shift, s0, 0, 1}; }
+template <class T> PointerView<T, false, true> matP(T** pp, int32_t shift, int32_t w, int32_t) { return {pp, shift, 0, w, 1}; }
+template <class T> PointerView<T, false, true> tmatP(T** pp, int32_t shift, int32_t, int32_t h) { return {pp, shift, 0, 1, h}; }
+template <class T> PointerView<T, true, true> matArrP(T** pp, int32_t shift, int32_t s0, int32_t w, int32_t) { return {pp, shift, s0, w, 1}; }
+template <class T> PointerView<T, true, true> tmatArrP(T** pp, int32_t shift, int32_t s0, int32_t, int32_t h) { return {pp, shift, s0, 1, h}; }
+template <class T> PointerView<T, false, false> vecP(T** pp, int32_t shift) { return {pp, shift, 0, 0, 1}; }
+template <class T> PointerView<T, true, false> vecArrP(T** pp, int32_t shift, int32_t s0) { return {pp, shift, s0, 0, 1}; }
 
 template <class T> ConstView<T> cnst(T v) { return {v}; }
 template <class T> ConstArrayView<T, false> cnstArr(T* p, int32_t s0) { return {p, nullptr, s0, 0}; }
