@@ -60,22 +60,35 @@ struct ScalarObject {
 
 // ---- operands ----
 
-// Standard description: base pointer and byte strides. Array: object k at p + k*s0.
-// Matrix: element (i, j) at i*s1 + j*s2 (transposed: j*s1 + i*s2). Vector: element j at j*s2.
+// Element steps of a matrix or vector: element (i, j) at i*s1 + j*s2 bytes from the object's start
+// (transposed: j*s1 + i*s2); a vector has no s1.
+template <class T>
+struct ElementSteps {
+    int32_t s1, s2;
+    bool transposed;
+
+    ptrdiff_t rowStep() const { return transposed ? s2 : s1; }
+    ptrdiff_t colStep() const { return transposed ? s1 : s2; }
+    // Each object is one packed run of width*height elements.
+    bool denseObjects(int32_t w, int32_t h) const {
+        return colStep() == ptrdiff_t(sizeof(T)) && (h == 1 || rowStep() == ptrdiff_t(w) * ptrdiff_t(sizeof(T)));
+    }
+    // The declared element stride is the element size.
+    bool contiguous() const { return s2 == int32_t(sizeof(T)); }
+};
+
+// Standard description: base pointer and byte strides; object k of an array at p + k*s0.
 template <class T, bool Array, bool Matrix>
-struct StdView {
+struct StdView : ElementSteps<T> {
     using Elem = T;
     static constexpr Layout kLayout = Layout::Strided;
     static constexpr bool kArray = Array;
     static constexpr bool kMatrix = Matrix;
     T* p;
-    int32_t s0, s1, s2;
-    bool transposed;
+    int32_t s0;
 
-    ptrdiff_t rowStep() const { return transposed ? s2 : s1; }
-    ptrdiff_t colStep() const { return transposed ? s1 : s2; }
     StridedObject<T> obj(int32_t k) const {
-        return {Array ? addBytes(p, offset32(k, s0)) : p, rowStep(), colStep()};
+        return {Array ? addBytes(p, offset32(k, s0)) : p, this->rowStep(), this->colStep()};
     }
     StdView from(int32_t first) const {
         StdView v = *this;
@@ -84,41 +97,30 @@ struct StdView {
     }
     // The whole array is one packed run of count*width*height elements.
     bool packed(int32_t w, int32_t h) const {
-        return Array && denseObjects(w, h) && ptrdiff_t(s0) == ptrdiff_t(w) * h * ptrdiff_t(sizeof(T));
+        return Array && this->denseObjects(w, h) && ptrdiff_t(s0) == ptrdiff_t(w) * h * ptrdiff_t(sizeof(T));
     }
-    bool denseObjects(int32_t w, int32_t h) const {
-        return colStep() == ptrdiff_t(sizeof(T)) && (h == 1 || rowStep() == ptrdiff_t(w) * ptrdiff_t(sizeof(T)));
-    }
-    bool contiguous() const { return s2 == int32_t(sizeof(T)); }
     bool hasNull() const { return p == nullptr; }
     bool stridesOk() const {
-        return (!Array || strideOk<T>(s0)) && (!Matrix || strideOk<T>(s1)) && strideOk<T>(s2);
+        return (!Array || strideOk<T>(s0)) && (!Matrix || strideOk<T>(this->s1)) && strideOk<T>(this->s2);
     }
     bool roiOk() const { return true; }
 };
 
 // Layout description (arrays only): object k at pp[k] + shift, elements by strides as above.
 template <class T, bool Matrix>
-struct LayoutView {
+struct LayoutView : ElementSteps<T> {
     using Elem = T;
     static constexpr Layout kLayout = Layout::Strided;
     static constexpr bool kArray = true;
     static constexpr bool kMatrix = Matrix;
     T* const* pp;
-    int32_t shift, s1, s2;
-    bool transposed;
+    int32_t shift;
 
-    ptrdiff_t rowStep() const { return transposed ? s2 : s1; }
-    ptrdiff_t colStep() const { return transposed ? s1 : s2; }
-    StridedObject<T> obj(int32_t k) const { return {addBytes(pp[k], shift), rowStep(), colStep()}; }
+    StridedObject<T> obj(int32_t k) const { return {addBytes(pp[k], shift), this->rowStep(), this->colStep()}; }
     LayoutView from(int32_t first) const { LayoutView v = *this; v.pp = pp + first; return v; }
     bool packed(int32_t, int32_t) const { return false; }
-    bool denseObjects(int32_t w, int32_t h) const {
-        return colStep() == ptrdiff_t(sizeof(T)) && (h == 1 || rowStep() == ptrdiff_t(w) * ptrdiff_t(sizeof(T)));
-    }
-    bool contiguous() const { return s2 == int32_t(sizeof(T)); }
     bool hasNull() const { return pp == nullptr; }
-    bool stridesOk() const { return (!Matrix || strideOk<T>(s1)) && strideOk<T>(s2); }
+    bool stridesOk() const { return (!Matrix || strideOk<T>(this->s1)) && strideOk<T>(this->s2); }
     bool roiOk() const { return roiShiftOk<T>(shift); }
 };
 
@@ -198,16 +200,16 @@ struct ConstArrayView {
 
 // ---- builders, named after the operand forms of the exported functions ----
 
-template <class T> StdView<T, false, true> mat(T* p, int32_t s1, int32_t s2) { return {p, 0, s1, s2, false}; }
-template <class T> StdView<T, false, true> tmat(T* p, int32_t s1, int32_t s2) { return {p, 0, s1, s2, true}; }
-template <class T> StdView<T, true, true> matArr(T* p, int32_t s0, int32_t s1, int32_t s2) { return {p, s0, s1, s2, false}; }
-template <class T> StdView<T, true, true> tmatArr(T* p, int32_t s0, int32_t s1, int32_t s2) { return {p, s0, s1, s2, true}; }
-template <class T> StdView<T, false, false> vec(T* p, int32_t s2) { return {p, 0, 0, s2, false}; }
-template <class T> StdView<T, true, false> vecArr(T* p, int32_t s0, int32_t s2) { return {p, s0, 0, s2, false}; }
+template <class T> StdView<T, false, true> mat(T* p, int32_t s1, int32_t s2) { return {{s1, s2, false}, p, 0}; }
+template <class T> StdView<T, false, true> tmat(T* p, int32_t s1, int32_t s2) { return {{s1, s2, true}, p, 0}; }
+template <class T> StdView<T, true, true> matArr(T* p, int32_t s0, int32_t s1, int32_t s2) { return {{s1, s2, false}, p, s0}; }
+template <class T> StdView<T, true, true> tmatArr(T* p, int32_t s0, int32_t s1, int32_t s2) { return {{s1, s2, true}, p, s0}; }
+template <class T> StdView<T, false, false> vec(T* p, int32_t s2) { return {{0, s2, false}, p, 0}; }
+template <class T> StdView<T, true, false> vecArr(T* p, int32_t s0, int32_t s2) { return {{0, s2, false}, p, s0}; }
 
-template <class T> LayoutView<T, true> matArrL(T** pp, int32_t shift, int32_t s1, int32_t s2) { return {pp, shift, s1, s2, false}; }
-template <class T> LayoutView<T, true> tmatArrL(T** pp, int32_t shift, int32_t s1, int32_t s2) { return {pp, shift, s1, s2, true}; }
-template <class T> LayoutView<T, false> vecArrL(T** pp, int32_t shift, int32_t s2) { return {pp, shift, 0, s2, false}; }
+template <class T> LayoutView<T, true> matArrL(T** pp, int32_t shift, int32_t s1, int32_t s2) { return {{s1, s2, false}, pp, shift}; }
+template <class T> LayoutView<T, true> tmatArrL(T** pp, int32_t shift, int32_t s1, int32_t s2) { return {{s1, s2, true}, pp, shift}; }
+template <class T> LayoutView<T, false> vecArrL(T** pp, int32_t shift, int32_t s2) { return {{0, s2, false}, pp, shift}; }
 
 // Pointer tables are in the stored matrix's row-major order: width*height entries for a matrix,
 // and for a transposed operand the stored matrix has `width` rows of `height` entries.
