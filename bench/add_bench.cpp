@@ -207,67 +207,28 @@ void finish(benchmark::State& state, size_t objects, size_t objectBytes, int thr
     state.counters["threads"] = threads;
 }
 
-void BM_omkmMatrices(benchmark::State& state, int count, int budget) {
-    Operands<float>& o = operands<float>(size_t(count) * kMatElems);
-    const int threads = applyBudget(budget);
-    for (auto _ : state) {
-        OmkStatus st = omkmMatrices(o, count);
-        benchmark::DoNotOptimize(st);
-        benchmark::ClobberMemory();
-    }
-    applyBudget(0);
-    finish(state, count, kMatObjStride, threads);
-}
-
-void BM_omkmVectors(benchmark::State& state, int count, int budget) {
-    Operands<double>& o = operands<double>(size_t(count) * kVecLen);
-    const int threads = applyBudget(budget);
-    for (auto _ : state) {
-        OmkStatus st = omkmVectors(o, count);
-        benchmark::DoNotOptimize(st);
-        benchmark::ClobberMemory();
-    }
-    applyBudget(0);
-    finish(state, count, kVecObjStride, threads);
-}
-
-void BM_plainMatrices(benchmark::State& state, int count) {
-    Operands<float>& o = operands<float>(size_t(count) * kMatElems);
-    for (auto _ : state) {
-        plainMatrices(o, count);
-        benchmark::ClobberMemory();
-    }
-    finish(state, count, kMatObjStride, 1);
-}
-
-void BM_plainVectors(benchmark::State& state, int count) {
-    Operands<double>& o = operands<double>(size_t(count) * kVecLen);
-    for (auto _ : state) {
-        plainVectors(o, count);
-        benchmark::ClobberMemory();
-    }
-    finish(state, count, kVecObjStride, 1);
-}
+// The library's calls as timed bodies (their status is kept live).
+void omkmMatricesBody(Operands<float>& o, int count) { benchmark::DoNotOptimize(omkmMatrices(o, count)); }
+void omkmVectorsBody(Operands<double>& o, int count) { benchmark::DoNotOptimize(omkmVectors(o, count)); }
 
 #ifdef OMKM_BENCH_HAVE_EIGEN
-void BM_eigenMatrices(benchmark::State& state, int count) {
-    Operands<float>& o = operands<float>(size_t(count) * kMatElems);
-    for (auto _ : state) {
-        eigenAddMatrices4f(o.a.get(), o.b.get(), o.d.get(), count);
-        benchmark::ClobberMemory();
-    }
-    finish(state, count, kMatObjStride, 1);
-}
-
-void BM_eigenVectors(benchmark::State& state, int count) {
-    Operands<double>& o = operands<double>(size_t(count) * kVecLen);
-    for (auto _ : state) {
-        eigenAddVectors16d(o.a.get(), o.b.get(), o.d.get(), count);
-        benchmark::ClobberMemory();
-    }
-    finish(state, count, kVecObjStride, 1);
-}
+void eigenMatrices(Operands<float>& o, int count) { eigenAddMatrices4f(o.a.get(), o.b.get(), o.d.get(), count); }
+void eigenVectors(Operands<double>& o, int count) { eigenAddVectors16d(o.a.get(), o.b.get(), o.d.get(), count); }
 #endif
+
+// One timed case: `run` over `count` objects of `objectElems` elements. For library calls, budget
+// is the thread budget (0: the library's default); baselines pass -1 and run on one thread.
+template <class T>
+void BM_case(benchmark::State& state, int count, int objectElems, void (*run)(Operands<T>&, int), int budget) {
+    Operands<T>& o = operands<T>(size_t(count) * objectElems);
+    const int threads = budget >= 0 ? applyBudget(budget) : 1;
+    for (auto _ : state) {
+        run(o, count);
+        benchmark::ClobberMemory();
+    }
+    if (budget >= 0) applyBudget(0);
+    finish(state, count, objectElems * sizeof(T), threads);
+}
 
 // The STREAM arrays are their own buffers (not shared with a case), first touched by the same
 // static split of threads that later reads them.
@@ -334,9 +295,8 @@ bool checkAll() {
         ok &= sameAsSum("plain matrix loop", m, [&] { plainMatrices(m, count); });
         ok &= sameAsSum("plain vector loop", v, [&] { plainVectors(v, count); });
 #ifdef OMKM_BENCH_HAVE_EIGEN
-        ok &= sameAsSum("Eigen Matrix4f loop", m, [&] { eigenAddMatrices4f(m.a.get(), m.b.get(), m.d.get(), count); });
-        ok &= sameAsSum("Eigen 16x1 double loop", v,
-                        [&] { eigenAddVectors16d(v.a.get(), v.b.get(), v.d.get(), count); });
+        ok &= sameAsSum("Eigen Matrix4f loop", m, [&] { eigenMatrices(m, count); });
+        ok &= sameAsSum("Eigen 16x1 double loop", v, [&] { eigenVectors(v, count); });
 #endif
     }
     // A library call that refuses its arguments writes nothing, which the comparison above
@@ -394,21 +354,27 @@ int main(int argc, char** argv) {
     const int maxThreads = omp_get_max_threads();
 
     for (int count : {kInCache, kOutOfCache}) {
-        const std::string n = std::to_string(count);
-        add(benchmark::RegisterBenchmark(("BM_omkm_Add_mama_32f/" + n + "/threads:1").c_str(), BM_omkmMatrices, count, 1));
-        add(benchmark::RegisterBenchmark(("BM_omkm_Add_mama_32f/" + n + "/threads:default").c_str(), BM_omkmMatrices, count, 0));
-        add(benchmark::RegisterBenchmark(("BM_plain_Add_mama_32f/" + n).c_str(), BM_plainMatrices, count));
+        const std::string n = "/" + std::to_string(count);
+        auto matrices = [&](const std::string& name, void (*run)(Operands<float>&, int), int budget) {
+            add(benchmark::RegisterBenchmark(name.c_str(), BM_case<float>, count, kMatElems, run, budget));
+        };
+        matrices("BM_omkm_Add_mama_32f" + n + "/threads:1", omkmMatricesBody, 1);
+        matrices("BM_omkm_Add_mama_32f" + n + "/threads:default", omkmMatricesBody, 0);
+        matrices("BM_plain_Add_mama_32f" + n, plainMatrices, -1);
 #ifdef OMKM_BENCH_HAVE_EIGEN
-        add(benchmark::RegisterBenchmark(("BM_eigen_Add_mama_32f/" + n).c_str(), BM_eigenMatrices, count));
+        matrices("BM_eigen_Add_mama_32f" + n, eigenMatrices, -1);
 #endif
     }
     for (int count : {kInCache, kOutOfCache}) {
-        const std::string n = std::to_string(count);
-        add(benchmark::RegisterBenchmark(("BM_omkm_Add_vava_64f/" + n + "/threads:1").c_str(), BM_omkmVectors, count, 1));
-        add(benchmark::RegisterBenchmark(("BM_omkm_Add_vava_64f/" + n + "/threads:default").c_str(), BM_omkmVectors, count, 0));
-        add(benchmark::RegisterBenchmark(("BM_plain_Add_vava_64f/" + n).c_str(), BM_plainVectors, count));
+        const std::string n = "/" + std::to_string(count);
+        auto vectors = [&](const std::string& name, void (*run)(Operands<double>&, int), int budget) {
+            add(benchmark::RegisterBenchmark(name.c_str(), BM_case<double>, count, kVecLen, run, budget));
+        };
+        vectors("BM_omkm_Add_vava_64f" + n + "/threads:1", omkmVectorsBody, 1);
+        vectors("BM_omkm_Add_vava_64f" + n + "/threads:default", omkmVectorsBody, 0);
+        vectors("BM_plain_Add_vava_64f" + n, plainVectors, -1);
 #ifdef OMKM_BENCH_HAVE_EIGEN
-        add(benchmark::RegisterBenchmark(("BM_eigen_Add_vava_64f/" + n).c_str(), BM_eigenVectors, count));
+        vectors("BM_eigen_Add_vava_64f" + n, eigenVectors, -1);
 #endif
     }
     const std::string ns = std::to_string(kStreamElems);
