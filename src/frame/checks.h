@@ -25,8 +25,11 @@ struct CheckOrder {
 inline constexpr CheckOrder kDefaultOrder{Check::Null, Check::Count, Check::Size, Check::Stride,
                                           Check::RoiShift};
 
+// Inlined into each entry point, where the order is a constant: the loop then unrolls into the
+// member's sequence of tests.
 template <class... View>
-OmkStatus firstFailure(const CheckOrder& order, const Dims& d, const View&... v) {
+[[gnu::always_inline]] inline OmkStatus firstFailure(const CheckOrder& order, const Dims& d, const View&... v) {
+#pragma GCC unroll 5
     for (uint8_t s = 0; s < order.n; ++s) {
         switch (order.step[s]) {
         case Check::Null:
