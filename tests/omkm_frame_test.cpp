@@ -40,22 +40,23 @@ std::vector<SliceRun> recordSlices(int count, OmkStatus (*status)(int first) = n
 }  // namespace
 
 TEST(ParallelDriver, SliceArithmetic) {
-    const omk::Slice seven[] = {omk::sliceOf(7, 3, 0), omk::sliceOf(7, 3, 1), omk::sliceOf(7, 3, 2)};
+    const omk::Split sevenOverThree = omk::Split::over(7, 3);
+    const omk::Slice seven[] = {sevenOverThree.of(0), sevenOverThree.of(1), sevenOverThree.of(2)};
     EXPECT_EQ(seven[0].first, 0); EXPECT_EQ(seven[0].count, 3);
     EXPECT_EQ(seven[1].first, 3); EXPECT_EQ(seven[1].count, 2);
     EXPECT_EQ(seven[2].first, 5); EXPECT_EQ(seven[2].count, 2);
     // count 10 over 4: objects 0-2, 3-5, 6-7, 8-9.
     const int firsts[] = {0, 3, 6, 8}, counts[] = {3, 3, 2, 2};
     for (int t = 0; t < 4; ++t) {
-        EXPECT_EQ(omk::sliceOf(10, 4, t).first, firsts[t]);
-        EXPECT_EQ(omk::sliceOf(10, 4, t).count, counts[t]);
+        EXPECT_EQ(omk::Split::over(10, 4).of(t).first, firsts[t]);
+        EXPECT_EQ(omk::Split::over(10, 4).of(t).count, counts[t]);
     }
     // Slices cover every object once, in thread order.
     for (int count : {5, 7, 64, 1001})
         for (int team = 1; team <= 5 && team <= count; ++team) {
             int next = 0;
             for (int t = 0; t < team; ++t) {
-                const omk::Slice s = omk::sliceOf(count, team, t);
+                const omk::Slice s = omk::Split::over(count, team).of(t);
                 EXPECT_EQ(s.first, next);
                 next += s.count;
             }
@@ -186,6 +187,22 @@ std::set<std::string> readNames(const std::string& path, bool mapFile) {
     }
     return out;
 }
+
+// Names in a shared library's dynamic symbol table, as nm lists them.
+std::set<std::string> definedSymbols(const std::string& library) {
+    const std::string cmd = "nm -D --defined-only '" + library + "'";
+    std::set<std::string> have;
+    FILE* p = popen(cmd.c_str(), "r");
+    if (p == nullptr) return have;
+    char line[512];
+    while (std::fgets(line, sizeof line, p)) {
+        char addr[64], type[8], name[400];
+        if (std::sscanf(line, "%63s %7s %399s", addr, type, name) == 3) have.insert(name);
+    }
+    if (pclose(p) != 0) have.clear();
+    return have;
+}
+
 }  // namespace
 
 // The dynamic symbol table holds exactly the names built so far, all of them names of the API.
@@ -196,15 +213,13 @@ TEST(Exports, DynamicSymbolTableIsTheBuiltList) {
     EXPECT_EQ(built.size(), 253u);
     for (const std::string& n : built) EXPECT_TRUE(api.count(n)) << n << " is not an API name";
 
-    const std::string cmd = std::string("nm -D --defined-only '") + OMKM_LIBRARY_FILE + "'";
-    FILE* p = popen(cmd.c_str(), "r");
-    ASSERT_NE(p, nullptr);
-    std::set<std::string> have;
-    char line[512];
-    while (std::fgets(line, sizeof line, p)) {
-        char addr[64], type[8], name[400];
-        if (std::sscanf(line, "%63s %7s %399s", addr, type, name) == 3) have.insert(name);
-    }
-    ASSERT_EQ(pclose(p), 0) << cmd;
+    const std::set<std::string> have = definedSymbols(OMKM_LIBRARY_FILE);
     EXPECT_EQ(have, built);
+}
+
+TEST(Exports, CoreLibraryExportsItsEntryPoints) {
+    const std::set<std::string> have = definedSymbols(OMKCORE_LIBRARY_FILE);
+    const std::set<std::string> want = {"omkGetEnabledCpuFeatures", "omkGetMaxCacheSizeB", "omkSetNumThreads",
+                                        "omkGetNumThreads", "ownGetNumThreads"};
+    EXPECT_EQ(have, want);
 }

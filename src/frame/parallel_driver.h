@@ -11,15 +11,18 @@
 
 namespace omk {
 
-// Objects of thread t in a team of n: the first count % n threads take one object more, and the
-// slices follow each other in thread order.
+// The split of `count` objects over a team: `chunk` objects each, and one more for the first `rem`
+// threads, so the slices follow each other in thread order.
 struct Slice {
     int32_t first, count;
 };
-constexpr Slice sliceOf(int32_t count, int32_t team, int32_t t) {
-    const int32_t chunk = count / team, rem = count % team;
-    return t < rem ? Slice{(chunk + 1) * t, chunk + 1} : Slice{(chunk + 1) * rem + (t - rem) * chunk, chunk};
-}
+struct Split {
+    int32_t team, chunk, rem;
+    static constexpr Split over(int32_t count, int32_t team) { return {team, count / team, count % team}; }
+    constexpr Slice of(int32_t t) const {
+        return t < rem ? Slice{(chunk + 1) * t, chunk + 1} : Slice{(chunk + 1) * rem + (t - rem) * chunk, chunk};
+    }
+};
 
 // Runs body(first, m, scratch) over all objects and returns the first non-zero status any slice
 // stored (omkStsOk when none failed).
@@ -46,14 +49,15 @@ OmkStatus runOverObjects(int32_t count, Body&& body, size_t scratchPerThread = 0
     }
 
     OmkStatus result = omkStsOk;
-    int32_t team = 1;
+    Split split{1, count, 0};
 #pragma omp parallel num_threads(requested)
     {
+        // The master publishes the split over the team the runtime granted.
 #pragma omp master
-        team = omp_get_num_threads();
+        split = Split::over(count, omp_get_num_threads());
 #pragma omp barrier
         const int32_t t = omp_get_thread_num();
-        const Slice s = sliceOf(count, team, t);
+        const Slice s = split.of(t);
         const OmkStatus st = body(s.first, s.count, scratch ? scratch + size_t(t) * scratchPerThread : nullptr);
         if (st != omkStsOk) {
 #pragma omp critical(omk_status_merge)
