@@ -97,13 +97,14 @@ inline void applyObject(const DO& d, const AO& a, const BO& b, int w, int h) {
 template <bool Matrix, class F>
 inline void withShape(int w, int h, F&& f) {
     using std::integral_constant;
-    constexpr auto rows = [](auto n) { return integral_constant<int, Matrix ? decltype(n)::value : 1>{}; };
+    // Order n: n x n for matrices, n x 1 for vectors.
+    const auto order = [&](auto n) { f(n, integral_constant<int, Matrix ? decltype(n)::value : 1>{}); };
     if ((Matrix ? w == h : h == 1) && w >= 3 && w <= 6) {
         switch (w) {
-        case 3: return f(integral_constant<int, 3>{}, rows(integral_constant<int, 3>{}));
-        case 4: return f(integral_constant<int, 4>{}, rows(integral_constant<int, 4>{}));
-        case 5: return f(integral_constant<int, 5>{}, rows(integral_constant<int, 5>{}));
-        case 6: return f(integral_constant<int, 6>{}, rows(integral_constant<int, 6>{}));
+        case 3: return order(integral_constant<int, 3>{});
+        case 4: return order(integral_constant<int, 4>{});
+        case 5: return order(integral_constant<int, 5>{});
+        case 6: return order(integral_constant<int, 6>{});
         }
     }
     f(integral_constant<int, 0>{}, integral_constant<int, 0>{});
