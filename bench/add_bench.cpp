@@ -214,6 +214,11 @@ void omkmVectorsBody(Operands<double>& o, int count) { benchmark::DoNotOptimize(
 #ifdef OMKM_BENCH_HAVE_EIGEN
 void eigenMatrices(Operands<float>& o, int count) { eigenAddMatrices4f(o.a.get(), o.b.get(), o.d.get(), count); }
 void eigenVectors(Operands<double>& o, int count) { eigenAddVectors16d(o.a.get(), o.b.get(), o.d.get(), count); }
+constexpr void (*eigenMatricesBody)(Operands<float>&, int) = eigenMatrices;
+constexpr void (*eigenVectorsBody)(Operands<double>&, int) = eigenVectors;
+#else
+constexpr void (*eigenMatricesBody)(Operands<float>&, int) = nullptr;
+constexpr void (*eigenVectorsBody)(Operands<double>&, int) = nullptr;
 #endif
 
 // One timed case: `run` over `count` objects of `objectElems` elements. For library calls, budget
@@ -262,6 +267,24 @@ void BM_streamAdd(benchmark::State& state, int threads) {
     state.SetBytesProcessed(int64_t(state.iterations()) * 3 * int64_t(kStreamElems * sizeof(double)));
     state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(kStreamElems));
     state.counters["threads"] = threads;
+}
+
+// The rows of one case at both counts: the library at a budget of one thread and at its default,
+// the plain loop, and Eigen when it is there.
+template <class T>
+void addCase(std::vector<benchmark::internal::Benchmark*>& all, const std::string& member, int objectElems,
+             void (*omkmBody)(Operands<T>&, int), void (*plainBody)(Operands<T>&, int),
+             void (*eigenBody)(Operands<T>&, int)) {
+    for (int count : {kInCache, kOutOfCache}) {
+        const std::string n = "/" + std::to_string(count);
+        auto row = [&](const std::string& name, void (*run)(Operands<T>&, int), int budget) {
+            all.push_back(benchmark::RegisterBenchmark(name.c_str(), BM_case<T>, count, objectElems, run, budget));
+        };
+        row("BM_omkm_" + member + n + "/threads:1", omkmBody, 1);
+        row("BM_omkm_" + member + n + "/threads:default", omkmBody, 0);
+        row("BM_plain_" + member + n, plainBody, -1);
+        if (eigenBody) row("BM_eigen_" + member + n, eigenBody, -1);
+    }
 }
 
 // ---- result check (before any timing) ----
@@ -353,30 +376,8 @@ int main(int argc, char** argv) {
     auto add = [&](benchmark::internal::Benchmark* b) { all.push_back(b); };
     const int maxThreads = omp_get_max_threads();
 
-    for (int count : {kInCache, kOutOfCache}) {
-        const std::string n = "/" + std::to_string(count);
-        auto matrices = [&](const std::string& name, void (*run)(Operands<float>&, int), int budget) {
-            add(benchmark::RegisterBenchmark(name.c_str(), BM_case<float>, count, kMatElems, run, budget));
-        };
-        matrices("BM_omkm_Add_mama_32f" + n + "/threads:1", omkmMatricesBody, 1);
-        matrices("BM_omkm_Add_mama_32f" + n + "/threads:default", omkmMatricesBody, 0);
-        matrices("BM_plain_Add_mama_32f" + n, plainMatrices, -1);
-#ifdef OMKM_BENCH_HAVE_EIGEN
-        matrices("BM_eigen_Add_mama_32f" + n, eigenMatrices, -1);
-#endif
-    }
-    for (int count : {kInCache, kOutOfCache}) {
-        const std::string n = "/" + std::to_string(count);
-        auto vectors = [&](const std::string& name, void (*run)(Operands<double>&, int), int budget) {
-            add(benchmark::RegisterBenchmark(name.c_str(), BM_case<double>, count, kVecLen, run, budget));
-        };
-        vectors("BM_omkm_Add_vava_64f" + n + "/threads:1", omkmVectorsBody, 1);
-        vectors("BM_omkm_Add_vava_64f" + n + "/threads:default", omkmVectorsBody, 0);
-        vectors("BM_plain_Add_vava_64f" + n, plainVectors, -1);
-#ifdef OMKM_BENCH_HAVE_EIGEN
-        vectors("BM_eigen_Add_vava_64f" + n, eigenVectors, -1);
-#endif
-    }
+    addCase<float>(all, "Add_mama_32f", kMatElems, omkmMatricesBody, plainMatrices, eigenMatricesBody);
+    addCase<double>(all, "Add_vava_64f", kVecLen, omkmVectorsBody, plainVectors, eigenVectorsBody);
     const std::string ns = std::to_string(kStreamElems);
     add(benchmark::RegisterBenchmark(("BM_stream_add_64f/" + ns + "/threads:1").c_str(), BM_streamAdd, 1));
     if (maxThreads > 1)
