@@ -58,7 +58,7 @@ void runAndVerify(Case& c, OmkStatus want = omkStsOk) {
     std::vector<bool> isDst(before.size(), false);
     if (want == omkStsOk) {
         for (int k = 0; k < c.objects(); ++k)
-            for (int i = 0; i < (c.dst.kind == 'v' ? 1 : c.height); ++i)
+            for (int i = 0; i < c.rows(); ++i)
                 for (int j = 0; j < c.width; ++j) {
                     const size_t off = c.dst.offset(k, i, j);
                     const double want = expected(c, k, i, j);

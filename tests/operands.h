@@ -8,6 +8,7 @@
 // A call is made from an argument list (ArgList) built in the library's argument order and passed
 // to the exported function through its real signature, so one test can walk every member.
 #pragma once
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -163,6 +164,7 @@ struct Case {
     ArgList args;
 
     int objects() const { return m->hasArray() ? count : 1; }
+    int rows() const { return m->isMatrix() ? height : 1; }  // rows of the operation's result
 };
 
 // Element value of a source operand: a double that the test puts into memory in the element type.
@@ -219,7 +221,7 @@ inline void build(Case& c, const std::vector<Style>& styles, std::mt19937& rng) 
         }
         for (int k = 0; k < (o.array ? c.count : 1); ++k) {
             if (o.kind == 'c') { put(o.base + size_t(k) * o.s0, sourceValue(rng)); continue; }
-            for (int i = 0; i < (o.kind == 'v' ? 1 : c.height); ++i)
+            for (int i = 0; i < c.rows(); ++i)
                 for (int j = 0; j < c.width; ++j) put(o.offset(k, i, j), sourceValue(rng));
         }
     }
@@ -232,7 +234,6 @@ inline void build(Case& c, const std::vector<Style>& styles, std::mt19937& rng) 
     a.args.clear();
     auto arg = [&](ArgKind k, int64_t v) { Arg x{k}; x.i = v; a.args.push_back(x); };
     auto ptr = [&](ArgKind k, void* p) { Arg x{k}; x.ptr = p; a.args.push_back(x); };
-    const ArgKind strideKind = ArgKind::Stride;
     auto block = [&](Operand& o, ArgKind pk) {
         unsigned char* base = c.arena.at(o.base);
         const bool mat = o.kind == 'm' || o.kind == 't';
@@ -245,7 +246,7 @@ inline void build(Case& c, const std::vector<Style>& styles, std::mt19937& rng) 
                 arg(ArgKind::Roi, o.roi);
             } else {
                 ptr(ArgKind::ValPtr, base);
-                arg(strideKind, o.s0);
+                arg(ArgKind::Stride, o.s0);
             }
             return;
         }
@@ -257,7 +258,7 @@ inline void build(Case& c, const std::vector<Style>& styles, std::mt19937& rng) 
                     c.tables.back().push_back(base + ptrdiff_t(r) * o.s1 + ptrdiff_t(col) * o.s2 - o.roi);
             ptr(pk, c.tables.back().data());
             arg(ArgKind::Roi, o.roi);
-            if (o.array) arg(strideKind, o.s0);
+            if (o.array) arg(ArgKind::Stride, o.s0);
             return;
         }
         if (m.desc == Desc::L && o.array) {
@@ -265,14 +266,14 @@ inline void build(Case& c, const std::vector<Style>& styles, std::mt19937& rng) 
             for (int k = 0; k < c.count; ++k) c.tables.back().push_back(base + ptrdiff_t(k) * o.s0 - o.roi);
             ptr(pk, c.tables.back().data());
             arg(ArgKind::Roi, o.roi);
-            if (mat) arg(strideKind, o.s1);
-            arg(strideKind, o.s2);
+            if (mat) arg(ArgKind::Stride, o.s1);
+            arg(ArgKind::Stride, o.s2);
             return;
         }
         ptr(pk, base);
-        if (o.array) arg(strideKind, o.s0);
-        if (mat) arg(strideKind, o.s1);
-        arg(strideKind, o.s2);
+        if (o.array) arg(ArgKind::Stride, o.s0);
+        if (mat) arg(ArgKind::Stride, o.s1);
+        arg(ArgKind::Stride, o.s2);
     };
     for (Operand& o : c.srcs)
         if (o.kind != 'c') block(o, ArgKind::SrcPtr);
@@ -290,12 +291,8 @@ inline void build(Case& c, const std::vector<Style>& styles, std::mt19937& rng) 
 
 // Value of element (i, j) of object k of a source, in double (exact for both element types).
 inline double sourceAt(Case& c, const Operand& o, int k, int i, int j) {
-    if (o.kind == 'c') {
-        if (!o.array) return o.val;
-        const unsigned char* p = c.arena.at(o.base + size_t(k) * o.s0);
-        return c.m->esize == 4 ? double(load<float>(p)) : load<double>(p);
-    }
-    const unsigned char* p = c.arena.at(o.offset(k, i, j));
+    if (o.kind == 'c' && !o.array) return o.val;
+    const unsigned char* p = c.arena.at(o.kind == 'c' ? o.base + size_t(k) * o.s0 : o.offset(k, i, j));
     return c.m->esize == 4 ? double(load<float>(p)) : load<double>(p);
 }
 

@@ -158,7 +158,6 @@ struct ConstView {
     using Elem = const T;
     static constexpr Layout kLayout = Layout::Scalar;
     static constexpr bool kArray = false;
-    static constexpr bool kMatrix = false;
     T v;
 
     ScalarObject<T> obj(int32_t) const { return {v}; }
@@ -176,7 +175,6 @@ struct ConstArrayView {
     using Elem = T;
     static constexpr Layout kLayout = Layout::Scalar;
     static constexpr bool kArray = true;
-    static constexpr bool kMatrix = false;
     T* p;
     T* const* pp;
     int32_t s0, shift;
