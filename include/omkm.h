@@ -900,6 +900,652 @@ OMKM_API OmkStatus omkmSub_v3_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk3
 /* Sub v4: fixed length 4, no checks */
 OMKM_API OmkStatus omkmSub_v4_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f* pDst);
 
+/* ---- Mul: dst = first * second, matrices and vectors ---- */
+
+/* Mul mm: matrix times matrix */
+OMKM_API OmkStatus omkmMul_mm_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                  int src1Height, const Omk32f* pSrc2, int src2Stride1, int src2Stride2,
+                                  int src2Width, int src2Height, Omk32f* pDst, int dstStride1, int dstStride2);
+OMKM_API OmkStatus omkmMul_mm_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                    const Omk32f** ppSrc2, int src2RoiShift, int src2Width, int src2Height,
+                                    Omk32f** ppDst, int dstRoiShift);
+OMKM_API OmkStatus omkmMul_mm_64f(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                  int src1Height, const Omk64f* pSrc2, int src2Stride1, int src2Stride2,
+                                  int src2Width, int src2Height, Omk64f* pDst, int dstStride1, int dstStride2);
+OMKM_API OmkStatus omkmMul_mm_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                    const Omk64f** ppSrc2, int src2RoiShift, int src2Width, int src2Height,
+                                    Omk64f** ppDst, int dstRoiShift);
+/* Mul mt: matrix times transposed matrix */
+OMKM_API OmkStatus omkmMul_mt_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                  int src1Height, const Omk32f* pSrc2, int src2Stride1, int src2Stride2,
+                                  int src2Width, int src2Height, Omk32f* pDst, int dstStride1, int dstStride2);
+OMKM_API OmkStatus omkmMul_mt_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                    const Omk32f** ppSrc2, int src2RoiShift, int src2Width, int src2Height,
+                                    Omk32f** ppDst, int dstRoiShift);
+OMKM_API OmkStatus omkmMul_mt_64f(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                  int src1Height, const Omk64f* pSrc2, int src2Stride1, int src2Stride2,
+                                  int src2Width, int src2Height, Omk64f* pDst, int dstStride1, int dstStride2);
+OMKM_API OmkStatus omkmMul_mt_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                    const Omk64f** ppSrc2, int src2RoiShift, int src2Width, int src2Height,
+                                    Omk64f** ppDst, int dstRoiShift);
+/* Mul tm: transposed matrix times matrix */
+OMKM_API OmkStatus omkmMul_tm_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                  int src1Height, const Omk32f* pSrc2, int src2Stride1, int src2Stride2,
+                                  int src2Width, int src2Height, Omk32f* pDst, int dstStride1, int dstStride2);
+OMKM_API OmkStatus omkmMul_tm_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                    const Omk32f** ppSrc2, int src2RoiShift, int src2Width, int src2Height,
+                                    Omk32f** ppDst, int dstRoiShift);
+OMKM_API OmkStatus omkmMul_tm_64f(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                  int src1Height, const Omk64f* pSrc2, int src2Stride1, int src2Stride2,
+                                  int src2Width, int src2Height, Omk64f* pDst, int dstStride1, int dstStride2);
+OMKM_API OmkStatus omkmMul_tm_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                    const Omk64f** ppSrc2, int src2RoiShift, int src2Width, int src2Height,
+                                    Omk64f** ppDst, int dstRoiShift);
+/* Mul tt: transposed matrix times transposed matrix */
+OMKM_API OmkStatus omkmMul_tt_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                  int src1Height, const Omk32f* pSrc2, int src2Stride1, int src2Stride2,
+                                  int src2Width, int src2Height, Omk32f* pDst, int dstStride1, int dstStride2);
+OMKM_API OmkStatus omkmMul_tt_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                    const Omk32f** ppSrc2, int src2RoiShift, int src2Width, int src2Height,
+                                    Omk32f** ppDst, int dstRoiShift);
+OMKM_API OmkStatus omkmMul_tt_64f(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                  int src1Height, const Omk64f* pSrc2, int src2Stride1, int src2Stride2,
+                                  int src2Width, int src2Height, Omk64f* pDst, int dstStride1, int dstStride2);
+OMKM_API OmkStatus omkmMul_tt_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                    const Omk64f** ppSrc2, int src2RoiShift, int src2Width, int src2Height,
+                                    Omk64f** ppDst, int dstRoiShift);
+/* Mul mv: matrix times vector */
+OMKM_API OmkStatus omkmMul_mv_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                  int src1Height, const Omk32f* pSrc2, int src2Stride2, int src2Len,
+                                  Omk32f* pDst, int dstStride2);
+OMKM_API OmkStatus omkmMul_mv_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                    const Omk32f** ppSrc2, int src2RoiShift, int src2Len, Omk32f** ppDst,
+                                    int dstRoiShift);
+OMKM_API OmkStatus omkmMul_mv_64f(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                  int src1Height, const Omk64f* pSrc2, int src2Stride2, int src2Len,
+                                  Omk64f* pDst, int dstStride2);
+OMKM_API OmkStatus omkmMul_mv_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                    const Omk64f** ppSrc2, int src2RoiShift, int src2Len, Omk64f** ppDst,
+                                    int dstRoiShift);
+/* Mul tv: transposed matrix times vector */
+OMKM_API OmkStatus omkmMul_tv_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                  int src1Height, const Omk32f* pSrc2, int src2Stride2, int src2Len,
+                                  Omk32f* pDst, int dstStride2);
+OMKM_API OmkStatus omkmMul_tv_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                    const Omk32f** ppSrc2, int src2RoiShift, int src2Len, Omk32f** ppDst,
+                                    int dstRoiShift);
+OMKM_API OmkStatus omkmMul_tv_64f(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                  int src1Height, const Omk64f* pSrc2, int src2Stride2, int src2Len,
+                                  Omk64f* pDst, int dstStride2);
+OMKM_API OmkStatus omkmMul_tv_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                    const Omk64f** ppSrc2, int src2RoiShift, int src2Len, Omk64f** ppDst,
+                                    int dstRoiShift);
+/* Mul mma: one matrix times each matrix of an array */
+OMKM_API OmkStatus omkmMul_mma_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                   int src1Height, const Omk32f* pSrc2, int src2Stride0, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk32f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mma_32f_L(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                     int src1Height, const Omk32f** ppSrc2, int src2RoiShift, int src2Stride1,
+                                     int src2Stride2, int src2Width, int src2Height, Omk32f** ppDst,
+                                     int dstRoiShift, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mma_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                     const Omk32f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Width,
+                                     int src2Height, Omk32f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+OMKM_API OmkStatus omkmMul_mma_64f(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                   int src1Height, const Omk64f* pSrc2, int src2Stride0, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk64f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mma_64f_L(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                     int src1Height, const Omk64f** ppSrc2, int src2RoiShift, int src2Stride1,
+                                     int src2Stride2, int src2Width, int src2Height, Omk64f** ppDst,
+                                     int dstRoiShift, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mma_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                     const Omk64f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Width,
+                                     int src2Height, Omk64f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+/* Mul mta: one matrix times each transposed matrix of an array */
+OMKM_API OmkStatus omkmMul_mta_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                   int src1Height, const Omk32f* pSrc2, int src2Stride0, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk32f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mta_32f_L(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                     int src1Height, const Omk32f** ppSrc2, int src2RoiShift, int src2Stride1,
+                                     int src2Stride2, int src2Width, int src2Height, Omk32f** ppDst,
+                                     int dstRoiShift, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mta_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                     const Omk32f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Width,
+                                     int src2Height, Omk32f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+OMKM_API OmkStatus omkmMul_mta_64f(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                   int src1Height, const Omk64f* pSrc2, int src2Stride0, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk64f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mta_64f_L(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                     int src1Height, const Omk64f** ppSrc2, int src2RoiShift, int src2Stride1,
+                                     int src2Stride2, int src2Width, int src2Height, Omk64f** ppDst,
+                                     int dstRoiShift, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mta_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                     const Omk64f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Width,
+                                     int src2Height, Omk64f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+/* Mul tma: one transposed matrix times each matrix of an array */
+OMKM_API OmkStatus omkmMul_tma_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                   int src1Height, const Omk32f* pSrc2, int src2Stride0, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk32f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tma_32f_L(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                     int src1Height, const Omk32f** ppSrc2, int src2RoiShift, int src2Stride1,
+                                     int src2Stride2, int src2Width, int src2Height, Omk32f** ppDst,
+                                     int dstRoiShift, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tma_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                     const Omk32f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Width,
+                                     int src2Height, Omk32f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+OMKM_API OmkStatus omkmMul_tma_64f(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                   int src1Height, const Omk64f* pSrc2, int src2Stride0, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk64f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tma_64f_L(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                     int src1Height, const Omk64f** ppSrc2, int src2RoiShift, int src2Stride1,
+                                     int src2Stride2, int src2Width, int src2Height, Omk64f** ppDst,
+                                     int dstRoiShift, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tma_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                     const Omk64f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Width,
+                                     int src2Height, Omk64f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+/* Mul tta: one transposed matrix times each transposed matrix of an array */
+OMKM_API OmkStatus omkmMul_tta_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                   int src1Height, const Omk32f* pSrc2, int src2Stride0, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk32f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tta_32f_L(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                     int src1Height, const Omk32f** ppSrc2, int src2RoiShift, int src2Stride1,
+                                     int src2Stride2, int src2Width, int src2Height, Omk32f** ppDst,
+                                     int dstRoiShift, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tta_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                     const Omk32f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Width,
+                                     int src2Height, Omk32f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+OMKM_API OmkStatus omkmMul_tta_64f(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                   int src1Height, const Omk64f* pSrc2, int src2Stride0, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk64f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tta_64f_L(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                     int src1Height, const Omk64f** ppSrc2, int src2RoiShift, int src2Stride1,
+                                     int src2Stride2, int src2Width, int src2Height, Omk64f** ppDst,
+                                     int dstRoiShift, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tta_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                     const Omk64f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Width,
+                                     int src2Height, Omk64f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+/* Mul mam: each matrix of an array times one matrix */
+OMKM_API OmkStatus omkmMul_mam_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                   int src1Width, int src1Height, const Omk32f* pSrc2, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk32f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mam_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                     int src1Stride2, int src1Width, int src1Height, const Omk32f* pSrc2,
+                                     int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                     Omk32f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
+                                     int count);
+OMKM_API OmkStatus omkmMul_mam_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                     int src1Height, const Omk32f** ppSrc2, int src2RoiShift, int src2Width,
+                                     int src2Height, Omk32f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+OMKM_API OmkStatus omkmMul_mam_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                   int src1Width, int src1Height, const Omk64f* pSrc2, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk64f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mam_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                     int src1Stride2, int src1Width, int src1Height, const Omk64f* pSrc2,
+                                     int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                     Omk64f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
+                                     int count);
+OMKM_API OmkStatus omkmMul_mam_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                     int src1Height, const Omk64f** ppSrc2, int src2RoiShift, int src2Width,
+                                     int src2Height, Omk64f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+/* Mul mat: each matrix of an array times one transposed matrix */
+OMKM_API OmkStatus omkmMul_mat_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                   int src1Width, int src1Height, const Omk32f* pSrc2, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk32f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mat_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                     int src1Stride2, int src1Width, int src1Height, const Omk32f* pSrc2,
+                                     int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                     Omk32f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
+                                     int count);
+OMKM_API OmkStatus omkmMul_mat_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                     int src1Height, const Omk32f** ppSrc2, int src2RoiShift, int src2Width,
+                                     int src2Height, Omk32f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+OMKM_API OmkStatus omkmMul_mat_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                   int src1Width, int src1Height, const Omk64f* pSrc2, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk64f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mat_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                     int src1Stride2, int src1Width, int src1Height, const Omk64f* pSrc2,
+                                     int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                     Omk64f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
+                                     int count);
+OMKM_API OmkStatus omkmMul_mat_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                     int src1Height, const Omk64f** ppSrc2, int src2RoiShift, int src2Width,
+                                     int src2Height, Omk64f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+/* Mul tam: each transposed matrix of an array times one matrix */
+OMKM_API OmkStatus omkmMul_tam_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                   int src1Width, int src1Height, const Omk32f* pSrc2, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk32f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tam_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                     int src1Stride2, int src1Width, int src1Height, const Omk32f* pSrc2,
+                                     int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                     Omk32f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
+                                     int count);
+OMKM_API OmkStatus omkmMul_tam_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                     int src1Height, const Omk32f** ppSrc2, int src2RoiShift, int src2Width,
+                                     int src2Height, Omk32f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+OMKM_API OmkStatus omkmMul_tam_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                   int src1Width, int src1Height, const Omk64f* pSrc2, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk64f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tam_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                     int src1Stride2, int src1Width, int src1Height, const Omk64f* pSrc2,
+                                     int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                     Omk64f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
+                                     int count);
+OMKM_API OmkStatus omkmMul_tam_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                     int src1Height, const Omk64f** ppSrc2, int src2RoiShift, int src2Width,
+                                     int src2Height, Omk64f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+/* Mul tat: each transposed matrix of an array times one transposed matrix */
+OMKM_API OmkStatus omkmMul_tat_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                   int src1Width, int src1Height, const Omk32f* pSrc2, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk32f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tat_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                     int src1Stride2, int src1Width, int src1Height, const Omk32f* pSrc2,
+                                     int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                     Omk32f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
+                                     int count);
+OMKM_API OmkStatus omkmMul_tat_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                     int src1Height, const Omk32f** ppSrc2, int src2RoiShift, int src2Width,
+                                     int src2Height, Omk32f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+OMKM_API OmkStatus omkmMul_tat_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                   int src1Width, int src1Height, const Omk64f* pSrc2, int src2Stride1,
+                                   int src2Stride2, int src2Width, int src2Height, Omk64f* pDst,
+                                   int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tat_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                     int src1Stride2, int src1Width, int src1Height, const Omk64f* pSrc2,
+                                     int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                     Omk64f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
+                                     int count);
+OMKM_API OmkStatus omkmMul_tat_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                     int src1Height, const Omk64f** ppSrc2, int src2RoiShift, int src2Width,
+                                     int src2Height, Omk64f** ppDst, int dstRoiShift, int dstStride0,
+                                     int count);
+/* Mul mama: matrices of two arrays, pairwise */
+OMKM_API OmkStatus omkmMul_mama_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                    int src1Width, int src1Height, const Omk32f* pSrc2, int src2Stride0,
+                                    int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                    Omk32f* pDst, int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mama_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                      int src1Stride2, int src1Width, int src1Height, const Omk32f** ppSrc2,
+                                      int src2RoiShift, int src2Stride1, int src2Stride2, int src2Width,
+                                      int src2Height, Omk32f** ppDst, int dstRoiShift, int dstStride1,
+                                      int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mama_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                      int src1Height, const Omk32f** ppSrc2, int src2RoiShift,
+                                      int src2Stride0, int src2Width, int src2Height, Omk32f** ppDst,
+                                      int dstRoiShift, int dstStride0, int count);
+OMKM_API OmkStatus omkmMul_mama_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                    int src1Width, int src1Height, const Omk64f* pSrc2, int src2Stride0,
+                                    int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                    Omk64f* pDst, int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mama_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                      int src1Stride2, int src1Width, int src1Height, const Omk64f** ppSrc2,
+                                      int src2RoiShift, int src2Stride1, int src2Stride2, int src2Width,
+                                      int src2Height, Omk64f** ppDst, int dstRoiShift, int dstStride1,
+                                      int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mama_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                      int src1Height, const Omk64f** ppSrc2, int src2RoiShift,
+                                      int src2Stride0, int src2Width, int src2Height, Omk64f** ppDst,
+                                      int dstRoiShift, int dstStride0, int count);
+/* Mul mata: matrices of one array times transposed matrices of another, pairwise */
+OMKM_API OmkStatus omkmMul_mata_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                    int src1Width, int src1Height, const Omk32f* pSrc2, int src2Stride0,
+                                    int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                    Omk32f* pDst, int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mata_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                      int src1Stride2, int src1Width, int src1Height, const Omk32f** ppSrc2,
+                                      int src2RoiShift, int src2Stride1, int src2Stride2, int src2Width,
+                                      int src2Height, Omk32f** ppDst, int dstRoiShift, int dstStride1,
+                                      int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mata_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                      int src1Height, const Omk32f** ppSrc2, int src2RoiShift,
+                                      int src2Stride0, int src2Width, int src2Height, Omk32f** ppDst,
+                                      int dstRoiShift, int dstStride0, int count);
+OMKM_API OmkStatus omkmMul_mata_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                    int src1Width, int src1Height, const Omk64f* pSrc2, int src2Stride0,
+                                    int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                    Omk64f* pDst, int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mata_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                      int src1Stride2, int src1Width, int src1Height, const Omk64f** ppSrc2,
+                                      int src2RoiShift, int src2Stride1, int src2Stride2, int src2Width,
+                                      int src2Height, Omk64f** ppDst, int dstRoiShift, int dstStride1,
+                                      int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mata_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                      int src1Height, const Omk64f** ppSrc2, int src2RoiShift,
+                                      int src2Stride0, int src2Width, int src2Height, Omk64f** ppDst,
+                                      int dstRoiShift, int dstStride0, int count);
+/* Mul tama: transposed matrices of one array times matrices of another, pairwise */
+OMKM_API OmkStatus omkmMul_tama_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                    int src1Width, int src1Height, const Omk32f* pSrc2, int src2Stride0,
+                                    int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                    Omk32f* pDst, int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tama_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                      int src1Stride2, int src1Width, int src1Height, const Omk32f** ppSrc2,
+                                      int src2RoiShift, int src2Stride1, int src2Stride2, int src2Width,
+                                      int src2Height, Omk32f** ppDst, int dstRoiShift, int dstStride1,
+                                      int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tama_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                      int src1Height, const Omk32f** ppSrc2, int src2RoiShift,
+                                      int src2Stride0, int src2Width, int src2Height, Omk32f** ppDst,
+                                      int dstRoiShift, int dstStride0, int count);
+OMKM_API OmkStatus omkmMul_tama_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                    int src1Width, int src1Height, const Omk64f* pSrc2, int src2Stride0,
+                                    int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                    Omk64f* pDst, int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tama_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                      int src1Stride2, int src1Width, int src1Height, const Omk64f** ppSrc2,
+                                      int src2RoiShift, int src2Stride1, int src2Stride2, int src2Width,
+                                      int src2Height, Omk64f** ppDst, int dstRoiShift, int dstStride1,
+                                      int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tama_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                      int src1Height, const Omk64f** ppSrc2, int src2RoiShift,
+                                      int src2Stride0, int src2Width, int src2Height, Omk64f** ppDst,
+                                      int dstRoiShift, int dstStride0, int count);
+/* Mul tata: transposed matrices of two arrays, pairwise */
+OMKM_API OmkStatus omkmMul_tata_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                    int src1Width, int src1Height, const Omk32f* pSrc2, int src2Stride0,
+                                    int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                    Omk32f* pDst, int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tata_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                      int src1Stride2, int src1Width, int src1Height, const Omk32f** ppSrc2,
+                                      int src2RoiShift, int src2Stride1, int src2Stride2, int src2Width,
+                                      int src2Height, Omk32f** ppDst, int dstRoiShift, int dstStride1,
+                                      int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tata_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                      int src1Height, const Omk32f** ppSrc2, int src2RoiShift,
+                                      int src2Stride0, int src2Width, int src2Height, Omk32f** ppDst,
+                                      int dstRoiShift, int dstStride0, int count);
+OMKM_API OmkStatus omkmMul_tata_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                    int src1Width, int src1Height, const Omk64f* pSrc2, int src2Stride0,
+                                    int src2Stride1, int src2Stride2, int src2Width, int src2Height,
+                                    Omk64f* pDst, int dstStride0, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tata_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                      int src1Stride2, int src1Width, int src1Height, const Omk64f** ppSrc2,
+                                      int src2RoiShift, int src2Stride1, int src2Stride2, int src2Width,
+                                      int src2Height, Omk64f** ppDst, int dstRoiShift, int dstStride1,
+                                      int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tata_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                      int src1Height, const Omk64f** ppSrc2, int src2RoiShift,
+                                      int src2Stride0, int src2Width, int src2Height, Omk64f** ppDst,
+                                      int dstRoiShift, int dstStride0, int count);
+/* Mul mva: one matrix times each vector of an array */
+OMKM_API OmkStatus omkmMul_mva_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                   int src1Height, const Omk32f* pSrc2, int src2Stride0, int src2Stride2,
+                                   int src2Len, Omk32f* pDst, int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mva_32f_L(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                     int src1Height, const Omk32f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                     int src2Len, Omk32f** ppDst, int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mva_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                     const Omk32f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Len,
+                                     Omk32f** ppDst, int dstRoiShift, int dstStride0, int count);
+OMKM_API OmkStatus omkmMul_mva_64f(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                   int src1Height, const Omk64f* pSrc2, int src2Stride0, int src2Stride2,
+                                   int src2Len, Omk64f* pDst, int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mva_64f_L(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                     int src1Height, const Omk64f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                     int src2Len, Omk64f** ppDst, int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mva_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                     const Omk64f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Len,
+                                     Omk64f** ppDst, int dstRoiShift, int dstStride0, int count);
+/* Mul tva: one transposed matrix times each vector of an array */
+OMKM_API OmkStatus omkmMul_tva_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                   int src1Height, const Omk32f* pSrc2, int src2Stride0, int src2Stride2,
+                                   int src2Len, Omk32f* pDst, int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tva_32f_L(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                     int src1Height, const Omk32f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                     int src2Len, Omk32f** ppDst, int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tva_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                     const Omk32f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Len,
+                                     Omk32f** ppDst, int dstRoiShift, int dstStride0, int count);
+OMKM_API OmkStatus omkmMul_tva_64f(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                   int src1Height, const Omk64f* pSrc2, int src2Stride0, int src2Stride2,
+                                   int src2Len, Omk64f* pDst, int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tva_64f_L(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
+                                     int src1Height, const Omk64f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                     int src2Len, Omk64f** ppDst, int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tva_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Width, int src1Height,
+                                     const Omk64f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Len,
+                                     Omk64f** ppDst, int dstRoiShift, int dstStride0, int count);
+/* Mul mav: each matrix of an array times one vector */
+OMKM_API OmkStatus omkmMul_mav_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                   int src1Width, int src1Height, const Omk32f* pSrc2, int src2Stride2,
+                                   int src2Len, Omk32f* pDst, int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mav_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                     int src1Stride2, int src1Width, int src1Height, const Omk32f* pSrc2,
+                                     int src2Stride2, int src2Len, Omk32f** ppDst, int dstRoiShift,
+                                     int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mav_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                     int src1Height, const Omk32f** ppSrc2, int src2RoiShift, int src2Len,
+                                     Omk32f** ppDst, int dstRoiShift, int dstStride0, int count);
+OMKM_API OmkStatus omkmMul_mav_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                   int src1Width, int src1Height, const Omk64f* pSrc2, int src2Stride2,
+                                   int src2Len, Omk64f* pDst, int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mav_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                     int src1Stride2, int src1Width, int src1Height, const Omk64f* pSrc2,
+                                     int src2Stride2, int src2Len, Omk64f** ppDst, int dstRoiShift,
+                                     int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mav_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                     int src1Height, const Omk64f** ppSrc2, int src2RoiShift, int src2Len,
+                                     Omk64f** ppDst, int dstRoiShift, int dstStride0, int count);
+/* Mul tav: each transposed matrix of an array times one vector */
+OMKM_API OmkStatus omkmMul_tav_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                   int src1Width, int src1Height, const Omk32f* pSrc2, int src2Stride2,
+                                   int src2Len, Omk32f* pDst, int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tav_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                     int src1Stride2, int src1Width, int src1Height, const Omk32f* pSrc2,
+                                     int src2Stride2, int src2Len, Omk32f** ppDst, int dstRoiShift,
+                                     int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tav_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                     int src1Height, const Omk32f** ppSrc2, int src2RoiShift, int src2Len,
+                                     Omk32f** ppDst, int dstRoiShift, int dstStride0, int count);
+OMKM_API OmkStatus omkmMul_tav_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                   int src1Width, int src1Height, const Omk64f* pSrc2, int src2Stride2,
+                                   int src2Len, Omk64f* pDst, int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tav_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                     int src1Stride2, int src1Width, int src1Height, const Omk64f* pSrc2,
+                                     int src2Stride2, int src2Len, Omk64f** ppDst, int dstRoiShift,
+                                     int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tav_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                     int src1Height, const Omk64f** ppSrc2, int src2RoiShift, int src2Len,
+                                     Omk64f** ppDst, int dstRoiShift, int dstStride0, int count);
+/* Mul mava: matrices of one array times vectors of another, pairwise */
+OMKM_API OmkStatus omkmMul_mava_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                    int src1Width, int src1Height, const Omk32f* pSrc2, int src2Stride0,
+                                    int src2Stride2, int src2Len, Omk32f* pDst, int dstStride0,
+                                    int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mava_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                      int src1Stride2, int src1Width, int src1Height, const Omk32f** ppSrc2,
+                                      int src2RoiShift, int src2Stride2, int src2Len, Omk32f** ppDst,
+                                      int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mava_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                      int src1Height, const Omk32f** ppSrc2, int src2RoiShift,
+                                      int src2Stride0, int src2Len, Omk32f** ppDst, int dstRoiShift,
+                                      int dstStride0, int count);
+OMKM_API OmkStatus omkmMul_mava_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                    int src1Width, int src1Height, const Omk64f* pSrc2, int src2Stride0,
+                                    int src2Stride2, int src2Len, Omk64f* pDst, int dstStride0,
+                                    int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mava_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                      int src1Stride2, int src1Width, int src1Height, const Omk64f** ppSrc2,
+                                      int src2RoiShift, int src2Stride2, int src2Len, Omk64f** ppDst,
+                                      int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_mava_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                      int src1Height, const Omk64f** ppSrc2, int src2RoiShift,
+                                      int src2Stride0, int src2Len, Omk64f** ppDst, int dstRoiShift,
+                                      int dstStride0, int count);
+/* Mul tava: transposed matrices of one array times vectors of another, pairwise */
+OMKM_API OmkStatus omkmMul_tava_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                    int src1Width, int src1Height, const Omk32f* pSrc2, int src2Stride0,
+                                    int src2Stride2, int src2Len, Omk32f* pDst, int dstStride0,
+                                    int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tava_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                      int src1Stride2, int src1Width, int src1Height, const Omk32f** ppSrc2,
+                                      int src2RoiShift, int src2Stride2, int src2Len, Omk32f** ppDst,
+                                      int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tava_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                      int src1Height, const Omk32f** ppSrc2, int src2RoiShift,
+                                      int src2Stride0, int src2Len, Omk32f** ppDst, int dstRoiShift,
+                                      int dstStride0, int count);
+OMKM_API OmkStatus omkmMul_tava_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride1, int src1Stride2,
+                                    int src1Width, int src1Height, const Omk64f* pSrc2, int src2Stride0,
+                                    int src2Stride2, int src2Len, Omk64f* pDst, int dstStride0,
+                                    int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tava_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride1,
+                                      int src1Stride2, int src1Width, int src1Height, const Omk64f** ppSrc2,
+                                      int src2RoiShift, int src2Stride2, int src2Len, Omk64f** ppDst,
+                                      int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmMul_tava_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0, int src1Width,
+                                      int src1Height, const Omk64f** ppSrc2, int src2RoiShift,
+                                      int src2Stride0, int src2Len, Omk64f** ppDst, int dstRoiShift,
+                                      int dstStride0, int count);
+/* Mul mm4x4: 4x4 matrices of 16 contiguous row-major elements; only null pointers are checked */
+OMKM_API OmkStatus omkmMul_mm4x4_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f* pDst);
+
+/* ---- Mul by a constant: dst = src * val, one rounding per element ---- */
+
+/* Mul mc: matrix times a constant */
+OMKM_API OmkStatus omkmMul_mc_32f(const Omk32f* pSrc, int srcStride1, int srcStride2, Omk32f val,
+                                  Omk32f* pDst, int dstStride1, int dstStride2, int width, int height);
+OMKM_API OmkStatus omkmMul_mc_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f val, Omk32f** ppDst,
+                                    int dstRoiShift, int width, int height);
+OMKM_API OmkStatus omkmMul_mc_64f(const Omk64f* pSrc, int srcStride1, int srcStride2, Omk64f val,
+                                  Omk64f* pDst, int dstStride1, int dstStride2, int width, int height);
+OMKM_API OmkStatus omkmMul_mc_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f val, Omk64f** ppDst,
+                                    int dstRoiShift, int width, int height);
+/* Mul tc: transposed matrix times a constant; width and height are the destination's */
+OMKM_API OmkStatus omkmMul_tc_32f(const Omk32f* pSrc, int srcStride1, int srcStride2, Omk32f val,
+                                  Omk32f* pDst, int dstStride1, int dstStride2, int width, int height);
+OMKM_API OmkStatus omkmMul_tc_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f val, Omk32f** ppDst,
+                                    int dstRoiShift, int width, int height);
+OMKM_API OmkStatus omkmMul_tc_64f(const Omk64f* pSrc, int srcStride1, int srcStride2, Omk64f val,
+                                  Omk64f* pDst, int dstStride1, int dstStride2, int width, int height);
+OMKM_API OmkStatus omkmMul_tc_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f val, Omk64f** ppDst,
+                                    int dstRoiShift, int width, int height);
+/* Mul vc: vector times a constant */
+OMKM_API OmkStatus omkmMul_vc_32f(const Omk32f* pSrc, int srcStride2, Omk32f val, Omk32f* pDst,
+                                  int dstStride2, int len);
+OMKM_API OmkStatus omkmMul_vc_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f val, Omk32f** ppDst,
+                                    int dstRoiShift, int len);
+OMKM_API OmkStatus omkmMul_vc_64f(const Omk64f* pSrc, int srcStride2, Omk64f val, Omk64f* pDst,
+                                  int dstStride2, int len);
+OMKM_API OmkStatus omkmMul_vc_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f val, Omk64f** ppDst,
+                                    int dstRoiShift, int len);
+/* Mul mac: each matrix of an array times one constant */
+OMKM_API OmkStatus omkmMul_mac_32f(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                   Omk32f val, Omk32f* pDst, int dstStride0, int dstStride1, int dstStride2,
+                                   int width, int height, int count);
+OMKM_API OmkStatus omkmMul_mac_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                     Omk32f val, Omk32f** ppDst, int dstRoiShift, int dstStride1,
+                                     int dstStride2, int width, int height, int count);
+OMKM_API OmkStatus omkmMul_mac_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f val,
+                                     Omk32f** ppDst, int dstRoiShift, int dstStride0, int width, int height,
+                                     int count);
+OMKM_API OmkStatus omkmMul_mac_64f(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                   Omk64f val, Omk64f* pDst, int dstStride0, int dstStride1, int dstStride2,
+                                   int width, int height, int count);
+OMKM_API OmkStatus omkmMul_mac_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                     Omk64f val, Omk64f** ppDst, int dstRoiShift, int dstStride1,
+                                     int dstStride2, int width, int height, int count);
+OMKM_API OmkStatus omkmMul_mac_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f val,
+                                     Omk64f** ppDst, int dstRoiShift, int dstStride0, int width, int height,
+                                     int count);
+/* Mul tac: each transposed matrix of an array times one constant */
+OMKM_API OmkStatus omkmMul_tac_32f(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                   Omk32f val, Omk32f* pDst, int dstStride0, int dstStride1, int dstStride2,
+                                   int width, int height, int count);
+OMKM_API OmkStatus omkmMul_tac_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                     Omk32f val, Omk32f** ppDst, int dstRoiShift, int dstStride1,
+                                     int dstStride2, int width, int height, int count);
+OMKM_API OmkStatus omkmMul_tac_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f val,
+                                     Omk32f** ppDst, int dstRoiShift, int dstStride0, int width, int height,
+                                     int count);
+OMKM_API OmkStatus omkmMul_tac_64f(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                   Omk64f val, Omk64f* pDst, int dstStride0, int dstStride1, int dstStride2,
+                                   int width, int height, int count);
+OMKM_API OmkStatus omkmMul_tac_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                     Omk64f val, Omk64f** ppDst, int dstRoiShift, int dstStride1,
+                                     int dstStride2, int width, int height, int count);
+OMKM_API OmkStatus omkmMul_tac_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f val,
+                                     Omk64f** ppDst, int dstRoiShift, int dstStride0, int width, int height,
+                                     int count);
+/* Mul vac: each vector of an array times one constant */
+OMKM_API OmkStatus omkmMul_vac_32f(const Omk32f* pSrc, int srcStride0, int srcStride2, Omk32f val,
+                                   Omk32f* pDst, int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmMul_vac_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride2, Omk32f val,
+                                     Omk32f** ppDst, int dstRoiShift, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmMul_vac_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f val,
+                                     Omk32f** ppDst, int dstRoiShift, int dstStride0, int len, int count);
+OMKM_API OmkStatus omkmMul_vac_64f(const Omk64f* pSrc, int srcStride0, int srcStride2, Omk64f val,
+                                   Omk64f* pDst, int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmMul_vac_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride2, Omk64f val,
+                                     Omk64f** ppDst, int dstRoiShift, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmMul_vac_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f val,
+                                     Omk64f** ppDst, int dstRoiShift, int dstStride0, int len, int count);
+/* Mul vaca: each vector of an array times its constant */
+OMKM_API OmkStatus omkmMul_vaca_32f(const Omk32f* pSrc, int srcStride0, int srcStride2, const Omk32f* pVal,
+                                    int valStride0, Omk32f* pDst, int dstStride0, int dstStride2, int len,
+                                    int count);
+OMKM_API OmkStatus omkmMul_vaca_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride2,
+                                      const Omk32f** ppVal, int valRoiShift, Omk32f** ppDst, int dstRoiShift,
+                                      int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmMul_vaca_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0,
+                                      const Omk32f* pVal, int valStride0, Omk32f** ppDst, int dstRoiShift,
+                                      int dstStride0, int len, int count);
+OMKM_API OmkStatus omkmMul_vaca_64f(const Omk64f* pSrc, int srcStride0, int srcStride2, const Omk64f* pVal,
+                                    int valStride0, Omk64f* pDst, int dstStride0, int dstStride2, int len,
+                                    int count);
+OMKM_API OmkStatus omkmMul_vaca_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride2,
+                                      const Omk64f** ppVal, int valRoiShift, Omk64f** ppDst, int dstRoiShift,
+                                      int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmMul_vaca_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0,
+                                      const Omk64f* pVal, int valStride0, Omk64f** ppDst, int dstRoiShift,
+                                      int dstStride0, int len, int count);
+/* Mul vca: one vector times each constant of an array */
+OMKM_API OmkStatus omkmMul_vca_32f(const Omk32f* pSrc, int srcStride2, const Omk32f* pVal, int valStride0,
+                                   Omk32f* pDst, int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmMul_vca_32f_L(const Omk32f* pSrc, int srcStride2, const Omk32f** ppVal,
+                                     int valRoiShift, Omk32f** ppDst, int dstRoiShift, int dstStride2,
+                                     int len, int count);
+OMKM_API OmkStatus omkmMul_vca_32f_P(const Omk32f** ppSrc, int srcRoiShift, const Omk32f* pVal,
+                                     int valStride0, Omk32f** ppDst, int dstRoiShift, int dstStride0, int len,
+                                     int count);
+OMKM_API OmkStatus omkmMul_vca_64f(const Omk64f* pSrc, int srcStride2, const Omk64f* pVal, int valStride0,
+                                   Omk64f* pDst, int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmMul_vca_64f_L(const Omk64f* pSrc, int srcStride2, const Omk64f** ppVal,
+                                     int valRoiShift, Omk64f** ppDst, int dstRoiShift, int dstStride2,
+                                     int len, int count);
+OMKM_API OmkStatus omkmMul_vca_64f_P(const Omk64f** ppSrc, int srcRoiShift, const Omk64f* pVal,
+                                     int valStride0, Omk64f** ppDst, int dstRoiShift, int dstStride0, int len,
+                                     int count);
+
 #ifdef __cplusplus
 }
 #endif

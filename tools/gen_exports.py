@@ -6,10 +6,14 @@ exist. From it this script writes:
   include/omkm.h                       the public header (tools/omkm.h.in plus every declaration)
   src/elementwise/add_entries.cpp      one thin extern "C" function per Add export
   src/elementwise/sub_entries.cpp      the same for Sub
+  src/products/mul_*_entries.cpp       the matrix and vector products, in four files
+  src/products/scale_entries.cpp       the products with a constant
   src/exports.map                      the linker's list of exported names
 
 Everything a member does beyond its operands (check order, work figure, serial limit) is in the
-family's C++ tables (src/elementwise/add_sub.h), which the entries name by group and description.
+family's C++ tables (src/elementwise/add_sub.h, src/products/mul.h, src/products/scale.h), which
+the entries name by group and description. Every name written is checked against the library's
+list of exported names, tools/exports.txt.
 
   python3 tools/gen_exports.py          rewrite the files
   python3 tools/gen_exports.py --check  exit 1 if any file differs from what would be written
@@ -154,6 +158,139 @@ def add_sub_members():
     return out
 
 
+# ---- registry: Mul, products of two matrices or of a matrix and a vector ----
+# Each source carries its own stored sizes (src1Width, src1Height, then src2Width, src2Height or
+# src2Len right after its block); the destination carries none. (group, entry file, comment)
+MUL_GROUPS = [
+    ("mm", "single", "matrix times matrix"),
+    ("mt", "single", "matrix times transposed matrix"),
+    ("tm", "single", "transposed matrix times matrix"),
+    ("tt", "single", "transposed matrix times transposed matrix"),
+    ("mv", "single", "matrix times vector"),
+    ("tv", "single", "transposed matrix times vector"),
+    ("mma", "by_array", "one matrix times each matrix of an array"),
+    ("mta", "by_array", "one matrix times each transposed matrix of an array"),
+    ("tma", "by_array", "one transposed matrix times each matrix of an array"),
+    ("tta", "by_array", "one transposed matrix times each transposed matrix of an array"),
+    ("mam", "by_array", "each matrix of an array times one matrix"),
+    ("mat", "by_array", "each matrix of an array times one transposed matrix"),
+    ("tam", "by_array", "each transposed matrix of an array times one matrix"),
+    ("tat", "by_array", "each transposed matrix of an array times one transposed matrix"),
+    ("mama", "pairs", "matrices of two arrays, pairwise"),
+    ("mata", "pairs", "matrices of one array times transposed matrices of another, pairwise"),
+    ("tama", "pairs", "transposed matrices of one array times matrices of another, pairwise"),
+    ("tata", "pairs", "transposed matrices of two arrays, pairwise"),
+    ("mva", "vector", "one matrix times each vector of an array"),
+    ("tva", "vector", "one transposed matrix times each vector of an array"),
+    ("mav", "vector", "each matrix of an array times one vector"),
+    ("tav", "vector", "each transposed matrix of an array times one vector"),
+    ("mava", "vector", "matrices of one array times vectors of another, pairwise"),
+    ("tava", "vector", "transposed matrices of one array times vectors of another, pairwise"),
+]
+MUL_FILES = {"single": "single objects", "by_array": "one matrix with an array",
+             "pairs": "two arrays of matrices", "vector": "matrix and vector arrays"}
+
+# ---- registry: Mul by a constant ----
+SCALE_GROUPS = [
+    ("mc", "matrix times a constant"),
+    ("tc", "transposed matrix times a constant; width and height are the destination's"),
+    ("vc", "vector times a constant"),
+    ("mac", "each matrix of an array times one constant"),
+    ("tac", "each transposed matrix of an array times one constant"),
+    ("vac", "each vector of an array times one constant"),
+    ("vaca", "each vector of an array times its constant"),
+    ("vca", "one vector times each constant of an array"),
+]
+
+
+def mul_view(o, width, height):
+    """The view a product entry builds for operand `o`; width and height name its stored sizes.
+
+    Vectors are read and written as columns. A transposed pointer table is indexed by the stored
+    matrix's row-major order, so its view takes the sizes of the matrix as used (height, width).
+    """
+    names = [n for _, n in o.params()]
+    if o.kind == "v":
+        fn = "colVec" + ("Arr" if o.array else "")
+        if o.desc == "P":
+            fn += "P"
+        elif o.desc == "L" and o.array:
+            fn += "L"
+        return f"{fn}({', '.join(names)})"
+    fn = {"m": "mat", "t": "tmat"}[o.kind] + ("Arr" if o.array else "")
+    if o.desc == "P":
+        fn += "P"
+        names += [width, height] if o.kind == "m" else [height, width]
+    elif o.desc == "L" and o.array:
+        fn += "L"
+    return f"{fn}({', '.join(names)})"
+
+
+# Rows and columns of a product's result, by the kinds of its two sources.
+RESULT_SIZES = {"mm": ("src1Height", "src2Width"), "mt": ("src1Height", "src2Height"),
+                "tm": ("src1Width", "src2Width"), "tt": ("src1Width", "src2Height"),
+                "mv": ("src1Height", "1"), "tv": ("src1Width", "1")}
+
+
+def mul_members():
+    """Every matrix and vector product export, as (name, op, group, comment, params, body, file)."""
+    out = []
+    for group, fname, comment in MUL_GROUPS:
+        ops = operands(group)
+        any_array = any(a for _, a in ops)
+        kinds = ops[0][0] + ops[1][0]
+        rows, cols = RESULT_SIZES[kinds]
+        for ty in ("32f", "64f"):
+            for desc in ("Std", "L", "P") if any_array else ("Std", "P"):
+                t = TYPES[ty]
+                a = Operand(ops[0][0], ops[0][1], "src1", desc, t, True)
+                b = Operand(ops[1][0], ops[1][1], "src2", desc, t, True)
+                dst = Operand("m" if kinds[1] != "v" else "v", any_array, "dst", desc, t, False)
+                params = a.params() + [("int", "src1Width"), ("int", "src1Height")] + b.params()
+                params += [("int", "src2Len")] if b.kind == "v" else [("int", "src2Width"), ("int", "src2Height")]
+                params += dst.params() + ([("int", "count")] if any_array else [])
+                bw, bh = ("src2Len", "1") if b.kind == "v" else ("src2Width", "src2Height")
+                suffix = "" if desc == "Std" else "_" + desc
+                body = (f"return product<Group::{group}, Desc::{desc}>(\n"
+                        f"        {mul_view(dst, cols, rows)},\n"
+                        f"        {mul_view(a, 'src1Width', 'src1Height')},\n"
+                        f"        {mul_view(b, 'src2Width', 'src2Height')},\n"
+                        f"        Sizes{{src1Width, src1Height, {bw}, {bh}, {'count' if any_array else '1'}}});")
+                out.append((f"omkmMul_{group}_{ty}{suffix}", "Mul", group, comment, params, body, fname))
+    params = [("const Omk32f*", "pSrc1"), ("const Omk32f*", "pSrc2"), ("Omk32f*", "pDst")]
+    out.append(("omkmMul_mm4x4_32f", "Mul", "mm4x4",
+                "4x4 matrices of 16 contiguous row-major elements; only null pointers are checked",
+                params, "return mm4x4(pSrc1, pSrc2, pDst);", "single"))
+    return out
+
+
+def scale_members():
+    """Every product with a constant, as (name, op, group, comment, params, body)."""
+    out = []
+    for group, comment in SCALE_GROUPS:
+        ops = operands(group)
+        any_array = any(a for _, a in ops)
+        matrix = ops[0][0] in "mt"
+        for ty in ("32f", "64f"):
+            for desc in ("Std", "L", "P") if any_array else ("Std", "P"):
+                t = TYPES[ty]
+                src = Operand(ops[0][0], ops[0][1], "src", desc, t, True)
+                val = Operand("c", ops[1][1], "val", desc, t, True)
+                dst = Operand("m" if matrix else "v", any_array, "dst", desc, t, False)
+                params = src.params() + val.params() + dst.params()
+                params += [("int", "width"), ("int", "height")] if matrix else [("int", "len")]
+                params += [("int", "count")] if any_array else []
+                dims = "width, height" if matrix else "len, 1"
+                suffix = "" if desc == "Std" else "_" + desc
+                body = (f"return byConstant<Group::{group}, Desc::{desc}>(\n"
+                        f"        {dst.view()},\n"
+                        f"        {src.view()},\n"
+                        f"        {val.view()},\n"
+                        f"        Dims{{{dims}, {'count' if any_array else '1'}}});")
+                out.append((f"omkmMul_{group}_{ty}{suffix}", "Mul", group, comment, params, body))
+    return out
+
+
 def signature(name, params, indent, width=110):
     """name(params), the parameters packed into lines of at most `width` columns."""
     lines, line = [], ""
@@ -168,14 +305,13 @@ def signature(name, params, indent, width=110):
     return f"{name}(" + ("\n" + " " * indent).join(lines) + ")"
 
 
-def header(members):
+def header(sections):
+    """sections: (title, members) in the order the header lists them."""
     lines = []
-    for op, what in (("Add", "Add: dst = first + second"), ("Sub", "Sub: dst = first - second, operands in name order")):
+    for what, members in sections:
         lines.append(f"/* ---- {what} ---- */\n")
         last = None
-        for name, mop, group, comment, params, _ in members:
-            if mop != op:
-                continue
+        for name, op, group, comment, params, *_ in members:
             if group != last:
                 lines.append(f"/* {op} {group}: {comment} */")
                 last = group
@@ -186,13 +322,11 @@ def header(members):
     return template.replace("@DECLARATIONS@", f"/* {BANNER} */\n\n" + "\n".join(lines))
 
 
-def entries(members, op):
-    out = [f"// {BANNER}", f"// The exported {op} functions: operand views in, checks and kernels in add_sub.h.",
-           '#include "elementwise/add_sub.h"', "#include \"omkm.h\"", "",
-           "using namespace omk;", "using namespace omk::addsub;", "", 'extern "C" {', ""]
-    for name, mop, _, _, params, body in members:
-        if mop != op:
-            continue
+def entries(members, what, family_header, namespace):
+    out = [f"// {BANNER}", f"// The exported {what}: operand views in, checks and kernels in {Path(family_header).name}.",
+           f'#include "{family_header}"', "#include \"omkm.h\"", "",
+           "using namespace omk;", f"using namespace {namespace};", "", 'extern "C" {', ""]
+    for name, _, _, _, params, body, *_ in members:
         prefix = "OMKM_API OmkStatus "
         out.append(prefix + signature(name, params, len(prefix) + len(name) + 1) + " {")
         out.append("    " + body)
@@ -207,15 +341,35 @@ def export_map(names):
     return f"/* {BANNER} */\n{{\n  global:\n{body}\n  local:\n    *;\n}};\n"
 
 
+def api_names():
+    """The library's exported names, one per line of tools/exports.txt."""
+    return [n.strip() for n in (ROOT / "tools/exports.txt").read_text().split() if n.strip()]
+
+
 def outputs():
-    members = add_sub_members()
-    names = ["omkmGetLibVersion"] + [m[0] for m in members]
-    return {
-        "include/omkm.h": header(members),
-        "src/elementwise/add_entries.cpp": entries(members, "Add"),
-        "src/elementwise/sub_entries.cpp": entries(members, "Sub"),
+    add_sub = add_sub_members()
+    add = [m for m in add_sub if m[1] == "Add"]
+    sub = [m for m in add_sub if m[1] == "Sub"]
+    mul = mul_members()
+    scale = scale_members()
+    names = ["omkmGetLibVersion"] + [m[0] for m in add_sub + mul + scale]
+    unknown = sorted(set(names) - set(api_names()))
+    if unknown or len(set(names)) != len(names):
+        raise SystemExit(f"registry names not in tools/exports.txt or repeated: {unknown}")
+    files = {
+        "include/omkm.h": header([("Add: dst = first + second", add),
+                                  ("Sub: dst = first - second, operands in name order", sub),
+                                  ("Mul: dst = first * second, matrices and vectors", mul),
+                                  ("Mul by a constant: dst = src * val, one rounding per element", scale)]),
+        "src/elementwise/add_entries.cpp": entries(add, "Add functions", "elementwise/add_sub.h", "omk::addsub"),
+        "src/elementwise/sub_entries.cpp": entries(sub, "Sub functions", "elementwise/add_sub.h", "omk::addsub"),
+        "src/products/scale_entries.cpp": entries(scale, "products with a constant", "products/scale.h", "omk::scale"),
         "src/exports.map": export_map(names),
     }
+    for fname, what in MUL_FILES.items():
+        part = [m for m in mul if m[6] == fname]
+        files[f"src/products/mul_{fname}_entries.cpp"] = entries(part, f"products of {what}", "products/mul.h", "omk::mul")
+    return files
 
 
 def main():

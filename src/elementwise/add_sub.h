@@ -7,7 +7,7 @@
 #pragma once
 #include <type_traits>
 
-#include "elementwise/binary_kernels.h"
+#include "frame/binary_kernels.h"
 #include "frame/checks.h"
 #include "frame/operand_views.h"
 #include "frame/wrapping.h"

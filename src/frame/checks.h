@@ -9,11 +9,12 @@
 
 namespace omk {
 
-enum class Check : uint8_t { Null, Count, Size, Stride, RoiShift };
+// Agreement is the size-agreement step of families whose operands carry their own sizes.
+enum class Check : uint8_t { Null, Count, Size, Agreement, Stride, RoiShift };
 
 // The order in which a member runs its checks.
 struct CheckOrder {
-    Check step[5];
+    Check step[6];
     uint8_t n;
     constexpr CheckOrder(std::initializer_list<Check> steps) : step{}, n(0) {
         for (Check c : steps) step[n++] = c;
@@ -24,12 +25,16 @@ struct CheckOrder {
 // count 1, so the count step passes for them.
 inline constexpr CheckOrder kDefaultOrder{Check::Null, Check::Count, Check::Size, Check::Stride,
                                           Check::RoiShift};
+// Families whose operands carry their own sizes test that they agree right after the sizes.
+inline constexpr CheckOrder kAgreementOrder{Check::Null, Check::Count, Check::Size, Check::Agreement,
+                                            Check::Stride, Check::RoiShift};
 
 // Inlined into each entry point, where the order is a constant: the loop then unrolls into the
-// member's sequence of tests.
-template <class... View>
-[[gnu::always_inline]] inline OmkStatus firstFailure(const CheckOrder& order, const Dims& d, const View&... v) {
-#pragma GCC unroll 5
+// member's sequence of tests. `Sizes` is Dims, or a family's own size record with the same
+// `count`, `sizesBad()` and `disagree()`.
+template <class Sizes, class... View>
+[[gnu::always_inline]] inline OmkStatus firstFailure(const CheckOrder& order, const Sizes& d, const View&... v) {
+#pragma GCC unroll 6
     for (uint8_t s = 0; s < order.n; ++s) {
         switch (order.step[s]) {
         case Check::Null:
@@ -39,7 +44,10 @@ template <class... View>
             if (d.count < 1) return omkStsBadCount;
             break;
         case Check::Size:
-            if (d.width < 1 || d.height < 1) return omkStsBadSize;
+            if (d.sizesBad()) return omkStsBadSize;
+            break;
+        case Check::Agreement:
+            if (d.disagree()) return omkStsSizeMismatch;
             break;
         case Check::Stride:
             if (!(v.stridesOk() && ...)) return omkStsBadStride;

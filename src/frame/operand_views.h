@@ -218,6 +218,14 @@ template <class T> PointerView<T, true, true> tmatArrP(T** pp, int32_t shift, in
 template <class T> PointerView<T, false, false> vecP(T** pp, int32_t shift) { return {pp, shift, 0, 0, 1}; }
 template <class T> PointerView<T, true, false> vecArrP(T** pp, int32_t shift, int32_t s0) { return {pp, shift, s0, 0, 1}; }
 
+// A vector read as a column (element k at (k, 0)): the operand form of a vector that multiplies a
+// matrix from the right, and of the vector a matrix-vector product writes.
+template <class T> StdView<T, false, false> colVec(T* p, int32_t s2) { return {{0, s2, true}, p, 0}; }
+template <class T> StdView<T, true, false> colVecArr(T* p, int32_t s0, int32_t s2) { return {{0, s2, true}, p, s0}; }
+template <class T> LayoutView<T, false> colVecArrL(T** pp, int32_t shift, int32_t s2) { return {{0, s2, true}, pp, shift}; }
+template <class T> PointerView<T, false, false> colVecP(T** pp, int32_t shift) { return {pp, shift, 0, 1, 0}; }
+template <class T> PointerView<T, true, false> colVecArrP(T** pp, int32_t shift, int32_t s0) { return {pp, shift, s0, 1, 0}; }
+
 template <class T> ConstView<T> cnst(T v) { return {v}; }
 template <class T> ConstArrayView<T, false> cnstArr(T* p, int32_t s0) { return {p, nullptr, s0, 0}; }
 template <class T> ConstArrayView<T, true> cnstArrL(T** pp, int32_t shift) { return {nullptr, pp, 0, shift}; }
@@ -225,6 +233,8 @@ template <class T> ConstArrayView<T, true> cnstArrL(T** pp, int32_t shift) { ret
 // Sizes of one call: vectors are width = len, height = 1; single-object calls have count = 1.
 struct Dims {
     int32_t width, height, count;
+    bool sizesBad() const { return width < 1 || height < 1; }
+    bool disagree() const { return false; }  // one shape for every operand
 };
 
 }  // namespace omk

@@ -1,4 +1,5 @@
-// Element-wise kernels d(i, j) = op(a(i, j), b(i, j)) over arrays of objects, for any operand views.
+// Element-wise kernels d(i, j) = op(a(i, j), b(i, j)) over arrays of objects, for any operand views:
+// the sums and differences of Add/Sub and the scaling by a constant share them.
 //
 // Each element is one operation in the element type, rounded once, so every path below gives the
 // same bits; the paths differ only in how fast they walk memory:
@@ -29,6 +30,7 @@ template <> struct Simd<float> {
     static void store(float* p, V v) { _mm256_storeu_ps(p, v); }
     static V add(V a, V b) { return _mm256_add_ps(a, b); }
     static V sub(V a, V b) { return _mm256_sub_ps(a, b); }
+    static V mul(V a, V b) { return _mm256_mul_ps(a, b); }
 };
 template <> struct Simd<double> {
     using V = __m256d;
@@ -38,6 +40,7 @@ template <> struct Simd<double> {
     static void store(double* p, V v) { _mm256_storeu_pd(p, v); }
     static V add(V a, V b) { return _mm256_add_pd(a, b); }
     static V sub(V a, V b) { return _mm256_sub_pd(a, b); }
+    static V mul(V a, V b) { return _mm256_mul_pd(a, b); }
 };
 
 struct Plus {
@@ -47,6 +50,11 @@ struct Plus {
 struct Minus {
     template <class T> static T apply(T a, T b) { return a - b; }
     template <class T> static auto packed(typename Simd<T>::V a, typename Simd<T>::V b) { return Simd<T>::sub(a, b); }
+};
+
+struct Times {
+    template <class T> static T apply(T a, T b) { return a * b; }
+    template <class T> static auto packed(typename Simd<T>::V a, typename Simd<T>::V b) { return Simd<T>::mul(a, b); }
 };
 
 // A run source is either a pointer to packed elements or one scalar for all of them.

@@ -1,0 +1,233 @@
+// Kernels of the matrix and vector products: dst(i, j) = sum over k of A(i, k) * B(k, j), with A
+// and B as the operation uses them (a transposed operand is a view with its steps exchanged, a
+// vector a view of one column).
+//
+// The rounding order of every destination element is fixed by the kernel that computes it:
+//
+//   path         order 3..6 (every dimension n)             other sizes
+//   contiguous   chain: t = a1*b1, t = fma(a0, b0, t),       eight lanes: p[k % 8] = fma(a_k, b_k, p[k % 8])
+//                then t = fma(ak, bk, t) for k = 2..n-1      from +0, then ((p0+p4)+(p2+p6))+((p1+p5)+(p3+p7))
+//   strided      the tabled orders of strided3..strided6     pairs of rounded products added to t = +0,
+//                                                            an odd last term fused
+//   pointer      as strided                                  d = +0, then d = fma(a_k, b_k, d)
+//
+// The contiguous path is taken by the standard and layout descriptions when the element strides
+// of both sources and of the destination are the element size; the pointer path by the pointer
+// description. How a kernel walks memory never changes a result: the packed row kernels below
+// compute whole destination rows, one column per lane, in exactly the chain order.
+#pragma once
+#include <immintrin.h>
+
+#include <cmath>
+#include <cstdint>
+#include <type_traits>
+
+#include "frame/operand_views.h"
+
+namespace omk::mul {
+
+enum class Path { Contiguous, Strided, Pointer };
+
+// ---- one destination element from its n terms a[k], b[k] ----
+
+// t = a1*b1; t = fma(a0, b0, t); t = fma(ak, bk, t) for k = 2..n-1.
+template <int N, class T>
+inline T chainOrder(const T* a, const T* b) {
+    T t = a[1] * b[1];
+    t = std::fma(a[0], b[0], t);
+#pragma GCC unroll 4
+    for (int k = 2; k < N; ++k) t = std::fma(a[k], b[k], t);
+    return t;
+}
+
+template <class T>
+inline T strided3(const T* a, const T* b) { return std::fma(a[2], b[2], std::fma(a[0], b[0], a[1] * b[1])); }
+template <class T>
+inline T strided4(const T* a, const T* b) { return std::fma(a[1], b[1], a[2] * b[2]) + std::fma(a[0], b[0], a[3] * b[3]); }
+template <class T>
+inline T strided6(const T* a, const T* b) {
+    return std::fma(a[1], b[1], std::fma(a[2], b[2], a[4] * b[4])) + std::fma(a[0], b[0], std::fma(a[3], b[3], a[5] * b[5]));
+}
+
+// The order of a straight-line element of order N on a path. The pointer description uses the
+// strided orders; order 5 is the chain on every path.
+template <Path P, int N, class T>
+inline T fixedOrder(const T* a, const T* b) {
+    if constexpr (P == Path::Contiguous || N == 5) return chainOrder<N>(a, b);
+    else if constexpr (N == 3) return strided3(a, b);
+    else if constexpr (N == 4) return strided4(a, b);
+    else return strided6(a, b);
+}
+
+// Other sizes, K terms given by term(k, a, b).
+template <Path P, class T, class Term>
+inline T generalOrder(int K, Term&& term) {
+    if constexpr (P == Path::Strided) {
+        T t = T(0);
+        int k = 0;
+        for (; k + 1 < K; k += 2) {
+            T a, b;
+            term(k, a, b);
+            t = t + a * b;
+            term(k + 1, a, b);
+            t = t + a * b;
+        }
+        if (k < K) {
+            T a, b;
+            term(k, a, b);
+            t = std::fma(a, b, t);
+        }
+        return t;
+    } else if constexpr (P == Path::Pointer) {
+        T d = T(0);
+        for (int k = 0; k < K; ++k) {
+            T a, b;
+            term(k, a, b);
+            d = std::fma(a, b, d);
+        }
+        return d;
+    } else {
+        // Eight lane sums over the inner index, reduced as the 256-bit halves and then the pairs of
+        // a register are added.
+        T p[8] = {T(0), T(0), T(0), T(0), T(0), T(0), T(0), T(0)};
+        for (int k = 0; k < K; ++k) {
+            T a, b;
+            term(k, a, b);
+            p[k & 7] = std::fma(a, b, p[k & 7]);
+        }
+        return ((p[0] + p[4]) + (p[2] + p[6])) + ((p[1] + p[5]) + (p[3] + p[7]));
+    }
+}
+
+// ---- packed rows: one destination row at once, one column per lane ----
+
+// A row of N elements of T held in one register of Lanes >= N lanes (lanes past N are zero on
+// load and never stored). Loads and stores touch exactly the N elements.
+template <class T, int N> struct Row;
+
+// Orders up to 4 fit a 128-bit register of floats, 5 and 6 a 256-bit one.
+template <bool Wide> struct FloatRegister { using V = __m128; };
+template <> struct FloatRegister<true> { using V = __m256; };
+
+template <int N> struct Row<float, N> {
+    static_assert(N >= 3 && N <= 6);
+    using V = typename FloatRegister<(N > 4)>::V;
+    static V load(const float* p) {
+        if constexpr (N == 3) return _mm_movelh_ps(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(p))), _mm_load_ss(p + 2));
+        else if constexpr (N == 4) return _mm_loadu_ps(p);
+        else if constexpr (N == 5) return _mm256_set_m128(_mm_load_ss(p + 4), _mm_loadu_ps(p));
+        else return _mm256_set_m128(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(p + 4))), _mm_loadu_ps(p));
+    }
+    static void store(float* p, V v) {
+        if constexpr (N == 3) {
+            _mm_store_sd(reinterpret_cast<double*>(p), _mm_castps_pd(v));
+            _mm_store_ss(p + 2, _mm_movehl_ps(v, v));
+        } else if constexpr (N == 4) {
+            _mm_storeu_ps(p, v);
+        } else {
+            _mm_storeu_ps(p, _mm256_castps256_ps128(v));
+            const __m128 hi = _mm256_extractf128_ps(v, 1);
+            if constexpr (N == 5) _mm_store_ss(p + 4, hi);
+            else _mm_store_sd(reinterpret_cast<double*>(p + 4), _mm_castps_pd(hi));
+        }
+    }
+    static V splat(float x) {
+        if constexpr (N <= 4) return _mm_set1_ps(x);
+        else return _mm256_set1_ps(x);
+    }
+    static V mul(V a, V b) {
+        if constexpr (N <= 4) return _mm_mul_ps(a, b);
+        else return _mm256_mul_ps(a, b);
+    }
+    static V fma(V a, V b, V c) {
+        if constexpr (N <= 4) return _mm_fmadd_ps(a, b, c);
+        else return _mm256_fmadd_ps(a, b, c);
+    }
+};
+
+// Doubles: orders 3 and 4 in one 256-bit register; 5 and 6 in one 256-bit register and the
+// remaining one or two lanes in a 128-bit one.
+template <int N> struct Row<double, N> {
+    static_assert(N >= 3 && N <= 6);
+    struct V {
+        __m256d lo;
+        __m128d hi;
+    };
+    static V load(const double* p) {
+        if constexpr (N == 3) return {_mm256_set_m128d(_mm_load_sd(p + 2), _mm_loadu_pd(p)), _mm_setzero_pd()};
+        else if constexpr (N == 4) return {_mm256_loadu_pd(p), _mm_setzero_pd()};
+        else if constexpr (N == 5) return {_mm256_loadu_pd(p), _mm_load_sd(p + 4)};
+        else return {_mm256_loadu_pd(p), _mm_loadu_pd(p + 4)};
+    }
+    static void store(double* p, V v) {
+        if constexpr (N == 3) {
+            _mm_storeu_pd(p, _mm256_castpd256_pd128(v.lo));
+            _mm_store_sd(p + 2, _mm256_extractf128_pd(v.lo, 1));
+        } else {
+            _mm256_storeu_pd(p, v.lo);
+            if constexpr (N == 5) _mm_store_sd(p + 4, v.hi);
+            else if constexpr (N == 6) _mm_storeu_pd(p + 4, v.hi);
+        }
+    }
+    static V splat(double x) { return {_mm256_set1_pd(x), _mm_set1_pd(x)}; }
+    static V mul(V a, V b) {
+        V r{_mm256_mul_pd(a.lo, b.lo), _mm_setzero_pd()};
+        if constexpr (N > 4) r.hi = _mm_mul_pd(a.hi, b.hi);
+        return r;
+    }
+    static V fma(V a, V b, V c) {
+        V r{_mm256_fmadd_pd(a.lo, b.lo, c.lo), _mm_setzero_pd()};
+        if constexpr (N > 4) r.hi = _mm_fmadd_pd(a.hi, b.hi, c.hi);
+        return r;
+    }
+};
+
+// dst rows = A * B for one object of order N whose B and destination rows are packed (unit
+// column step); A is read element by element through its view. Every lane runs the chain order.
+template <int N, class T, class AO>
+inline void chainRows(T* d, ptrdiff_t dRow, const AO& a, const T* b, ptrdiff_t bRow) {
+    using R = Row<T, N>;
+    typename R::V brow[N];
+#pragma GCC unroll 6
+    for (int k = 0; k < N; ++k) brow[k] = R::load(addBytes(b, k * bRow));
+#pragma GCC unroll 6
+    for (int i = 0; i < N; ++i) {
+        auto t = R::mul(R::splat(a.at(i, 1)), brow[1]);
+        t = R::fma(R::splat(a.at(i, 0)), brow[0], t);
+#pragma GCC unroll 4
+        for (int k = 2; k < N; ++k) t = R::fma(R::splat(a.at(i, k)), brow[k], t);
+        R::store(addBytes(d, i * dRow), t);
+    }
+}
+
+// ---- one object ----
+
+// dst = A * B for one object: rows M, inner K, columns Ncols; with N non-zero the object is of
+// straight-line order N (rows and inner index N, Ncols N or 1 for a vector).
+template <Path P, int N, class DO, class AO, class BO>
+inline void productObject(const DO& d, const AO& a, const BO& b, int M, int K, int Ncols) {
+    using T = std::remove_const_t<std::remove_reference_t<decltype(a.at(0, 0))>>;
+    if constexpr (N != 0) {
+        const int cols = Ncols;
+#pragma GCC unroll 6
+        for (int i = 0; i < N; ++i)
+            for (int j = 0; j < cols; ++j) {
+                T av[N], bv[N];
+#pragma GCC unroll 6
+                for (int k = 0; k < N; ++k) {
+                    av[k] = a.at(i, k);
+                    bv[k] = b.at(k, j);
+                }
+                d.at(i, j) = fixedOrder<P, N>(av, bv);
+            }
+    } else {
+        for (int i = 0; i < M; ++i)
+            for (int j = 0; j < Ncols; ++j)
+                d.at(i, j) = generalOrder<P, T>(K, [&](int k, T& x, T& y) {
+                    x = a.at(i, k);
+                    y = b.at(k, j);
+                });
+    }
+}
+
+}  // namespace omk::mul
