@@ -9,19 +9,13 @@
 #include <set>
 #include <stdexcept>
 
+#include "member_checks.h"
 #include "operands.h"
 #include "thread_budget_probe.h"
 
 using namespace testing_omk;
 
 namespace {
-
-#define ARRAY_GROUP(op, g)                                                                                   \
-    OMKT_MEMBER(omkm##op##_##g##_32f) OMKT_MEMBER(omkm##op##_##g##_32f_L) OMKT_MEMBER(omkm##op##_##g##_32f_P) \
-    OMKT_MEMBER(omkm##op##_##g##_64f) OMKT_MEMBER(omkm##op##_##g##_64f_L) OMKT_MEMBER(omkm##op##_##g##_64f_P)
-#define SINGLE_GROUP(op, g)                                                  \
-    OMKT_MEMBER(omkm##op##_##g##_32f) OMKT_MEMBER(omkm##op##_##g##_32f_P) \
-    OMKT_MEMBER(omkm##op##_##g##_64f) OMKT_MEMBER(omkm##op##_##g##_64f_P)
 
 const std::vector<Member>& members() {
     static const std::vector<Member> all = {
@@ -46,36 +40,6 @@ double expected(Case& c, int k, int i, int j) {
     const bool add = c.m->op == "Add";
     if (c.m->esize == 4) return add ? double(float(a) + float(b)) : double(float(a) - float(b));
     return add ? a + b : a - b;
-}
-
-// Calls the case and checks the status, every destination element bit for bit, and that no other
-// byte of the arena and no pointer table changed.
-void runAndVerify(Case& c, OmkStatus want = omkStsOk) {
-    const std::vector<unsigned char> before = c.arena.bytes;
-    const auto tablesBefore = c.tables;
-    ASSERT_EQ(c.m->call(c.args), want) << c.m->name;
-    ASSERT_EQ(c.tables, tablesBefore) << c.m->name << ": a pointer table changed";
-    std::vector<bool> isDst(before.size(), false);
-    if (want == omkStsOk) {
-        for (int k = 0; k < c.objects(); ++k)
-            for (int i = 0; i < c.rows(); ++i)
-                for (int j = 0; j < c.width; ++j) {
-                    const size_t off = c.dst.offset(k, i, j);
-                    const double want = expected(c, k, i, j);
-                    if (c.m->esize == 4) {
-                        const float got = load<float>(c.arena.at(off)), w = float(want);
-                        ASSERT_EQ(0, std::memcmp(&got, &w, 4))
-                            << c.m->name << " object " << k << " (" << i << "," << j << "): " << got << " vs " << w;
-                    } else {
-                        const double got = load<double>(c.arena.at(off));
-                        ASSERT_EQ(0, std::memcmp(&got, &want, 8))
-                            << c.m->name << " object " << k << " (" << i << "," << j << "): " << got << " vs " << want;
-                    }
-                    std::fill_n(isDst.begin() + off, c.m->esize, true);
-                }
-    }
-    for (size_t b = 0; b < before.size(); ++b)
-        if (!isDst[b]) ASSERT_EQ(before[b], c.arena.bytes[b]) << c.m->name << ": byte " << b << " written";
 }
 
 const Member& memberNamed(const std::string& name) {
@@ -132,7 +96,7 @@ TEST(AddSubResults, EveryMemberEveryLayout) {
                     c.height = h;
                     c.count = count;
                     build(c, st, rng);
-                    runAndVerify(c);
+                    runAndVerify(c, expected);
                     if (HasFatalFailure()) return;
                 }
     }
@@ -180,53 +144,6 @@ std::string checkOrder(const Member& m) {
     return "NCSTR";
 }
 
-struct Fault {
-    size_t arg;
-    Arg bad;
-    char step;
-};
-
-char stepOf(ArgKind k) {
-    switch (k) {
-    case ArgKind::SrcPtr: case ArgKind::DstPtr: case ArgKind::ValPtr: return 'N';
-    case ArgKind::Count: return 'C';
-    case ArgKind::Width: case ArgKind::Height: case ArgKind::Len: return 'S';
-    case ArgKind::Stride: return 'T';
-    case ArgKind::Roi: return 'R';
-    default: return 0;
-    }
-}
-
-OmkStatus statusOf(char step) {
-    switch (step) {
-    case 'N': return omkStsNullPtr;
-    case 'C': return omkStsBadCount;
-    case 'S': return omkStsBadSize;
-    case 'T': return omkStsBadStride;
-    default: return omkStsBadRoiShift;
-    }
-}
-
-// Every way each argument can be wrong.
-std::vector<Fault> faultsOf(const Case& c) {
-    std::vector<Fault> out;
-    const int e = c.m->esize;
-    for (size_t i = 0; i < c.args.args.size(); ++i) {
-        const Arg& a = c.args.args[i];
-        const char step = stepOf(a.kind);
-        std::vector<int64_t> bad;
-        switch (step) {
-        case 'N': { Arg x = a; x.ptr = nullptr; out.push_back({i, x, step}); continue; }
-        case 'C': case 'S': bad = {0, -1}; break;
-        case 'T': bad = {0, -e, e + e / 2, e / 2}; break;
-        case 'R': bad = {-e, e / 2, -e / 2}; break;
-        default: continue;
-        }
-        for (int64_t v : bad) { Arg x = a; x.i = v; out.push_back({i, x, step}); }
-    }
-    return out;
-}
-
 }  // namespace
 
 // Each single fault gives its status; of two faults the one checked first wins; nothing is written.
@@ -239,26 +156,8 @@ TEST(AddSubChecks, EveryMemberInItsOrder) {
         c.height = 2;
         c.count = 3;
         build(c, {Style::Gapped}, rng);
-        const std::string order = checkOrder(m);
-        const std::vector<Arg> good = c.args.args;
-        const std::vector<Fault> faults = faultsOf(c);
-        for (const Fault& f : faults) {
-            ASSERT_NE(order.find(f.step), std::string::npos) << m.name << " has an unexpected argument kind";
-            c.args.args = good;
-            c.args.args[f.arg] = f.bad;
-            runAndVerify(c, statusOf(f.step));
-            if (HasFatalFailure()) { ADD_FAILURE() << "single fault at argument " << f.arg; return; }
-        }
-        for (const Fault& f : faults)
-            for (const Fault& g : faults) {
-                if (f.step == g.step || f.arg == g.arg) continue;
-                c.args.args = good;
-                c.args.args[f.arg] = f.bad;
-                c.args.args[g.arg] = g.bad;
-                const char first = order.find(f.step) < order.find(g.step) ? f.step : g.step;
-                ASSERT_EQ(m.call(c.args), statusOf(first))
-                    << m.name << ": faults at arguments " << f.arg << " and " << g.arg << ", order " << order;
-            }
+        walkFaults(c, checkOrder(m), faultsOf(c), expected);
+        if (HasFatalFailure()) return;
     }
 }
 
@@ -328,26 +227,6 @@ Limit limitOf(const std::string& g) {
     return rows.at(g);
 }
 
-struct Shape { int w, h, c; int64_t work; };
-
-// Shapes whose work is the largest below the limit, exactly the limit (when some shape gives it),
-// and the smallest above it.
-std::vector<Shape> aroundLimit(const Limit& l, int limit, bool matrix) {
-    Shape below{0, 0, 0, -1}, at{0, 0, 0, -1}, above{0, 0, 0, INT64_MAX};
-    for (int w = 1; w <= (matrix ? 8 : 64); ++w)
-        for (int h = 1; h <= (matrix ? 8 : 1); ++h)
-            for (int c = 1; c <= 6000; ++c) {
-                const int64_t wk = l.work(w, h, c);
-                if (wk < limit && wk > below.work) below = {w, h, c, wk};
-                if (wk == limit && at.work < 0) at = {w, h, c, wk};
-                if (wk > limit && wk < above.work) above = {w, h, c, wk};
-                if (wk > limit) break;
-            }
-    std::vector<Shape> out = {below, above};
-    if (at.work >= 0) out.push_back(at);
-    return out;
-}
-
 }  // namespace
 
 // With a budget of one thread, a call that passes its limit asks for the budget once (and then runs
@@ -370,7 +249,7 @@ TEST(AddSubLimits, EveryArrayMemberAtItsExactBoundary) {
                         {{Style::Packed, Style::Gapped, Style::Packed}, m->isMatrix() ? l.std32Strided : l.std32}};
         }
         for (const Variant& v : variants)
-            for (const Shape& s : aroundLimit(l, v.limit, m->isMatrix())) {
+            for (const LimitShape& s : aroundLimit(l.work, v.limit, m->isMatrix())) {
                 Case c;
                 c.m = m;
                 c.width = s.w;
@@ -378,7 +257,7 @@ TEST(AddSubLimits, EveryArrayMemberAtItsExactBoundary) {
                 c.count = s.c;
                 build(c, v.styles, rng);
                 probe::resetCalls();
-                runAndVerify(c);
+                runAndVerify(c, expected);
                 const bool parallel = l.atLimitParallel ? s.work >= v.limit : s.work > v.limit;
                 ASSERT_EQ(probe::calls(), parallel ? 1 : 0)
                     << m->name << " " << s.w << "x" << s.h << " count " << s.c << " work " << s.work << " limit "
@@ -418,20 +297,6 @@ TEST(AddSubLimits, DocumentedCases) {
 }
 
 // ---- parallel runs ----
-namespace {
-
-Case largeCase(const Member& m, std::mt19937::result_type seed, const std::vector<Style>& styles) {
-    std::mt19937 rng(seed);
-    Case c;
-    c.m = &m;
-    c.width = m.isMatrix() ? 4 : 16;
-    c.height = m.isMatrix() ? 3 : 1;
-    c.count = 2503;  // above every limit, not a multiple of 2, 3 or 4
-    build(c, styles, rng);
-    return c;
-}
-
-}  // namespace
 
 // Budgets 2, 3 and 4 give the same bits as the serial run, and ask for the budget twice.
 TEST(AddSubParallel, BitIdenticalToSerialForEveryArrayMember) {
@@ -440,7 +305,7 @@ TEST(AddSubParallel, BitIdenticalToSerialForEveryArrayMember) {
             Case serial = largeCase(*m, 5, styles);
             {
                 probe::Budget one(1);
-                runAndVerify(serial);
+                runAndVerify(serial, expected);
                 ASSERT_EQ(probe::calls(), 1) << m->name;
             }
             for (int budget : {2, 3, 4}) {
@@ -464,7 +329,7 @@ TEST(AddSubParallel, FewerObjectsThanThreadsRunSerially) {
     c.count = 3;
     build(c, {Style::Packed}, rng);
     probe::Budget four(4);
-    runAndVerify(c);
+    runAndVerify(c, expected);
     EXPECT_EQ(probe::calls(), 1);
 }
 
@@ -495,7 +360,7 @@ TEST(AddSubParallel, TeamSmallerThanRequested) {
     for (const char* name : {"omkmAdd_mama_32f", "omkmSub_vaca_64f_P", "omkmSub_cva_32f_L"}) {
         Case c = largeCase(memberNamed(name), 31, {Style::PaddedRows});
         probe::Budget four(4);
-        runAndVerify(c);
+        runAndVerify(c, expected);
         EXPECT_EQ(probe::calls(), 2);
     }
 }

@@ -153,6 +153,14 @@ inline Member memberOf(const std::string& name, Invoker call) {
 
 #define OMKT_MEMBER(name) testing_omk::memberOf(#name, testing_omk::invokerOf(&name)),
 
+// The members of one group: arrays in all three descriptions, single objects without _L.
+#define ARRAY_GROUP(op, g)                                                                                   \
+    OMKT_MEMBER(omkm##op##_##g##_32f) OMKT_MEMBER(omkm##op##_##g##_32f_L) OMKT_MEMBER(omkm##op##_##g##_32f_P) \
+    OMKT_MEMBER(omkm##op##_##g##_64f) OMKT_MEMBER(omkm##op##_##g##_64f_L) OMKT_MEMBER(omkm##op##_##g##_64f_P)
+#define SINGLE_GROUP(op, g)                                                  \
+    OMKT_MEMBER(omkm##op##_##g##_32f) OMKT_MEMBER(omkm##op##_##g##_32f_P) \
+    OMKT_MEMBER(omkm##op##_##g##_64f) OMKT_MEMBER(omkm##op##_##g##_64f_P)
+
 // ---- one call of a member, laid out in an arena ----
 struct Case {
     const Member* m = nullptr;
