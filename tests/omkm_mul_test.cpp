@@ -304,7 +304,7 @@ TEST(MulResults, EveryMemberEveryShapeAndLayout) {
     const std::vector<std::vector<Style>> styles = {
         {Style::Packed}, {Style::PaddedRows}, {Style::Gapped},
         {Style::Gapped, Style::Packed, Style::PaddedRows}, {Style::Packed, Style::PaddedRows, Style::Gapped},
-        {Style::PaddedRows, Style::Gapped, Style::Packed}};
+        {Style::PaddedRows, Style::Gapped, Style::Packed}, {Style::PaddedRows, Style::Packed}};
     orderWitnesses().clear();
     for (const Member& m : members())
         for (Used u : shapesOf(m))

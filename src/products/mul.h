@@ -142,19 +142,59 @@ int straightLineOrder(const Shape<G>& s) {
 }
 
 // ---- serial kernel over objects 0..count-1 ----
+
+// Objects of order N whose B and destination rows are packed: whole destination rows at once.
+// The views are copied so that their fields stay in registers across the objects.
+template <int N, bool Dense, class D, class A, class B>
+inline void packedRowObjects(const D& dv, const A& av, const B& bv, int32_t count) {
+    using T = std::remove_const_t<typename D::Elem>;
+    const D d = dv;
+    const A a = av;
+    const B b = bv;
+    constexpr ptrdiff_t e = sizeof(T), rowBytes = N * e;
+    if (A::kMatrix && a.colStep() == e) {
+        // A's rows are packed too: its elements are read at fixed offsets from each row.
+        if (Dense && a.rowStep() == rowBytes) {
+            // Every object is one run of N*N elements: all offsets inside an object are constants.
+            for (int32_t k = 0; k < count; ++k) {
+                const auto ak = a.obj(k);
+                if constexpr (N == 4 && sizeof(T) == 4)
+                    rowPairs4x4(d.obj(k).p, rowBytes, ak.p, rowBytes, b.obj(k).p, rowBytes);
+                else
+                    chainRows<N, true>(d.obj(k).p, rowBytes, StridedObject<const T, true>{ak.p, rowBytes, e},
+                                       b.obj(k).p, rowBytes);
+            }
+            return;
+        }
+        for (int32_t k = 0; k < count; ++k) {
+            const auto dk = d.obj(k);
+            const auto ak = a.obj(k);
+            const auto bk = b.obj(k);
+            if constexpr (N == 4 && sizeof(T) == 4)
+                rowPairs4x4(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep);
+            else
+                chainRows<N, Dense>(dk.p, dk.rowStep, StridedObject<const T, true>{ak.p, ak.rowStep, ak.colStep},
+                                    bk.p, bk.rowStep);
+        }
+        return;
+    }
+    for (int32_t k = 0; k < count; ++k) {
+        const auto dk = d.obj(k);
+        const auto bk = b.obj(k);
+        chainRows<N, Dense>(dk.p, dk.rowStep, a.obj(k), bk.p, bk.rowStep);
+    }
+}
+
 template <Path P, int N, class D, class A, class B>
 inline void objectsOfOrder(const D& d, const A& a, const B& b, int M, int K, int Ncols, int32_t count) {
     using T = std::remove_const_t<typename D::Elem>;
     if constexpr (P == Path::Contiguous && N != 0 && B::kMatrix) {
         // B and the destination have packed rows here (element strides are the element size and
         // neither is read transposed), so whole destination rows are formed at once.
-        if (b.colStep() == ptrdiff_t(sizeof(T)) && d.colStep() == ptrdiff_t(sizeof(T))) {
-            for (int32_t k = 0; k < count; ++k) {
-                const auto dk = d.obj(k);
-                const auto bk = b.obj(k);
-                chainRows<N>(dk.p, dk.rowStep, a.obj(k), bk.p, bk.rowStep);
-            }
-            return;
+        constexpr ptrdiff_t e = sizeof(T), rowBytes = N * e;
+        if (b.colStep() == e && d.colStep() == e) {
+            if (b.rowStep() == rowBytes && d.rowStep() == rowBytes) return packedRowObjects<N, true>(d, a, b, count);
+            return packedRowObjects<N, false>(d, a, b, count);
         }
     }
     for (int32_t k = 0; k < count; ++k) productObject<P, N>(d.obj(k), a.obj(k), b.obj(k), M, K, Ncols);

@@ -131,6 +131,17 @@ template <int N> struct Row<float, N> {
             else _mm_store_sd(reinterpret_cast<double*>(p + 4), _mm_castps_pd(hi));
         }
     }
+    // Whole-register forms for a row that is followed by more elements of the same object: the
+    // lanes past N read the next row, and a wide store's extra lanes are rewritten by the next
+    // row's store.
+    static V loadWide(const float* p) {
+        if constexpr (N <= 4) return _mm_loadu_ps(p);
+        else return _mm256_loadu_ps(p);
+    }
+    static void storeWide(float* p, V v) {
+        if constexpr (N <= 4) _mm_storeu_ps(p, v);
+        else _mm256_storeu_ps(p, v);
+    }
     static V splat(float x) {
         if constexpr (N <= 4) return _mm_set1_ps(x);
         else return _mm256_set1_ps(x);
@@ -169,6 +180,14 @@ template <int N> struct Row<double, N> {
             else if constexpr (N == 6) _mm_storeu_pd(p + 4, v.hi);
         }
     }
+    static V loadWide(const double* p) {
+        if constexpr (N <= 4) return {_mm256_loadu_pd(p), _mm_setzero_pd()};
+        else return {_mm256_loadu_pd(p), _mm_loadu_pd(p + 4)};
+    }
+    static void storeWide(double* p, V v) {
+        _mm256_storeu_pd(p, v.lo);
+        if constexpr (N > 4) _mm_storeu_pd(p + 4, v.hi);
+    }
     static V splat(double x) { return {_mm256_set1_pd(x), _mm_set1_pd(x)}; }
     static V mul(V a, V b) {
         V r{_mm256_mul_pd(a.lo, b.lo), _mm_setzero_pd()};
@@ -184,19 +203,56 @@ template <int N> struct Row<double, N> {
 
 // dst rows = A * B for one object of order N whose B and destination rows are packed (unit
 // column step); A is read element by element through its view. Every lane runs the chain order.
-template <int N, class T, class AO>
-inline void chainRows(T* d, ptrdiff_t dRow, const AO& a, const T* b, ptrdiff_t bRow) {
+// With Dense, the rows of B and of the destination follow each other without a gap, so every row
+// but the last is read and written with whole registers.
+template <int N, bool Dense, class T, class AO>
+[[gnu::always_inline]] inline void chainRows(T* d, ptrdiff_t dRow, const AO a, const T* b, ptrdiff_t bRow) {
     using R = Row<T, N>;
     typename R::V brow[N];
 #pragma GCC unroll 6
-    for (int k = 0; k < N; ++k) brow[k] = R::load(addBytes(b, k * bRow));
+    for (int k = 0; k < N; ++k)
+        brow[k] = Dense && k + 1 < N ? R::loadWide(addBytes(b, k * bRow)) : R::load(addBytes(b, k * bRow));
 #pragma GCC unroll 6
     for (int i = 0; i < N; ++i) {
         auto t = R::mul(R::splat(a.at(i, 1)), brow[1]);
         t = R::fma(R::splat(a.at(i, 0)), brow[0], t);
 #pragma GCC unroll 4
         for (int k = 2; k < N; ++k) t = R::fma(R::splat(a.at(i, k)), brow[k], t);
-        R::store(addBytes(d, i * dRow), t);
+        if (Dense && i + 1 < N) R::storeWide(addBytes(d, i * dRow), t);
+        else R::store(addBytes(d, i * dRow), t);
+    }
+}
+
+// dst = A * B for 4x4 floats whose rows are all packed: rows (0, 1) and (2, 3) of the result in
+// two 256-bit registers. Element k of each half of an A row pair is spread over its half and row k
+// of B is repeated in both halves, so every lane runs the chain order. Both sources are read
+// whole before the destination is written. Aligned selects 16-byte aligned row loads.
+template <bool Aligned = false>
+inline __m128 floatRow4(const float* p) { return Aligned ? _mm_load_ps(p) : _mm_loadu_ps(p); }
+
+template <bool Aligned = false>
+[[gnu::always_inline]] inline void rowPairs4x4(float* d, ptrdiff_t dRow, const float* a, ptrdiff_t aRow, const float* b, ptrdiff_t bRow) {
+    auto row = [](const float* p, ptrdiff_t i, ptrdiff_t pitch) { return floatRow4<Aligned>(addBytes(p, i * pitch)); };
+    const __m256 a01 = _mm256_set_m128(row(a, 1, aRow), row(a, 0, aRow));
+    const __m256 a23 = _mm256_set_m128(row(a, 3, aRow), row(a, 2, aRow));
+    const __m128 b0 = row(b, 0, bRow), b1 = row(b, 1, bRow), b2 = row(b, 2, bRow), b3 = row(b, 3, bRow);
+    const __m256 r0 = _mm256_set_m128(b0, b0), r1 = _mm256_set_m128(b1, b1);
+    const __m256 r2 = _mm256_set_m128(b2, b2), r3 = _mm256_set_m128(b3, b3);
+    auto rows = [&](__m256 ap) {
+        __m256 t = _mm256_mul_ps(_mm256_permute_ps(ap, 0x55), r1);
+        t = _mm256_fmadd_ps(_mm256_permute_ps(ap, 0x00), r0, t);
+        t = _mm256_fmadd_ps(_mm256_permute_ps(ap, 0xAA), r2, t);
+        return _mm256_fmadd_ps(_mm256_permute_ps(ap, 0xFF), r3, t);
+    };
+    const __m256 d01 = rows(a01), d23 = rows(a23);
+    if (dRow == 16) {
+        _mm256_storeu_ps(d, d01);
+        _mm256_storeu_ps(d + 8, d23);
+    } else {
+        _mm_storeu_ps(d, _mm256_castps256_ps128(d01));
+        _mm_storeu_ps(addBytes(d, dRow), _mm256_extractf128_ps(d01, 1));
+        _mm_storeu_ps(addBytes(d, 2 * dRow), _mm256_castps256_ps128(d23));
+        _mm_storeu_ps(addBytes(d, 3 * dRow), _mm256_extractf128_ps(d23, 1));
     }
 }
 
