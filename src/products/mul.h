@@ -143,38 +143,35 @@ int straightLineOrder(const Shape<G>& s) {
 
 // ---- serial kernel over objects 0..count-1 ----
 
+// One object of order N whose three operands have packed rows (unit column step): whole
+// destination rows at once, A's elements read at fixed offsets from its rows. With Dense the rows
+// of B and of the destination follow each other without a gap.
+template <int N, bool Dense, class T>
+[[gnu::always_inline]] inline void packedRowObject(T* d, ptrdiff_t dRow, const T* a, ptrdiff_t aRow, const T* b,
+                                                   ptrdiff_t bRow) {
+    if constexpr (N == 4 && sizeof(T) == 4) rowPairs4x4(d, dRow, a, aRow, b, bRow);
+    else chainRows<N, Dense>(d, dRow, StridedObject<const T, true>{a, aRow, ptrdiff_t(sizeof(T))}, b, bRow);
+}
+
 // Objects of order N whose B and destination rows are packed: whole destination rows at once.
 // The views are copied so that their fields stay in registers across the objects.
 template <int N, bool Dense, class D, class A, class B>
-inline void packedRowObjects(const D& dv, const A& av, const B& bv, int32_t count) {
+[[gnu::always_inline]] inline void packedRowObjects(const D& dv, const A& av, const B& bv, int32_t count) {
     using T = std::remove_const_t<typename D::Elem>;
     const D d = dv;
     const A a = av;
     const B b = bv;
     constexpr ptrdiff_t e = sizeof(T), rowBytes = N * e;
     if (A::kMatrix && a.colStep() == e) {
-        // A's rows are packed too: its elements are read at fixed offsets from each row.
         if (Dense && a.rowStep() == rowBytes) {
             // Every object is one run of N*N elements: all offsets inside an object are constants.
-            for (int32_t k = 0; k < count; ++k) {
-                const auto ak = a.obj(k);
-                if constexpr (N == 4 && sizeof(T) == 4)
-                    rowPairs4x4(d.obj(k).p, rowBytes, ak.p, rowBytes, b.obj(k).p, rowBytes);
-                else
-                    chainRows<N, true>(d.obj(k).p, rowBytes, StridedObject<const T, true>{ak.p, rowBytes, e},
-                                       b.obj(k).p, rowBytes);
-            }
+            for (int32_t k = 0; k < count; ++k)
+                packedRowObject<N, true>(d.obj(k).p, rowBytes, a.obj(k).p, rowBytes, b.obj(k).p, rowBytes);
             return;
         }
         for (int32_t k = 0; k < count; ++k) {
-            const auto dk = d.obj(k);
-            const auto ak = a.obj(k);
-            const auto bk = b.obj(k);
-            if constexpr (N == 4 && sizeof(T) == 4)
-                rowPairs4x4(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep);
-            else
-                chainRows<N, Dense>(dk.p, dk.rowStep, StridedObject<const T, true>{ak.p, ak.rowStep, ak.colStep},
-                                    bk.p, bk.rowStep);
+            const auto dk = d.obj(k), ak = a.obj(k), bk = b.obj(k);
+            packedRowObject<N, Dense>(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep);
         }
         return;
     }
@@ -237,6 +234,25 @@ OmkStatus product(const D& d, const A& a, const B& b, const Sizes& sizes) {
     if constexpr (Dsc == Desc::P) {
         return onPath(std::integral_constant<Path, Path::Pointer>{});
     } else {
+        if constexpr (Shape<G>::kInfo.arrays == Arrays::None && B::kMatrix) {
+            // A single square product of order 3 to 6 whose operands all have packed rows goes
+            // straight to its kernel: the per-call cost matters most here.
+            constexpr ptrdiff_t e = sizeof(T);
+            const int n = straightLineOrder<G, orRule>(s);
+            if (n != 0 && a.contiguous() && b.contiguous() && d.contiguous() && a.colStep() == e &&
+                b.colStep() == e && d.colStep() == e) {
+                const auto dk = d.obj(0);
+                const auto ak = a.obj(0);
+                const auto bk = b.obj(0);
+                switch (n) {
+                case 3: packedRowObject<3, false>(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep); break;
+                case 4: packedRowObject<4, false>(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep); break;
+                case 5: packedRowObject<5, false>(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep); break;
+                default: packedRowObject<6, false>(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep); break;
+                }
+                return omkStsOk;
+            }
+        }
         if (a.contiguous() && b.contiguous() && d.contiguous())
             return onPath(std::integral_constant<Path, Path::Contiguous>{});
         return onPath(std::integral_constant<Path, Path::Strided>{});
