@@ -109,18 +109,23 @@ template <class T, int N> struct Row;
 template <bool Wide> struct FloatRegister { using V = __m128; };
 template <> struct FloatRegister<true> { using V = __m256; };
 
+// Two floats moved as one 64-bit word; the unaligned integer forms, because float rows are only
+// 4-byte aligned.
+inline __m128 loadTwo(const float* p) { return _mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i_u*>(p))); }
+inline void storeTwo(float* p, __m128 v) { _mm_storel_epi64(reinterpret_cast<__m128i_u*>(p), _mm_castps_si128(v)); }
+
 template <int N> struct Row<float, N> {
     static_assert(N >= 3 && N <= 6);
     using V = typename FloatRegister<(N > 4)>::V;
     static V load(const float* p) {
-        if constexpr (N == 3) return _mm_movelh_ps(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(p))), _mm_load_ss(p + 2));
+        if constexpr (N == 3) return _mm_movelh_ps(loadTwo(p), _mm_load_ss(p + 2));
         else if constexpr (N == 4) return _mm_loadu_ps(p);
         else if constexpr (N == 5) return _mm256_set_m128(_mm_load_ss(p + 4), _mm_loadu_ps(p));
-        else return _mm256_set_m128(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(p + 4))), _mm_loadu_ps(p));
+        else return _mm256_set_m128(loadTwo(p + 4), _mm_loadu_ps(p));
     }
     static void store(float* p, V v) {
         if constexpr (N == 3) {
-            _mm_store_sd(reinterpret_cast<double*>(p), _mm_castps_pd(v));
+            storeTwo(p, v);
             _mm_store_ss(p + 2, _mm_movehl_ps(v, v));
         } else if constexpr (N == 4) {
             _mm_storeu_ps(p, v);
@@ -128,7 +133,7 @@ template <int N> struct Row<float, N> {
             _mm_storeu_ps(p, _mm256_castps256_ps128(v));
             const __m128 hi = _mm256_extractf128_ps(v, 1);
             if constexpr (N == 5) _mm_store_ss(p + 4, hi);
-            else _mm_store_sd(reinterpret_cast<double*>(p + 4), _mm_castps_pd(hi));
+            else storeTwo(p + 4, hi);
         }
     }
     // Whole-register forms for a row that is followed by more elements of the same object: the
