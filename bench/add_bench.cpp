@@ -30,6 +30,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_common.h"
 #include "omkcore.h"
 #include "omkm.h"
 
@@ -39,10 +40,9 @@
 
 namespace {
 
-// ---- data ----
+using namespace omkm_bench;
 
-constexpr int kInCache = 1000;
-constexpr int kOutOfCache = 1000000;
+// ---- data ----
 
 // 4x4 float matrices, packed: element stride 4 bytes, row stride 16, object stride 64.
 constexpr int kMatOrder = 4;
@@ -59,30 +59,13 @@ constexpr int kVecObjStride = kVecLen * sizeof(double);
 // STREAM-like arrays: 64 MiB each.
 constexpr size_t kStreamElems = (size_t(64) << 20) / sizeof(double);
 
-struct FreeDeleter {
-    void operator()(void* p) const { std::free(p); }
-};
-
-// 64-byte aligned storage for n elements of T (the size is rounded up to a multiple of 64 bytes,
-// as aligned_alloc requires).
-template <class T>
-std::unique_ptr<T[], FreeDeleter> alignedArray(size_t n) {
-    const size_t bytes = (n * sizeof(T) + 63) / 64 * 64;
-    T* p = static_cast<T*>(std::aligned_alloc(64, bytes));
-    if (p == nullptr) {
-        std::fprintf(stderr, "omkm_bench: aligned_alloc of %zu bytes failed\n", bytes);
-        std::exit(2);
-    }
-    return std::unique_ptr<T[], FreeDeleter>(p);
-}
-
 // Two sources and a destination of n elements. Every benchmark of one case reuses the same
 // operands, so allocation and first touch happen once, outside all timings. The values are
 // non-trivial (no zeros, no repeats over short ranges) and are written by the thread that
 // allocates, which is the first touch of every page.
 template <class T>
 struct Operands {
-    std::unique_ptr<T[], FreeDeleter> a, b, d;
+    Array<T> a, b, d;
     size_t n = 0;
 };
 
@@ -157,16 +140,6 @@ __attribute__((noinline)) void eigenAddVectors16d(const double* a, const double*
 }
 #endif
 
-// STREAM "add": c[i] = a[i] + b[i], on one thread or split statically over an OpenMP team.
-__attribute__((noinline)) void streamAdd(const double* a, const double* b, double* c, size_t n, int threads) {
-    if (threads <= 1) {
-        for (size_t i = 0; i < n; ++i) c[i] = a[i] + b[i];
-        return;
-    }
-#pragma omp parallel for num_threads(threads) schedule(static)
-    for (ptrdiff_t i = 0; i < ptrdiff_t(n); ++i) c[i] = a[i] + b[i];
-}
-
 // ---- library calls ----
 
 OmkStatus omkmMatrices(Operands<float>& o, int count) {
@@ -192,20 +165,6 @@ void plainVectors(Operands<double>& o, int count) {
 }
 
 // ---- benchmark bodies ----
-
-// Budget 0 is the library's default (the OpenMP runtime's maximum); n >= 1 fixes it to n.
-int applyBudget(int budget) {
-    omkSetNumThreads(budget);
-    int actual = 0;
-    omkGetNumThreads(&actual);
-    return actual;
-}
-
-void finish(benchmark::State& state, size_t objects, size_t objectBytes, int threads) {
-    state.SetBytesProcessed(int64_t(state.iterations()) * 3 * int64_t(objects) * int64_t(objectBytes));
-    state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(objects));
-    state.counters["threads"] = threads;
-}
 
 // The library's calls as timed bodies (their status is kept live).
 void omkmMatricesBody(Operands<float>& o, int count) { benchmark::DoNotOptimize(omkmMatrices(o, count)); }
@@ -238,7 +197,7 @@ void BM_case(benchmark::State& state, int count, int objectElems, void (*run)(Op
 // The STREAM arrays are their own buffers (not shared with a case), first touched by the same
 // static split of threads that later reads them.
 struct StreamArrays {
-    std::unique_ptr<double[], FreeDeleter> a, b, c;
+    Array<double> a, b, c;
     StreamArrays() : a(alignedArray<double>(kStreamElems)), b(alignedArray<double>(kStreamElems)),
                      c(alignedArray<double>(kStreamElems)) {
         double* pa = a.get();
