@@ -1546,6 +1546,226 @@ OMKM_API OmkStatus omkmMul_vca_64f_P(const Omk64f** ppSrc, int srcRoiShift, cons
                                      int valStride0, Omk64f** ppDst, int dstRoiShift, int dstStride0, int len,
                                      int count);
 
+/* ---- LU decomposition with partial pivoting by rows, and its solver ---- */
+
+/*
+ * Rows never move: row p[k] of the destination holds U(k, j) for j >= k and the multiplier L(k, j)
+ * for j < k (unit diagonal of L not stored); p, the index array, holds widthHeight ints per matrix
+ * (matrix k of an array owns entries k*widthHeight ...), plain and contiguous in every description.
+ * Singular (omkStsSingular) when a pivot's absolute value is below 2^-125 (32f) or 2^-1021 (64f)
+ * for orders 3 to 6, and at most 2^-23 or 2^-52 for every other order; a NaN pivot passes. On
+ * omkStsSingular the call returns at once: orders 3 to 6 have written p and the rows of the
+ * finished steps, other orders the whole copy of the source, factored up to the failing column.
+ * In an array the first singular matrix ends the call on one thread (later matrices untouched);
+ * with threads, each thread's slice stops at its own first failure, the other slices are
+ * computed, and the first failing status stored is returned.
+ * The solver makes no test of the diagonal. Its sums run over ascending indices in the general
+ * loop; orders 3 to 6 use fused chains from the highest index down (results may differ in the
+ * last bit). pDst may coincide with pSrc2 for orders 3 to 6 (the right-hand side is read whole
+ * first); for other orders only when p is the identity.
+ * An array call runs on the calling thread while its work is below the limit: LUDecomp_ma
+ * n*n*count < 1001, LUBackSubst_mava (n+2)*n*count < 1201, LUBackSubst_mva (n+2*count)*n < 701.
+ */
+/* LUDecomp m: factor one matrix, P*A = L*U, row order into the index array */
+OMKM_API OmkStatus omkmLUDecomp_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2, int* pDstIndex,
+                                      Omk32f* pDst, int dstStride1, int dstStride2, int widthHeight);
+OMKM_API OmkStatus omkmLUDecomp_m_32f_P(const Omk32f** ppSrc, int srcRoiShift, int* pDstIndex, Omk32f** ppDst,
+                                        int dstRoiShift, int widthHeight);
+OMKM_API OmkStatus omkmLUDecomp_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2, int* pDstIndex,
+                                      Omk64f* pDst, int dstStride1, int dstStride2, int widthHeight);
+OMKM_API OmkStatus omkmLUDecomp_m_64f_P(const Omk64f** ppSrc, int srcRoiShift, int* pDstIndex, Omk64f** ppDst,
+                                        int dstRoiShift, int widthHeight);
+/* LUDecomp ma: factor each matrix of an array, widthHeight index entries per matrix */
+OMKM_API OmkStatus omkmLUDecomp_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                       int* pDstIndex, Omk32f* pDst, int dstStride0, int dstStride1,
+                                       int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmLUDecomp_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1,
+                                         int srcStride2, int* pDstIndex, Omk32f** ppDst, int dstRoiShift,
+                                         int dstStride1, int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmLUDecomp_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0,
+                                         int* pDstIndex, Omk32f** ppDst, int dstRoiShift, int dstStride0,
+                                         int widthHeight, int count);
+OMKM_API OmkStatus omkmLUDecomp_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                       int* pDstIndex, Omk64f* pDst, int dstStride0, int dstStride1,
+                                       int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmLUDecomp_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1,
+                                         int srcStride2, int* pDstIndex, Omk64f** ppDst, int dstRoiShift,
+                                         int dstStride1, int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmLUDecomp_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0,
+                                         int* pDstIndex, Omk64f** ppDst, int dstRoiShift, int dstStride0,
+                                         int widthHeight, int count);
+/* LUBackSubst mv: solve A*x = b for one factored matrix and one vector */
+OMKM_API OmkStatus omkmLUBackSubst_mv_32f(const Omk32f* pSrc, int srcStride1, int srcStride2,
+                                          const int* pSrcIndex, const Omk32f* pSrc2, int src2Stride2,
+                                          Omk32f* pDst, int dstStride2, int widthHeight);
+OMKM_API OmkStatus omkmLUBackSubst_mv_32f_P(const Omk32f** ppSrc, int srcRoiShift, const int* pSrcIndex,
+                                            const Omk32f** ppSrc2, int src2RoiShift, Omk32f** ppDst,
+                                            int dstRoiShift, int widthHeight);
+OMKM_API OmkStatus omkmLUBackSubst_mv_64f(const Omk64f* pSrc, int srcStride1, int srcStride2,
+                                          const int* pSrcIndex, const Omk64f* pSrc2, int src2Stride2,
+                                          Omk64f* pDst, int dstStride2, int widthHeight);
+OMKM_API OmkStatus omkmLUBackSubst_mv_64f_P(const Omk64f** ppSrc, int srcRoiShift, const int* pSrcIndex,
+                                            const Omk64f** ppSrc2, int src2RoiShift, Omk64f** ppDst,
+                                            int dstRoiShift, int widthHeight);
+/* LUBackSubst mva: solve with one factored matrix for each vector of an array */
+OMKM_API OmkStatus omkmLUBackSubst_mva_32f(const Omk32f* pSrc, int srcStride1, int srcStride2,
+                                           const int* pSrcIndex, const Omk32f* pSrc2, int src2Stride0,
+                                           int src2Stride2, Omk32f* pDst, int dstStride0, int dstStride2,
+                                           int widthHeight, int count);
+OMKM_API OmkStatus omkmLUBackSubst_mva_32f_L(const Omk32f* pSrc, int srcStride1, int srcStride2,
+                                             const int* pSrcIndex, const Omk32f** ppSrc2, int src2RoiShift,
+                                             int src2Stride2, Omk32f** ppDst, int dstRoiShift, int dstStride2,
+                                             int widthHeight, int count);
+OMKM_API OmkStatus omkmLUBackSubst_mva_32f_P(const Omk32f** ppSrc, int srcRoiShift, const int* pSrcIndex,
+                                             const Omk32f** ppSrc2, int src2RoiShift, int src2Stride0,
+                                             Omk32f** ppDst, int dstRoiShift, int dstStride0, int widthHeight,
+                                             int count);
+OMKM_API OmkStatus omkmLUBackSubst_mva_64f(const Omk64f* pSrc, int srcStride1, int srcStride2,
+                                           const int* pSrcIndex, const Omk64f* pSrc2, int src2Stride0,
+                                           int src2Stride2, Omk64f* pDst, int dstStride0, int dstStride2,
+                                           int widthHeight, int count);
+OMKM_API OmkStatus omkmLUBackSubst_mva_64f_L(const Omk64f* pSrc, int srcStride1, int srcStride2,
+                                             const int* pSrcIndex, const Omk64f** ppSrc2, int src2RoiShift,
+                                             int src2Stride2, Omk64f** ppDst, int dstRoiShift, int dstStride2,
+                                             int widthHeight, int count);
+OMKM_API OmkStatus omkmLUBackSubst_mva_64f_P(const Omk64f** ppSrc, int srcRoiShift, const int* pSrcIndex,
+                                             const Omk64f** ppSrc2, int src2RoiShift, int src2Stride0,
+                                             Omk64f** ppDst, int dstRoiShift, int dstStride0, int widthHeight,
+                                             int count);
+/* LUBackSubst mava: solve with each factored matrix of an array for its vector */
+OMKM_API OmkStatus omkmLUBackSubst_mava_32f(const Omk32f* pSrc, int srcStride0, int srcStride1,
+                                            int srcStride2, const int* pSrcIndex, const Omk32f* pSrc2,
+                                            int src2Stride0, int src2Stride2, Omk32f* pDst, int dstStride0,
+                                            int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmLUBackSubst_mava_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1,
+                                              int srcStride2, const int* pSrcIndex, const Omk32f** ppSrc2,
+                                              int src2RoiShift, int src2Stride2, Omk32f** ppDst,
+                                              int dstRoiShift, int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmLUBackSubst_mava_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0,
+                                              const int* pSrcIndex, const Omk32f** ppSrc2, int src2RoiShift,
+                                              int src2Stride0, Omk32f** ppDst, int dstRoiShift,
+                                              int dstStride0, int widthHeight, int count);
+OMKM_API OmkStatus omkmLUBackSubst_mava_64f(const Omk64f* pSrc, int srcStride0, int srcStride1,
+                                            int srcStride2, const int* pSrcIndex, const Omk64f* pSrc2,
+                                            int src2Stride0, int src2Stride2, Omk64f* pDst, int dstStride0,
+                                            int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmLUBackSubst_mava_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1,
+                                              int srcStride2, const int* pSrcIndex, const Omk64f** ppSrc2,
+                                              int src2RoiShift, int src2Stride2, Omk64f** ppDst,
+                                              int dstRoiShift, int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmLUBackSubst_mava_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0,
+                                              const int* pSrcIndex, const Omk64f** ppSrc2, int src2RoiShift,
+                                              int src2Stride0, Omk64f** ppDst, int dstRoiShift,
+                                              int dstStride0, int widthHeight, int count);
+
+/* ---- Cholesky decomposition with a reciprocal diagonal, and its solver ---- */
+
+/*
+ * Only the lower triangle of the source is read. The destination holds L(i, j) for j < i and
+ * 1/L(i, i) on the diagonal; its strict upper triangle is never written. 1/L(i, i) is, for 32f,
+ * the processor's reciprocal square root estimate refined by one Newton step, and for 64f
+ * 1/sqrt(d) correctly rounded twice. A pivot d with 0 >= d gives omkStsNotPosDefinite (a NaN pivot
+ * passes); rows before the failing row are written and the failing row keeps its contents (for
+ * orders above 64 its off-diagonal elements are written as they are formed).
+ * The solver makes no test. In an array the first failing matrix ends the call on one thread
+ * (later matrices untouched); with threads, each thread's slice stops at its own first failure,
+ * the other slices are computed, and the first failing status stored is returned.
+ * An array call runs on the calling thread while its work is below the limit: CholeskyDecomp_ma
+ * n*n*count < 7501; CholeskyBackSubst_mava (n+2)*n*count < 2051 when every element stride is the
+ * element size (standard and _L only), else < 1701; CholeskyBackSubst_mva (n+2*count)*n < 1201.
+ */
+/* CholeskyDecomp m: factor one symmetric positive definite matrix, A = L*L^T */
+OMKM_API OmkStatus omkmCholeskyDecomp_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2, Omk32f* pDst,
+                                            int dstStride1, int dstStride2, int widthHeight);
+OMKM_API OmkStatus omkmCholeskyDecomp_m_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f** ppDst,
+                                              int dstRoiShift, int widthHeight);
+OMKM_API OmkStatus omkmCholeskyDecomp_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2, Omk64f* pDst,
+                                            int dstStride1, int dstStride2, int widthHeight);
+OMKM_API OmkStatus omkmCholeskyDecomp_m_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f** ppDst,
+                                              int dstRoiShift, int widthHeight);
+/* CholeskyDecomp ma: factor each matrix of an array */
+OMKM_API OmkStatus omkmCholeskyDecomp_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1,
+                                             int srcStride2, Omk32f* pDst, int dstStride0, int dstStride1,
+                                             int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmCholeskyDecomp_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1,
+                                               int srcStride2, Omk32f** ppDst, int dstRoiShift,
+                                               int dstStride1, int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmCholeskyDecomp_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0,
+                                               Omk32f** ppDst, int dstRoiShift, int dstStride0,
+                                               int widthHeight, int count);
+OMKM_API OmkStatus omkmCholeskyDecomp_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1,
+                                             int srcStride2, Omk64f* pDst, int dstStride0, int dstStride1,
+                                             int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmCholeskyDecomp_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1,
+                                               int srcStride2, Omk64f** ppDst, int dstRoiShift,
+                                               int dstStride1, int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmCholeskyDecomp_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0,
+                                               Omk64f** ppDst, int dstRoiShift, int dstStride0,
+                                               int widthHeight, int count);
+/* CholeskyBackSubst mv: solve A*x = b for one factor and one vector */
+OMKM_API OmkStatus omkmCholeskyBackSubst_mv_32f(const Omk32f* pSrc, int srcStride1, int srcStride2,
+                                                const Omk32f* pSrc2, int src2Stride2, Omk32f* pDst,
+                                                int dstStride2, int widthHeight);
+OMKM_API OmkStatus omkmCholeskyBackSubst_mv_32f_P(const Omk32f** ppSrc, int srcRoiShift,
+                                                  const Omk32f** ppSrc2, int src2RoiShift, Omk32f** ppDst,
+                                                  int dstRoiShift, int widthHeight);
+OMKM_API OmkStatus omkmCholeskyBackSubst_mv_64f(const Omk64f* pSrc, int srcStride1, int srcStride2,
+                                                const Omk64f* pSrc2, int src2Stride2, Omk64f* pDst,
+                                                int dstStride2, int widthHeight);
+OMKM_API OmkStatus omkmCholeskyBackSubst_mv_64f_P(const Omk64f** ppSrc, int srcRoiShift,
+                                                  const Omk64f** ppSrc2, int src2RoiShift, Omk64f** ppDst,
+                                                  int dstRoiShift, int widthHeight);
+/* CholeskyBackSubst mva: solve with one factor for each vector of an array */
+OMKM_API OmkStatus omkmCholeskyBackSubst_mva_32f(const Omk32f* pSrc, int srcStride1, int srcStride2,
+                                                 const Omk32f* pSrc2, int src2Stride0, int src2Stride2,
+                                                 Omk32f* pDst, int dstStride0, int dstStride2,
+                                                 int widthHeight, int count);
+OMKM_API OmkStatus omkmCholeskyBackSubst_mva_32f_L(const Omk32f* pSrc, int srcStride1, int srcStride2,
+                                                   const Omk32f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                                   Omk32f** ppDst, int dstRoiShift, int dstStride2,
+                                                   int widthHeight, int count);
+OMKM_API OmkStatus omkmCholeskyBackSubst_mva_32f_P(const Omk32f** ppSrc, int srcRoiShift,
+                                                   const Omk32f** ppSrc2, int src2RoiShift, int src2Stride0,
+                                                   Omk32f** ppDst, int dstRoiShift, int dstStride0,
+                                                   int widthHeight, int count);
+OMKM_API OmkStatus omkmCholeskyBackSubst_mva_64f(const Omk64f* pSrc, int srcStride1, int srcStride2,
+                                                 const Omk64f* pSrc2, int src2Stride0, int src2Stride2,
+                                                 Omk64f* pDst, int dstStride0, int dstStride2,
+                                                 int widthHeight, int count);
+OMKM_API OmkStatus omkmCholeskyBackSubst_mva_64f_L(const Omk64f* pSrc, int srcStride1, int srcStride2,
+                                                   const Omk64f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                                   Omk64f** ppDst, int dstRoiShift, int dstStride2,
+                                                   int widthHeight, int count);
+OMKM_API OmkStatus omkmCholeskyBackSubst_mva_64f_P(const Omk64f** ppSrc, int srcRoiShift,
+                                                   const Omk64f** ppSrc2, int src2RoiShift, int src2Stride0,
+                                                   Omk64f** ppDst, int dstRoiShift, int dstStride0,
+                                                   int widthHeight, int count);
+/* CholeskyBackSubst mava: solve with each factor of an array for its vector */
+OMKM_API OmkStatus omkmCholeskyBackSubst_mava_32f(const Omk32f* pSrc, int srcStride0, int srcStride1,
+                                                  int srcStride2, const Omk32f* pSrc2, int src2Stride0,
+                                                  int src2Stride2, Omk32f* pDst, int dstStride0,
+                                                  int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmCholeskyBackSubst_mava_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1,
+                                                    int srcStride2, const Omk32f** ppSrc2, int src2RoiShift,
+                                                    int src2Stride2, Omk32f** ppDst, int dstRoiShift,
+                                                    int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmCholeskyBackSubst_mava_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0,
+                                                    const Omk32f** ppSrc2, int src2RoiShift, int src2Stride0,
+                                                    Omk32f** ppDst, int dstRoiShift, int dstStride0,
+                                                    int widthHeight, int count);
+OMKM_API OmkStatus omkmCholeskyBackSubst_mava_64f(const Omk64f* pSrc, int srcStride0, int srcStride1,
+                                                  int srcStride2, const Omk64f* pSrc2, int src2Stride0,
+                                                  int src2Stride2, Omk64f* pDst, int dstStride0,
+                                                  int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmCholeskyBackSubst_mava_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1,
+                                                    int srcStride2, const Omk64f** ppSrc2, int src2RoiShift,
+                                                    int src2Stride2, Omk64f** ppDst, int dstRoiShift,
+                                                    int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmCholeskyBackSubst_mava_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0,
+                                                    const Omk64f** ppSrc2, int src2RoiShift, int src2Stride0,
+                                                    Omk64f** ppDst, int dstRoiShift, int dstStride0,
+                                                    int widthHeight, int count);
+
 #ifdef __cplusplus
 }
 #endif

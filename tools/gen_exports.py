@@ -8,6 +8,8 @@ exist. From it this script writes:
   src/elementwise/sub_entries.cpp      the same for Sub
   src/products/mul_*_entries.cpp       the matrix and vector products, in four files
   src/products/scale_entries.cpp       the products with a constant
+  src/solvers/lu_entries.cpp           the LU decompositions and back substitutions
+  src/solvers/cholesky_entries.cpp     the Cholesky decompositions and back substitutions
   src/exports.map                      the linker's list of exported names
 
 Everything a member does beyond its operands (check order, work figure, serial limit) is in the
@@ -291,6 +293,64 @@ def scale_members():
     return out
 
 
+# ---- registry: LU and Cholesky decompositions and their back substitutions ----
+# Square matrices of order widthHeight. The LU index array stands right after the matrix block;
+# it is one plain contiguous array of widthHeight entries per matrix in every description.
+# (family, kind, file, comment)
+SOLVER_GROUPS = [
+    ("LUDecomp", "m", "lu", "factor one matrix, P*A = L*U, row order into the index array"),
+    ("LUDecomp", "ma", "lu", "factor each matrix of an array, widthHeight index entries per matrix"),
+    ("LUBackSubst", "mv", "lu", "solve A*x = b for one factored matrix and one vector"),
+    ("LUBackSubst", "mva", "lu", "solve with one factored matrix for each vector of an array"),
+    ("LUBackSubst", "mava", "lu", "solve with each factored matrix of an array for its vector"),
+    ("CholeskyDecomp", "m", "cholesky", "factor one symmetric positive definite matrix, A = L*L^T"),
+    ("CholeskyDecomp", "ma", "cholesky", "factor each matrix of an array"),
+    ("CholeskyBackSubst", "mv", "cholesky", "solve A*x = b for one factor and one vector"),
+    ("CholeskyBackSubst", "mva", "cholesky", "solve with one factor for each vector of an array"),
+    ("CholeskyBackSubst", "mava", "cholesky", "solve with each factor of an array for its vector"),
+]
+
+
+def solver_members():
+    """Every decomposition and back substitution export, as (name, op, group, comment, params, body, file)."""
+    out = []
+    for family, group, fname, comment in SOLVER_GROUPS:
+        ops = operands(group)
+        matrix_array = ops[0][1]
+        any_array = any(a for _, a in ops)
+        lu = family.startswith("LU")
+        decomp = family.endswith("Decomp")
+        for ty in ("32f", "64f"):
+            for desc in ("Std", "L", "P") if any_array else ("Std", "P"):
+                t = TYPES[ty]
+                a = Operand("m", matrix_array, "src", desc, t, True)
+                params = a.params()
+                index = []
+                if lu:
+                    index = [("int*", "pDstIndex")] if decomp else [("const int*", "pSrcIndex")]
+                params += index
+                views = []
+                if decomp:
+                    dst = Operand("m", any_array, "dst", desc, t, False)
+                else:
+                    b = Operand("v", ops[1][1], "src2", desc, t, True)
+                    params += b.params()
+                    dst = Operand("v", any_array, "dst", desc, t, False)
+                params += dst.params() + [("int", "widthHeight")] + ([("int", "count")] if any_array else [])
+                views = [mul_view(dst, "widthHeight", "widthHeight"), mul_view(a, "widthHeight", "widthHeight")]
+                if lu:
+                    views.append(f"{'pivotsArr' if matrix_array else 'pivots'}({index[0][1]}, widthHeight)")
+                if not decomp:
+                    views.append(mul_view(b, "widthHeight", "widthHeight"))
+                suffix = "" if desc == "Std" else "_" + desc
+                fn = "lu" + family[2:] if lu else "cholesky" + family[8:]
+                body = (f"return {fn}<Group::{group}, Desc::{desc}>(\n        "
+                        + ",\n        ".join(views)
+                        + f",\n        Dims{{widthHeight, widthHeight, {'count' if any_array else '1'}}});")
+                out.append((f"omkm{family}_{group}_{ty}{suffix}", family, group, comment, params, body, fname))
+    return out
+
+
 def signature(name, params, indent, width=110):
     """name(params), the parameters packed into lines of at most `width` columns."""
     lines, line = [], ""
@@ -305,11 +365,47 @@ def signature(name, params, indent, width=110):
     return f"{name}(" + ("\n" + " " * indent).join(lines) + ")"
 
 
+LU_NOTE = """\
+ * Rows never move: row p[k] of the destination holds U(k, j) for j >= k and the multiplier L(k, j)
+ * for j < k (unit diagonal of L not stored); p, the index array, holds widthHeight ints per matrix
+ * (matrix k of an array owns entries k*widthHeight ...), plain and contiguous in every description.
+ * Singular (omkStsSingular) when a pivot's absolute value is below 2^-125 (32f) or 2^-1021 (64f)
+ * for orders 3 to 6, and at most 2^-23 or 2^-52 for every other order; a NaN pivot passes. On
+ * omkStsSingular the call returns at once: orders 3 to 6 have written p and the rows of the
+ * finished steps, other orders the whole copy of the source, factored up to the failing column.
+ * In an array the first singular matrix ends the call on one thread (later matrices untouched);
+ * with threads, each thread's slice stops at its own first failure, the other slices are
+ * computed, and the first failing status stored is returned.
+ * The solver makes no test of the diagonal. Its sums run over ascending indices in the general
+ * loop; orders 3 to 6 use fused chains from the highest index down (results may differ in the
+ * last bit). pDst may coincide with pSrc2 for orders 3 to 6 (the right-hand side is read whole
+ * first); for other orders only when p is the identity.
+ * An array call runs on the calling thread while its work is below the limit: LUDecomp_ma
+ * n*n*count < 1001, LUBackSubst_mava (n+2)*n*count < 1201, LUBackSubst_mva (n+2*count)*n < 701.
+"""
+CHOLESKY_NOTE = """\
+ * Only the lower triangle of the source is read. The destination holds L(i, j) for j < i and
+ * 1/L(i, i) on the diagonal; its strict upper triangle is never written. 1/L(i, i) is, for 32f,
+ * the processor's reciprocal square root estimate refined by one Newton step, and for 64f
+ * 1/sqrt(d) correctly rounded twice. A pivot d with 0 >= d gives omkStsNotPosDefinite (a NaN pivot
+ * passes); rows before the failing row are written and the failing row keeps its contents (for
+ * orders above 64 its off-diagonal elements are written as they are formed).
+ * The solver makes no test. In an array the first failing matrix ends the call on one thread
+ * (later matrices untouched); with threads, each thread's slice stops at its own first failure,
+ * the other slices are computed, and the first failing status stored is returned.
+ * An array call runs on the calling thread while its work is below the limit: CholeskyDecomp_ma
+ * n*n*count < 7501; CholeskyBackSubst_mava (n+2)*n*count < 2051 when every element stride is the
+ * element size (standard and _L only), else < 1701; CholeskyBackSubst_mva (n+2*count)*n < 1201.
+"""
+
+
 def header(sections):
-    """sections: (title, members) in the order the header lists them."""
+    """sections: (title, members[, note]) in the order the header lists them."""
     lines = []
-    for what, members in sections:
+    for what, members, *note in sections:
         lines.append(f"/* ---- {what} ---- */\n")
+        if note:
+            lines.append("/*\n" + note[0] + " */")
         last = None
         for name, op, group, comment, params, *_ in members:
             if group != last:
@@ -352,7 +448,8 @@ def outputs():
     sub = [m for m in add_sub if m[1] == "Sub"]
     mul = mul_members()
     scale = scale_members()
-    names = ["omkmGetLibVersion"] + [m[0] for m in add_sub + mul + scale]
+    solvers = solver_members()
+    names = ["omkmGetLibVersion"] + [m[0] for m in add_sub + mul + scale + solvers]
     unknown = sorted(set(names) - set(api_names()))
     if unknown or len(set(names)) != len(names):
         raise SystemExit(f"registry names not in tools/exports.txt or repeated: {unknown}")
@@ -360,12 +457,21 @@ def outputs():
         "include/omkm.h": header([("Add: dst = first + second", add),
                                   ("Sub: dst = first - second, operands in name order", sub),
                                   ("Mul: dst = first * second, matrices and vectors", mul),
-                                  ("Mul by a constant: dst = src * val, one rounding per element", scale)]),
+                                  ("Mul by a constant: dst = src * val, one rounding per element", scale),
+                                  ("LU decomposition with partial pivoting by rows, and its solver",
+                                   [m for m in solvers if m[6] == "lu"], LU_NOTE),
+                                  ("Cholesky decomposition with a reciprocal diagonal, and its solver",
+                                   [m for m in solvers if m[6] == "cholesky"], CHOLESKY_NOTE)]),
         "src/elementwise/add_entries.cpp": entries(add, "Add functions", "elementwise/add_sub.h", "omk::addsub"),
         "src/elementwise/sub_entries.cpp": entries(sub, "Sub functions", "elementwise/add_sub.h", "omk::addsub"),
         "src/products/scale_entries.cpp": entries(scale, "products with a constant", "products/scale.h", "omk::scale"),
         "src/exports.map": export_map(names),
     }
+    files["src/solvers/lu_entries.cpp"] = entries([m for m in solvers if m[6] == "lu"],
+                                                  "LU decompositions and solvers", "solvers/lu.h", "omk::lu")
+    files["src/solvers/cholesky_entries.cpp"] = entries([m for m in solvers if m[6] == "cholesky"],
+                                                        "Cholesky decompositions and solvers", "solvers/cholesky.h",
+                                                        "omk::cholesky")
     for fname, what in MUL_FILES.items():
         part = [m for m in mul if m[6] == fname]
         files[f"src/products/mul_{fname}_entries.cpp"] = entries(part, f"products of {what}", "products/mul.h", "omk::mul")

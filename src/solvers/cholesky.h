@@ -1,0 +1,259 @@
+// Cholesky decomposition A = L*L^T of symmetric positive definite matrices, and the solution of
+// A*x = b with it, for single objects and arrays in the standard, pointer (_P) and layout (_L)
+// descriptions.
+//
+// Only the lower triangle of the source is read. The destination holds L(i, j) at (i, j) for j < i
+// and the reciprocal 1 / L(i, i) on the diagonal, so that the solver multiplies and never divides;
+// its strict upper triangle is never written. The exported functions (cholesky_entries.cpp) are
+// one line each.
+#pragma once
+#include <immintrin.h>
+
+#include <cmath>
+#include <cstdint>
+#include <type_traits>
+
+#include "frame/checks.h"
+#include "frame/operand_views.h"
+#include "solvers/solver_arrays.h"
+
+namespace omk::cholesky {
+
+using solve::Desc;
+using solve::Group;
+using solve::objectOf;
+
+// ---- serial limits: an array call stays serial while its work is below the limit ----
+//                                                    work              parallel from
+constexpr int32_t kDecompLimit = 7501;             // n*n*count
+constexpr int32_t kSolvePairsPackedLimit = 2051;   // (n + 2)*n*count, mava, every element stride packed
+constexpr int32_t kSolvePairsLimit = 1701;         // (n + 2)*n*count, mava, other strides and _P
+constexpr int32_t kSolveOneMatrixLimit = 1201;     // (n + 2*count)*n, mva
+
+// "Packed" means the standard or layout description with every element stride (srcStride2,
+// src2Stride2, dstStride2) equal to the element size; the pointer description never is.
+constexpr int32_t limitOf(Group g, bool packed) {
+    switch (g) {
+    case Group::ma: return kDecompLimit;
+    case Group::mava: return packed ? kSolvePairsPackedLimit : kSolvePairsLimit;
+    default: return kSolveOneMatrixLimit;
+    }
+}
+
+// ---- the reciprocal diagonal R = 1 / sqrt(d) ----
+// 32-bit: the processor's approximate reciprocal square root r0, refined by one Newton step
+// evaluated left to right as (r0 * -0.5) * ((d * r0) * r0 - 3). 64-bit: a correctly rounded square
+// root and one division.
+inline float reciprocalRoot(float d) {
+    const float r0 = _mm_cvtss_f32(_mm_rsqrt_ss(_mm_set_ss(d)));
+    return (r0 * -0.5f) * ((d * r0) * r0 - 3.0f);
+}
+inline double reciprocalRoot(double d) { return 1.0 / std::sqrt(d); }
+
+// A pivot fails when 0 >= d, so a NaN pivot passes.
+template <class T> bool notPositive(T d) { return T(0) >= d; }
+
+// ---- decomposition, general loop ----
+// Row by row: L(i, j) = (a(i, j) - L(i, 0)*L(j, 0) - ... - L(i, j-1)*L(j, j-1)) * R(j), each
+// product rounded and subtracted in turn; the pivot d = a(i, i) - L(i, 0)^2 - ... likewise. Row i
+// is formed in a local row and written only after its pivot passes, so a failing row keeps its
+// previous contents; orders above kLocalRow form the row in the destination itself.
+constexpr int kLocalRow = 64;
+
+template <class T, class DO, class SO>
+OmkStatus decompGeneral(const DO& l, const SO& a, int n) {
+    T local[kLocalRow];
+    for (int i = 0; i < n; ++i) {
+        const bool inPlace = n > kLocalRow;
+        auto row = [&](int j) -> T& { return inPlace ? l.at(i, j) : local[j]; };
+        for (int j = 0; j < i; ++j) {
+            T s = a.at(i, j);
+            for (int k = 0; k < j; ++k) s = s - row(k) * l.at(j, k);
+            row(j) = s * l.at(j, j);
+        }
+        T d = a.at(i, i);
+        for (int k = 0; k < i; ++k) d = d - row(k) * row(k);
+        if (notPositive(d)) return omkStsNotPosDefinite;
+        if (!inPlace)
+            for (int j = 0; j < i; ++j) l.at(i, j) = local[j];
+        l.at(i, i) = reciprocalRoot(d);
+    }
+    return omkStsOk;
+}
+
+// ---- decomposition, orders 3 to 6 ----
+// The lower triangle is read into a local copy first. Each difference is a chain of fused
+// multiply-adds over ascending k: s = fma(-L(i, k), L(j, k), s) from s = a(i, j), then
+// L(i, j) = s * R(j); the pivot is fma(-L(i, k), L(i, k), d) from d = a(i, i). Row i is written as
+// soon as its pivot passes.
+template <int N, class T, class DO, class SO>
+OmkStatus decompFixed(const DO& l, const SO& a) {
+    T m[N][N];
+#pragma GCC unroll 6
+    for (int i = 0; i < N; ++i)
+#pragma GCC unroll 6
+        for (int j = 0; j <= i; ++j) m[i][j] = a.at(i, j);
+#pragma GCC unroll 6
+    for (int i = 0; i < N; ++i) {
+#pragma GCC unroll 6
+        for (int j = 0; j < i; ++j) {
+            T s = m[i][j];
+#pragma GCC unroll 6
+            for (int k = 0; k < j; ++k) s = std::fma(-m[i][k], m[j][k], s);
+            m[i][j] = s * m[j][j];
+        }
+        T d = m[i][i];
+#pragma GCC unroll 6
+        for (int k = 0; k < i; ++k) d = std::fma(-m[i][k], m[i][k], d);
+        if (notPositive(d)) return omkStsNotPosDefinite;
+        m[i][i] = reciprocalRoot(d);
+#pragma GCC unroll 6
+        for (int j = 0; j <= i; ++j) l.at(i, j) = m[i][j];
+    }
+    return omkStsOk;
+}
+
+template <class T, class DO, class SO>
+OmkStatus decompObject(const DO& l, const SO& a, int n) {
+    switch (n) {
+    case 3: return decompFixed<3, T>(l, a);
+    case 4: return decompFixed<4, T>(l, a);
+    case 5: return decompFixed<5, T>(l, a);
+    case 6: return decompFixed<6, T>(l, a);
+    default: return decompGeneral<T>(l, a, n);
+    }
+}
+
+// ---- back substitution ----
+// General loop. Forward: y(i) = (b(i) - s) * R(i), s the sum of L(i, j)*y(j) over ascending j < i
+// (each product rounded, added in turn), y stored in the destination as it is formed. Backward
+// with L^T: x(i) = (y(i) - s) * R(i), s the sum of L(j, i)*x(j) over ascending j > i.
+template <class T, class XO, class LO, class BO>
+void solveGeneral(const XO& x, const LO& l, const BO& b, int n) {
+    for (int i = 0; i < n; ++i) {
+        T y = b.at(i, 0);
+        if (i > 0) {
+            T s = l.at(i, 0) * x.at(0, 0);
+            for (int j = 1; j < i; ++j) s = s + l.at(i, j) * x.at(j, 0);
+            y = y - s;
+        }
+        x.at(i, 0) = y * l.at(i, i);
+    }
+    for (int i = n - 1; i >= 0; --i) {
+        T y = x.at(i, 0);
+        if (i + 1 < n) {
+            T s = l.at(i + 1, i) * x.at(i + 1, 0);
+            for (int j = i + 2; j < n; ++j) s = s + l.at(j, i) * x.at(j, 0);
+            y = y - s;
+        }
+        x.at(i, 0) = y * l.at(i, i);
+    }
+}
+
+// Orders 3 to 6: the lower triangle read once, then for every vector each sum is a chain of fused
+// multiply-adds from the highest index down, starting at b(i) (forward) or y(i) (backward), times
+// R(i). The right-hand side is read whole before the solution is written.
+template <int N, class T>
+struct FixedFactor {
+    T f[N][N];
+
+    template <class LO>
+    void load(const LO& l) {
+#pragma GCC unroll 6
+        for (int i = 0; i < N; ++i)
+#pragma GCC unroll 6
+            for (int j = 0; j <= i; ++j) f[i][j] = l.at(i, j);
+    }
+    template <class XO, class BO>
+    void solve(const XO& x, const BO& b) const {
+        T v[N];
+#pragma GCC unroll 6
+        for (int i = 0; i < N; ++i) v[i] = b.at(i, 0);
+#pragma GCC unroll 6
+        for (int i = 0; i < N; ++i) {
+            T t = v[i];
+#pragma GCC unroll 6
+            for (int j = i - 1; j >= 0; --j) t = std::fma(-f[i][j], v[j], t);
+            v[i] = t * f[i][i];
+        }
+#pragma GCC unroll 6
+        for (int i = N - 1; i >= 0; --i) {
+            T t = v[i];
+#pragma GCC unroll 6
+            for (int j = N - 1; j > i; --j) t = std::fma(-f[j][i], v[j], t);
+            v[i] = t * f[i][i];
+        }
+#pragma GCC unroll 6
+        for (int i = 0; i < N; ++i) x.at(i, 0) = v[i];
+    }
+};
+
+// ---- objects of an array ----
+
+template <bool Packed, class T, class D, class A>
+OmkStatus decompObjects(const D& d, const A& a, int n, int32_t count) {
+    for (int32_t k = 0; k < count; ++k)
+        if (const OmkStatus st = decompObject<T>(objectOf<Packed>(d, k), objectOf<Packed>(a, k), n)) return st;
+    return omkStsOk;
+}
+
+template <int N, bool Packed, class T, class X, class A, class B>
+void solveFixedObjects(const X& x, const A& a, const B& b, int32_t count) {
+    FixedFactor<N, T> f;
+    if (!A::kArray) f.load(objectOf<Packed>(a, 0));
+    for (int32_t k = 0; k < count; ++k) {
+        if (A::kArray) f.load(objectOf<Packed>(a, k));
+        f.solve(objectOf<Packed>(x, k), objectOf<Packed>(b, k));
+    }
+}
+
+template <bool Packed, class T, class X, class A, class B>
+OmkStatus solveObjects(const X& x, const A& a, const B& b, int n, int32_t count) {
+    switch (n) {
+    case 3: solveFixedObjects<3, Packed, T>(x, a, b, count); break;
+    case 4: solveFixedObjects<4, Packed, T>(x, a, b, count); break;
+    case 5: solveFixedObjects<5, Packed, T>(x, a, b, count); break;
+    case 6: solveFixedObjects<6, Packed, T>(x, a, b, count); break;
+    default:
+        for (int32_t k = 0; k < count; ++k)
+            solveGeneral<T>(objectOf<Packed>(x, k), objectOf<Packed>(a, k), objectOf<Packed>(b, k), n);
+    }
+    return omkStsOk;
+}
+
+// ---- exported forms ----
+
+// Every element stride of the call is the element size (pointer descriptions never are).
+template <class... V>
+bool elementsPacked(const V&... v) {
+    if constexpr (((V::kLayout == Layout::Strided) && ...)) return (v.contiguous() && ...);
+    else return false;
+}
+
+template <class... V>
+bool goesParallel(Group g, const Dims& dims, const V&... views) {
+    return g != Group::m && g != Group::mv && solve::workOf(g, dims) >= limitOf(g, elementsPacked(views...));
+}
+
+// CholeskyDecomp: checks (null, count, size, stride, ROI shift), then each matrix; the first
+// matrix with a non-positive pivot ends its slice.
+template <Group G, Desc Dsc, class D, class A>
+OmkStatus choleskyDecomp(const D& d, const A& a, const Dims& dims) {
+    if (const OmkStatus st = firstFailure(kDefaultOrder, dims, a, d)) return st;
+    using T = std::remove_const_t<typename D::Elem>;
+    return solve::overObjectsPacked(goesParallel(G, dims, d, a), dims.count, [&](auto packed, int32_t first, int32_t m) {
+        return decompObjects<decltype(packed)::value, T>(d.from(first), a.from(first), dims.width, m);
+    }, d, a);
+}
+
+// CholeskyBackSubst: checks as above, then each system; no test is made.
+template <Group G, Desc Dsc, class X, class A, class B>
+OmkStatus choleskyBackSubst(const X& x, const A& a, const B& b, const Dims& dims) {
+    if (const OmkStatus st = firstFailure(kDefaultOrder, dims, a, b, x)) return st;
+    using T = std::remove_const_t<typename X::Elem>;
+    return solve::overObjectsPacked(goesParallel(G, dims, x, a, b), dims.count, [&](auto packed, int32_t first, int32_t m) {
+        return solveObjects<decltype(packed)::value, T>(x.from(first), a.from(first), b.from(first), dims.width, m);
+    }, x, a, b);
+}
+
+}  // namespace omk::cholesky
