@@ -225,14 +225,6 @@ __attribute__((noinline)) int xsmmMul(const T* a, const T* b, T* d, int, int cou
 
 // ---- result checks ----
 
-// Runs `check` the first time a row asks and remembers its message (empty: the row is right).
-std::string checkOnce(const std::string& row, const std::function<std::string()>& check) {
-    static std::map<std::string, std::string> done;
-    auto it = done.find(row);
-    if (it == done.end()) it = done.emplace(row, check()).first;
-    return it->second;
-}
-
 template <class T>
 std::string checkProduct(Batch<T>& bt, Run<T> run) {
     const int n = bt.order;
