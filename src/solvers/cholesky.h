@@ -113,6 +113,44 @@ OmkStatus decompFixed(const DO& l, const SO& a) {
     return omkStsOk;
 }
 
+// Doubles of orders 3 to 6, two objects at once: lane q of every register belongs to object q, and
+// each lane runs the operations of decompFixed (fnmadd is fma with the product negated, square
+// root and division per lane), so every bit is that of the one-object kernel. Nothing is written
+// until both factors are complete; a pair with a failing pivot returns false and is redone object
+// by object, which then writes and stops as the one-object kernel does.
+template <int N, class DO, class SO>
+bool decompFixedPair(const DO& l0, const DO& l1, const SO& a0, const SO& a1) {
+    __m128d m[N][N];
+#pragma GCC unroll 6
+    for (int i = 0; i < N; ++i)
+#pragma GCC unroll 6
+        for (int j = 0; j <= i; ++j) m[i][j] = _mm_set_pd(a1.at(i, j), a0.at(i, j));
+    const __m128d zero = _mm_setzero_pd(), one = _mm_set1_pd(1.0);
+#pragma GCC unroll 6
+    for (int i = 0; i < N; ++i) {
+#pragma GCC unroll 6
+        for (int j = 0; j < i; ++j) {
+            __m128d s = m[i][j];
+#pragma GCC unroll 6
+            for (int k = 0; k < j; ++k) s = _mm_fnmadd_pd(m[i][k], m[j][k], s);
+            m[i][j] = _mm_mul_pd(s, m[j][j]);
+        }
+        __m128d d = m[i][i];
+#pragma GCC unroll 6
+        for (int k = 0; k < i; ++k) d = _mm_fnmadd_pd(m[i][k], m[i][k], d);
+        if (_mm_movemask_pd(_mm_cmp_pd(zero, d, _CMP_GE_OQ))) return false;
+        m[i][i] = _mm_div_pd(one, _mm_sqrt_pd(d));
+    }
+#pragma GCC unroll 6
+    for (int i = 0; i < N; ++i)
+#pragma GCC unroll 6
+        for (int j = 0; j <= i; ++j) {
+            _mm_storel_pd(&l0.at(i, j), m[i][j]);
+            _mm_storeh_pd(&l1.at(i, j), m[i][j]);
+        }
+    return true;
+}
+
 template <class T, class DO, class SO>
 OmkStatus decompObject(const DO& l, const SO& a, int n) {
     switch (n) {
@@ -190,9 +228,28 @@ struct FixedFactor {
 
 // ---- objects of an array ----
 
+template <int N, bool Packed, class D, class A>
+int32_t decompPairs(const D& d, const A& a, int32_t count) {
+    int32_t k = 0;
+    for (; k + 1 < count; k += 2)
+        if (!decompFixedPair<N>(objectOf<Packed>(d, k), objectOf<Packed>(d, k + 1), objectOf<Packed>(a, k),
+                                objectOf<Packed>(a, k + 1)))
+            break;
+    return k;
+}
+
 template <bool Packed, class T, class D, class A>
 OmkStatus decompObjects(const D& d, const A& a, int n, int32_t count) {
-    for (int32_t k = 0; k < count; ++k)
+    int32_t k = 0;
+    if constexpr (std::is_same_v<T, double>) {
+        switch (n) {
+        case 3: k = decompPairs<3, Packed>(d, a, count); break;
+        case 4: k = decompPairs<4, Packed>(d, a, count); break;
+        case 5: k = decompPairs<5, Packed>(d, a, count); break;
+        case 6: k = decompPairs<6, Packed>(d, a, count); break;
+        }
+    }
+    for (; k < count; ++k)
         if (const OmkStatus st = decompObject<T>(objectOf<Packed>(d, k), objectOf<Packed>(a, k), n)) return st;
     return omkStsOk;
 }
