@@ -1766,6 +1766,89 @@ OMKM_API OmkStatus omkmCholeskyBackSubst_mava_64f_P(const Omk64f** ppSrc, int sr
                                                     Omk64f** ppDst, int dstRoiShift, int dstStride0,
                                                     int widthHeight, int count);
 
+/* ---- Symmetric eigenproblem: values descending, vectors as columns ---- */
+
+/*
+ * Householder reduction to tridiagonal form, then an implicitly shifted QL (or QR) iteration.
+ * pBuffer: at least n*n elements of scratch (one buffer for a whole serial array call; unused when
+ * the call runs on threads, which take their own scratch). pDstValues: n values per matrix,
+ * contiguous, sorted descending; it also serves as scratch during the reduction and must not
+ * overlap the source. Column j of the vector matrix is the eigenvector of value j.
+ * Checks: null pointers, widthHeight, count, ROI shifts, strides (in that order).
+ * n = 1 gives the element and vector 1.0 (no test). n = 2 is in closed form: omkStsSingular with
+ * nothing written when |a*d - b*b| <= eps; the pair's order is that of its formula, not sorted;
+ * q*q + 1 is formed in the element type, its square root and reciprocal in double, rounded once.
+ * n >= 3: omkStsSingular when the product of the values is at most eps in magnitude (results left
+ * unsorted), omkStsNotConverged after 30 sweeps for one value. eps is 2^-23 (32f), 2^-52 (64f).
+ * Arrays stop at the first failing matrix on one thread; with threads each slice stops at its own
+ * first failure and the first failing status stored is returned. An array call runs on the
+ * calling thread while n*(n+1)*count < 1001 (values) or n*(2n+1)*count < 701 (values and vectors).
+ */
+/* EigenValuesSym m: eigenvalues of one symmetric matrix, descending */
+OMKM_API OmkStatus omkmEigenValuesSym_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2,
+                                            Omk32f* pBuffer, Omk32f* pDstValues, int widthHeight);
+OMKM_API OmkStatus omkmEigenValuesSym_m_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f* pBuffer,
+                                              Omk32f* pDstValues, int widthHeight);
+OMKM_API OmkStatus omkmEigenValuesSym_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2,
+                                            Omk64f* pBuffer, Omk64f* pDstValues, int widthHeight);
+OMKM_API OmkStatus omkmEigenValuesSym_m_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f* pBuffer,
+                                              Omk64f* pDstValues, int widthHeight);
+/* EigenValuesSym ma: eigenvalues of each symmetric matrix of an array, n values per matrix */
+OMKM_API OmkStatus omkmEigenValuesSym_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1,
+                                             int srcStride2, Omk32f* pBuffer, Omk32f* pDstValues,
+                                             int widthHeight, int count);
+OMKM_API OmkStatus omkmEigenValuesSym_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1,
+                                               int srcStride2, Omk32f* pBuffer, Omk32f* pDstValues,
+                                               int widthHeight, int count);
+OMKM_API OmkStatus omkmEigenValuesSym_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0,
+                                               Omk32f* pBuffer, Omk32f* pDstValues, int widthHeight, int count);
+OMKM_API OmkStatus omkmEigenValuesSym_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1,
+                                             int srcStride2, Omk64f* pBuffer, Omk64f* pDstValues,
+                                             int widthHeight, int count);
+OMKM_API OmkStatus omkmEigenValuesSym_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1,
+                                               int srcStride2, Omk64f* pBuffer, Omk64f* pDstValues,
+                                               int widthHeight, int count);
+OMKM_API OmkStatus omkmEigenValuesSym_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0,
+                                               Omk64f* pBuffer, Omk64f* pDstValues, int widthHeight, int count);
+/* EigenValuesVectorsSym m: eigenvalues and eigenvectors (columns) of one symmetric matrix */
+OMKM_API OmkStatus omkmEigenValuesVectorsSym_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2,
+                                                   Omk32f* pBuffer, Omk32f* pDstVectors, int dstStride1,
+                                                   int dstStride2, Omk32f* pDstValues, int widthHeight);
+OMKM_API OmkStatus omkmEigenValuesVectorsSym_m_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f* pBuffer,
+                                                     Omk32f** ppDstVectors, int dstRoiShift,
+                                                     Omk32f* pDstValues, int widthHeight);
+OMKM_API OmkStatus omkmEigenValuesVectorsSym_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2,
+                                                   Omk64f* pBuffer, Omk64f* pDstVectors, int dstStride1,
+                                                   int dstStride2, Omk64f* pDstValues, int widthHeight);
+OMKM_API OmkStatus omkmEigenValuesVectorsSym_m_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f* pBuffer,
+                                                     Omk64f** ppDstVectors, int dstRoiShift,
+                                                     Omk64f* pDstValues, int widthHeight);
+/* EigenValuesVectorsSym ma: eigenvalues and eigenvectors of each symmetric matrix of an array */
+OMKM_API OmkStatus omkmEigenValuesVectorsSym_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1,
+                                                    int srcStride2, Omk32f* pBuffer, Omk32f* pDstVectors,
+                                                    int dstStride0, int dstStride1, int dstStride2,
+                                                    Omk32f* pDstValues, int widthHeight, int count);
+OMKM_API OmkStatus omkmEigenValuesVectorsSym_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1,
+                                                      int srcStride2, Omk32f* pBuffer, Omk32f** ppDstVectors,
+                                                      int dstRoiShift, int dstStride1, int dstStride2,
+                                                      Omk32f* pDstValues, int widthHeight, int count);
+OMKM_API OmkStatus omkmEigenValuesVectorsSym_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0,
+                                                      Omk32f* pBuffer, Omk32f** ppDstVectors, int dstRoiShift,
+                                                      int dstStride0, Omk32f* pDstValues, int widthHeight,
+                                                      int count);
+OMKM_API OmkStatus omkmEigenValuesVectorsSym_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1,
+                                                    int srcStride2, Omk64f* pBuffer, Omk64f* pDstVectors,
+                                                    int dstStride0, int dstStride1, int dstStride2,
+                                                    Omk64f* pDstValues, int widthHeight, int count);
+OMKM_API OmkStatus omkmEigenValuesVectorsSym_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1,
+                                                      int srcStride2, Omk64f* pBuffer, Omk64f** ppDstVectors,
+                                                      int dstRoiShift, int dstStride1, int dstStride2,
+                                                      Omk64f* pDstValues, int widthHeight, int count);
+OMKM_API OmkStatus omkmEigenValuesVectorsSym_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0,
+                                                      Omk64f* pBuffer, Omk64f** ppDstVectors, int dstRoiShift,
+                                                      int dstStride0, Omk64f* pDstValues, int widthHeight,
+                                                      int count);
+
 #ifdef __cplusplus
 }
 #endif

@@ -10,6 +10,7 @@ exist. From it this script writes:
   src/products/scale_entries.cpp       the products with a constant
   src/solvers/lu_entries.cpp           the LU decompositions and back substitutions
   src/solvers/cholesky_entries.cpp     the Cholesky decompositions and back substitutions
+  src/eigen/eigen_sym_entries.cpp      the symmetric eigenproblems
   src/exports.map                      the linker's list of exported names
 
 Everything a member does beyond its operands (check order, work figure, serial limit) is in the
@@ -365,6 +366,46 @@ def signature(name, params, indent, width=110):
     return f"{name}(" + ("\n" + " " * indent).join(lines) + ")"
 
 
+# ---- registry: symmetric eigenproblem ----
+# (family, group, comment); the vector forms write the eigenvectors as the columns of an n x n
+# destination matrix named pDstVectors / ppDstVectors.
+EIGEN_SYM_GROUPS = [
+    ("EigenValuesSym", "m", "eigenvalues of one symmetric matrix, descending"),
+    ("EigenValuesSym", "ma", "eigenvalues of each symmetric matrix of an array, n values per matrix"),
+    ("EigenValuesVectorsSym", "m", "eigenvalues and eigenvectors (columns) of one symmetric matrix"),
+    ("EigenValuesVectorsSym", "ma", "eigenvalues and eigenvectors of each symmetric matrix of an array"),
+]
+
+
+def eigen_sym_members():
+    """Every symmetric eigenproblem export, as (name, op, group, comment, params, body)."""
+    out = []
+    for family, group, comment in EIGEN_SYM_GROUPS:
+        array = group == "ma"
+        vectors = "Vectors" in family
+        for ty in ("32f", "64f"):
+            for desc in ("Std", "L", "P") if array else ("Std", "P"):
+                t = TYPES[ty]
+                a = Operand("m", array, "src", desc, t, True)
+                params = a.params() + [(f"{t}*", "pBuffer")]
+                views = [mul_view(a, "widthHeight", "widthHeight"), "elems(pBuffer, 0)"]
+                if vectors:
+                    dst = Operand("m", array, "dst", desc, t, False)
+                    named = [(ty_, n.replace("pDst", "pDstVectors")) for ty_, n in dst.params()]
+                    params += named
+                    view = mul_view(dst, "widthHeight", "widthHeight")
+                    views.append(view.replace("(pDst", "(pDstVectors").replace("(ppDst", "(ppDstVectors"))
+                params += [(f"{t}*", "pDstValues"), ("int", "widthHeight")] + ([("int", "count")] if array else [])
+                views.append(f"{'elemsArr' if array else 'elems'}(pDstValues, widthHeight)")
+                suffix = "" if desc == "Std" else "_" + desc
+                fn = "valuesVectors" if vectors else "values"
+                body = (f"return {fn}<Group::{group}, Desc::{desc}>(\n        "
+                        + ",\n        ".join(views)
+                        + f",\n        Dims{{widthHeight, widthHeight, {'count' if array else '1'}}});")
+                out.append((f"omkm{family}_{group}_{ty}{suffix}", family, group, comment, params, body))
+    return out
+
+
 LU_NOTE = """\
  * Rows never move: row p[k] of the destination holds U(k, j) for j >= k and the multiplier L(k, j)
  * for j < k (unit diagonal of L not stored); p, the index array, holds widthHeight ints per matrix
@@ -396,6 +437,22 @@ CHOLESKY_NOTE = """\
  * An array call runs on the calling thread while its work is below the limit: CholeskyDecomp_ma
  * n*n*count < 7501; CholeskyBackSubst_mava (n+2)*n*count < 2051 when every element stride is the
  * element size (standard and _L only), else < 1701; CholeskyBackSubst_mva (n+2*count)*n < 1201.
+"""
+EIGEN_SYM_NOTE = """\
+ * Householder reduction to tridiagonal form, then an implicitly shifted QL (or QR) iteration.
+ * pBuffer: at least n*n elements of scratch (one buffer for a whole serial array call; unused when
+ * the call runs on threads, which take their own scratch). pDstValues: n values per matrix,
+ * contiguous, sorted descending; it also serves as scratch during the reduction and must not
+ * overlap the source. Column j of the vector matrix is the eigenvector of value j.
+ * Checks: null pointers, widthHeight, count, ROI shifts, strides (in that order).
+ * n = 1 gives the element and vector 1.0 (no test). n = 2 is in closed form: omkStsSingular with
+ * nothing written when |a*d - b*b| <= eps; the pair's order is that of its formula, not sorted;
+ * q*q + 1 is formed in the element type, its square root and reciprocal in double, rounded once.
+ * n >= 3: omkStsSingular when the product of the values is at most eps in magnitude (results left
+ * unsorted), omkStsNotConverged after 30 sweeps for one value. eps is 2^-23 (32f), 2^-52 (64f).
+ * Arrays stop at the first failing matrix on one thread; with threads each slice stops at its own
+ * first failure and the first failing status stored is returned. An array call runs on the
+ * calling thread while n*(n+1)*count < 1001 (values) or n*(2n+1)*count < 701 (values and vectors).
 """
 
 
@@ -449,7 +506,8 @@ def outputs():
     mul = mul_members()
     scale = scale_members()
     solvers = solver_members()
-    names = ["omkmGetLibVersion"] + [m[0] for m in add_sub + mul + scale + solvers]
+    eigen_sym = eigen_sym_members()
+    names = ["omkmGetLibVersion"] + [m[0] for m in add_sub + mul + scale + solvers + eigen_sym]
     unknown = sorted(set(names) - set(api_names()))
     if unknown or len(set(names)) != len(names):
         raise SystemExit(f"registry names not in tools/exports.txt or repeated: {unknown}")
@@ -461,7 +519,9 @@ def outputs():
                                   ("LU decomposition with partial pivoting by rows, and its solver",
                                    [m for m in solvers if m[6] == "lu"], LU_NOTE),
                                   ("Cholesky decomposition with a reciprocal diagonal, and its solver",
-                                   [m for m in solvers if m[6] == "cholesky"], CHOLESKY_NOTE)]),
+                                   [m for m in solvers if m[6] == "cholesky"], CHOLESKY_NOTE),
+                                  ("Symmetric eigenproblem: values descending, vectors as columns", eigen_sym,
+                                   EIGEN_SYM_NOTE)]),
         "src/elementwise/add_entries.cpp": entries(add, "Add functions", "elementwise/add_sub.h", "omk::addsub"),
         "src/elementwise/sub_entries.cpp": entries(sub, "Sub functions", "elementwise/add_sub.h", "omk::addsub"),
         "src/products/scale_entries.cpp": entries(scale, "products with a constant", "products/scale.h", "omk::scale"),
@@ -472,6 +532,8 @@ def outputs():
     files["src/solvers/cholesky_entries.cpp"] = entries([m for m in solvers if m[6] == "cholesky"],
                                                         "Cholesky decompositions and solvers", "solvers/cholesky.h",
                                                         "omk::cholesky")
+    files["src/eigen/eigen_sym_entries.cpp"] = entries(eigen_sym, "symmetric eigenproblems", "eigen/eigen_sym.h",
+                                                       "omk::eigensym")
     for fname, what in MUL_FILES.items():
         part = [m for m in mul if m[6] == fname]
         files[f"src/products/mul_{fname}_entries.cpp"] = entries(part, f"products of {what}", "products/mul.h", "omk::mul")

@@ -118,20 +118,12 @@ inline void withShape(int w, int h, F&& f) {
     f(integral_constant<int, 0>{}, integral_constant<int, 0>{});
 }
 
-// Object views with packed rows: the column step becomes the compile-time element size.
-template <class T> inline StridedObject<T, true> unitCols(const StridedObject<T>& o) { return {o.p, o.rowStep, ptrdiff_t(sizeof(T))}; }
-template <class T> inline ScalarObject<T> unitCols(const ScalarObject<T>& o) { return o; }
-
 // Start of a dense object's run, or the constant itself.
 template <class T> inline T* runOf(const StridedObject<T>& o) { return o.p; }
 template <class T> inline std::remove_const_t<T> runOf(const ScalarObject<T>& o) { return o.v; }
 template <class T> inline T* rowRun(const StridedObject<T>& o, int i) { return o.row(i); }
 template <class T> inline std::remove_const_t<T> rowRun(const ScalarObject<T>& o, int) { return o.v; }
 
-template <class V> inline bool unitColumns(const V& v) {
-    if constexpr (V::kLayout == Layout::Scalar) return true;
-    else return v.colStep() == ptrdiff_t(sizeof(std::remove_const_t<typename V::Elem>));
-}
 template <class V> inline bool denseObjects(const V& v, int32_t w, int32_t h) {
     if constexpr (V::kLayout == Layout::Scalar) return true;
     else return v.denseObjects(w, h);

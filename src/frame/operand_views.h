@@ -196,6 +196,23 @@ struct ConstArrayView {
     bool roiOk() const { return !Layout_ || roiShiftOk<T>(shift); }
 };
 
+// A plain contiguous run of n elements per object, with no strides and no ROI shift (index arrays,
+// value outputs, caller scratch): object k of an array starts at element k*n; a single run serves
+// every object. Only its pointer is checked.
+template <class T, bool Array>
+struct RunView {
+    using Elem = T;
+    static constexpr bool kArray = Array;
+    T* p;
+    int32_t n;
+
+    T* obj(int32_t k) const { return Array ? p + ptrdiff_t(k) * n : p; }
+    RunView from(int32_t first) const { return {obj(first), n}; }
+    bool hasNull() const { return p == nullptr; }
+    bool stridesOk() const { return true; }
+    bool roiOk() const { return true; }
+};
+
 // ---- builders, named after the operand forms of the exported functions ----
 
 template <class T> StdView<T, false, true> mat(T* p, int32_t s1, int32_t s2) { return {{s1, s2, false}, p, 0}; }
@@ -226,9 +243,34 @@ template <class T> LayoutView<T, false> colVecArrL(T** pp, int32_t shift, int32_
 template <class T> PointerView<T, false, false> colVecP(T** pp, int32_t shift) { return {pp, shift, 0, 1, 0}; }
 template <class T> PointerView<T, true, false> colVecArrP(T** pp, int32_t shift, int32_t s0) { return {pp, shift, s0, 1, 0}; }
 
+template <class T> RunView<T, false> elems(T* p, int32_t n) { return {p, n}; }
+template <class T> RunView<T, true> elemsArr(T* p, int32_t n) { return {p, n}; }
+
 template <class T> ConstView<T> cnst(T v) { return {v}; }
 template <class T> ConstArrayView<T, false> cnstArr(T* p, int32_t s0) { return {p, nullptr, s0, 0}; }
 template <class T> ConstArrayView<T, true> cnstArrL(T** pp, int32_t shift) { return {nullptr, pp, 0, shift}; }
+
+// Element views whose columns are packed (element stride = element size) are read through objects
+// with the column step known to the compiler (unitCols). A column vector (column step 0) has only
+// column 0, so any of its strides qualifies; a constant always does.
+template <class V>
+inline bool unitColumns(const V& v) {
+    if constexpr (V::kLayout == Layout::Scalar) return true;
+    else if constexpr (V::kLayout == Layout::Scattered) return false;
+    else {
+        const ptrdiff_t step = v.colStep();
+        return step == ptrdiff_t(sizeof(std::remove_const_t<typename V::Elem>)) || (!V::kMatrix && step == 0);
+    }
+}
+template <class T> inline StridedObject<T, true> unitCols(const StridedObject<T>& o) { return {o.p, o.rowStep, ptrdiff_t(sizeof(T))}; }
+template <class T> inline ScalarObject<T> unitCols(const ScalarObject<T>& o) { return o; }
+
+// Element objects of object k: packed columns when the call's views all have them.
+template <bool Packed, class V>
+auto objectOf(const V& v, int32_t k) {
+    if constexpr (Packed) return unitCols(v.obj(k));
+    else return v.obj(k);
+}
 
 // Sizes of one call: vectors are width = len, height = 1; single-object calls have count = 1.
 struct Dims {

@@ -21,7 +21,6 @@ namespace omk::cholesky {
 
 using solve::Desc;
 using solve::Group;
-using solve::objectOf;
 
 // ---- serial limits: an array call stays serial while its work is below the limit ----
 //                                                    work              parallel from

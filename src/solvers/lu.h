@@ -21,7 +21,6 @@ using solve::Desc;
 using solve::Group;
 using solve::pivots;
 using solve::pivotsArr;
-using solve::objectOf;
 
 // ---- serial limits: an array call stays serial while its work is below the limit ----
 //                                                 work              parallel from

@@ -20,21 +20,9 @@ enum class Desc { Std, L, P };
 
 // The LU index array: widthHeight plain contiguous int entries per matrix in every description.
 // Matrix k of an array owns entries k*n to k*n + n - 1; a single matrix (also the one matrix of
-// mva) owns the first n. It has no strides and no ROI shift, so only its pointer is checked.
-template <class I, bool Array>
-struct PivotView {
-    static constexpr bool kArray = Array;
-    I* p;
-    int32_t n;
-
-    I* obj(int32_t k) const { return Array ? p + ptrdiff_t(k) * n : p; }
-    PivotView from(int32_t first) const { return {obj(first), n}; }
-    bool hasNull() const { return p == nullptr; }
-    bool stridesOk() const { return true; }
-    bool roiOk() const { return true; }
-};
-template <class I> PivotView<I, false> pivots(I* p, int32_t n) { return {p, n}; }
-template <class I> PivotView<I, true> pivotsArr(I* p, int32_t n) { return {p, n}; }
+// mva) owns the first n.
+template <class I> RunView<I, false> pivots(I* p, int32_t n) { return elems(p, n); }
+template <class I> RunView<I, true> pivotsArr(I* p, int32_t n) { return elemsArr(p, n); }
 
 // ---- work figures (signed 32-bit, wrapping) ----
 // Decompositions: n*n*count; back substitutions with a matrix per vector: (n + 2)*n*count; with
@@ -46,25 +34,6 @@ constexpr int32_t workOf(Group g, const Dims& d) {
     case Group::mva: return ((Wrap32(d.width) + Wrap32(2) * d.count) * d.width).value();
     default: return 0;
     }
-}
-
-// Element views whose columns are packed (element stride = element size) are read through objects
-// with the column step known to the compiler. The vectors of these families are columns, read
-// only at column 0, so any of their strides qualifies.
-template <class V>
-bool unitColumns(const V& v) {
-    if constexpr (V::kLayout != Layout::Strided) return false;
-    else if constexpr (!V::kMatrix) return true;
-    else return v.colStep() == ptrdiff_t(sizeof(typename V::Elem));
-}
-template <class T>
-StridedObject<T, true> packedColumns(const StridedObject<T, false>& o) { return {o.p, o.rowStep, o.colStep}; }
-
-// Element objects of object k: packed columns when the call's views all have them.
-template <bool Packed, class V>
-auto objectOf(const V& v, int32_t k) {
-    if constexpr (Packed) return packedColumns(v.obj(k));
-    else return v.obj(k);
 }
 
 // Runs run(first, m) over `count` objects: on the calling thread, or over the parallel driver's
