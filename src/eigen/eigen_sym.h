@@ -102,8 +102,9 @@ OmkStatus order2(const SO& src, T* values, const ZO& z) {
 // 2*(s - alpha*x0). When h <= eps the column is left as it is; otherwise, with beta = 2/h,
 // W <- H*W*H for H = I - beta*v*v' (rows, then columns, each a dot product tau = beta*(v'w) and an
 // update w - tau*v), and the vector forms accumulate Z <- Z*H from Z = I.
-template <class T, bool Vectors, class ZO>
-void tridiagonalise(T* W, T* v, const ZO& z, int n) {
+template <int N, class T, bool Vectors, class ZO>
+void tridiagonalise(T* W, T* v, const ZO& z, int nArg) {
+    const int n = N > 0 ? N : nArg;
     const T eps = kEps<T>;
     for (int k = 0; k + 2 < n; ++k) {
         const int m = n - k - 1, o = k + 1;  // length of x, its first row
@@ -156,8 +157,9 @@ template <class T> bool negligible(T e) { return std::fabs(0.5 * double(e)) <= d
 // index order (index i of the steps is row n-1-i). Each call of `found(m)` reports the index
 // (in the steps' order) where a search stopped. Returns omkStsNotConverged after 30 sweeps for
 // one value.
-template <bool Mirror, class T, bool Vectors, class ZO, class Found>
-OmkStatus iterate(T* D, T* E, const ZO& z, int n, Found&& found) {
+template <bool Mirror, int N, class T, bool Vectors, class ZO, class Found>
+OmkStatus iterate(T* D, T* E, const ZO& z, int nArg, Found&& found) {
+    const int n = N > 0 ? N : nArg;
     const T eps = kEps<T>;
     auto at = [n](int i) { return Mirror ? n - 1 - i : i; };
     auto d = [&](int i) -> T& { return D[at(i)]; };
@@ -214,15 +216,17 @@ OmkStatus iterate(T* D, T* E, const ZO& z, int n, Found&& found) {
     return omkStsOk;
 }
 
-template <class T, bool Vectors, class SO, class ZO>
-OmkStatus orderN(const SO& src, T* W, T* values, const ZO& z, int n) {
+// Orders from 3 on. N > 0 fixes the order at compile time.
+template <int N, class T, bool Vectors, class SO, class ZO>
+OmkStatus orderN(const SO& src, T* W, T* values, const ZO& z, int nArg) {
+    const int n = N > 0 ? N : nArg;
     const T eps = kEps<T>;
     for (int i = 0; i < n; ++i)
         for (int j = 0; j < n; ++j) W[i * n + j] = src.at(i, j);
     if constexpr (Vectors)
         for (int i = 0; i < n; ++i)
             for (int j = 0; j < n; ++j) z.at(i, j) = T(i == j ? 1 : 0);
-    tridiagonalise<T, Vectors>(W, values, z, n);
+    tridiagonalise<N, T, Vectors>(W, values, z, n);
 
     // The diagonal moves to W[0..n-1] and the couplings to W[n..2n-1] (E[i] = W(i+1, i)); every
     // element read is still in place when its turn comes.
@@ -238,11 +242,11 @@ OmkStatus orderN(const SO& src, T* W, T* values, const ZO& z, int n) {
     T P = T(1);
     OmkStatus st;
     if (std::fabs(D[n - 1]) > std::fabs(D[0])) {
-        st = iterate<false, T, Vectors>(D, E, z, n, [](int) {});
+        st = iterate<false, N, T, Vectors>(D, E, z, n, [](int) {});
         if (st != omkStsOk) return st;
         for (int i = 0; i < n; ++i) values[i] = D[i], P = P * D[i];
     } else {
-        st = iterate<true, T, Vectors>(D, E, z, n, [&](int m) {
+        st = iterate<true, N, T, Vectors>(D, E, z, n, [&](int m) {
             const int row = n - 1 - m;
             if (row >= 1) values[row] = D[row], P = P * D[row];
         });
@@ -264,15 +268,45 @@ OmkStatus orderN(const SO& src, T* W, T* values, const ZO& z, int n) {
     return omkStsOk;
 }
 
+// A row-major N x N matrix in local memory.
+template <class T, int N>
+struct LocalMatrix {
+    T* p;
+    T& at(int i, int j) const { return p[i * N + j]; }
+};
+
+// Orders 3 to 8 work on local copies of W and of the vector matrix, at a fixed order; the vector
+// matrix is written out on every return, so it holds the same values as when the steps work in the
+// destination itself.
+template <int N, class T, bool Vectors, class SO, class ZO>
+OmkStatus orderFixed(const SO& src, T* values, const ZO& z) {
+    T W[N * N];
+    T Z[Vectors ? N * N : 1];
+    const OmkStatus st = orderN<N, T, Vectors>(src, W, values, LocalMatrix<T, N>{Z}, N);
+    if constexpr (Vectors)
+#pragma GCC unroll 8
+        for (int i = 0; i < N; ++i)
+#pragma GCC unroll 8
+            for (int j = 0; j < N; ++j) z.at(i, j) = Z[i * N + j];
+    return st;
+}
+
 template <class T, bool Vectors, class SO, class ZO>
 OmkStatus oneMatrix(const SO& src, T* W, T* values, const ZO& z, int n) {
-    if (n == 1) {
+    switch (n) {
+    case 1:
         values[0] = src.at(0, 0);
         if constexpr (Vectors) z.at(0, 0) = T(1);
         return omkStsOk;
+    case 2: return order2<T, Vectors>(src, values, z);
+    case 3: return orderFixed<3, T, Vectors>(src, values, z);
+    case 4: return orderFixed<4, T, Vectors>(src, values, z);
+    case 5: return orderFixed<5, T, Vectors>(src, values, z);
+    case 6: return orderFixed<6, T, Vectors>(src, values, z);
+    case 7: return orderFixed<7, T, Vectors>(src, values, z);
+    case 8: return orderFixed<8, T, Vectors>(src, values, z);
+    default: return orderN<0, T, Vectors>(src, W, values, z, n);
     }
-    if (n == 2) return order2<T, Vectors>(src, values, z);
-    return orderN<T, Vectors>(src, W, values, z, n);
 }
 
 // The matrices of a call, in order, on the calling thread or over the parallel driver; each run of
