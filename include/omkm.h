@@ -1546,6 +1546,307 @@ OMKM_API OmkStatus omkmMul_vca_64f_P(const Omk64f** ppSrc, int srcRoiShift, cons
                                      int valStride0, Omk64f** ppDst, int dstRoiShift, int dstStride0, int len,
                                      int count);
 
+/* ---- Dot and cross products ---- */
+
+/*
+ * Dot products write `count` consecutive scalars to pDst. Rounding orders (p_k = a_k*b_k rounded,
+ * fma(x, y, z) rounded once): _v2 fma(a0,b0,a1*b1); _v3 fma(a2,b2,fma(a0,b0,a1*b1)); _v4
+ * fma(a1,b1,a2*b2) + fma(a0,b0,a3*b3). vv kinds with every element stride the element size, len 3
+ * (p0+p1)+p2, len 4 (p0+p1)+(p2+p3), len 5 and 6 that sum, then +p4, then +p5; strided and _P,
+ * len 3 fma(a0,b0,fma(a1,b1,a2*b2)), len 4 fma(a1,b1,a2*b2) + fma(a3,b3,a0*b0), len 5 t = a2*b2 then
+ * t = fma(ak,bk,t) for k = 4, 3, 0, 1, len 6 fma(a3,b3,fma(a4,b4,a1*b1)) + fma(a5,b5,fma(a0,b0,a2*b2)).
+ * Other lengths, contiguous: t = t + p_k from t = 0 up to the first element of b on a 32-byte
+ * boundary, then blocks of 16 products into 16 partial sums (lane q takes elements q, q+16, ...),
+ * combined as q+8, then q+4, q+2, q+1 (pairwise, lower lane first) and added to t, then the tail as
+ * t = t + p_k. Other lengths, strided and _P: t = p0, then t = fma(a_k, b_k, t) for k = 1, 2, ....
+ * Arrays use per object the kernel of the call's path.
+ * Cross products: c0 = fms(a1,b2,a2*b1), c1 = fms(a2,b0,a0*b2), c2 = fms(a0,b1,a1*b0) with
+ * fms(x,y,z) = x*y - z rounded once; both sources are read before the destination is written. They
+ * have no size; their arrays check null pointers, strides, count, then ROI shifts. The fixed-size
+ * _v2/_v3/_v4 members make no checks at all.
+ * Serial while the work is at most: dot vav (count+1)*len and vava 2*len*count 5000 (contiguous) or
+ * 2620 (standard and _L), 2400 (_P); cross vav/vva 2*count 2999, vava 3*count 3000.
+ */
+/* DotProduct vv: one dot product */
+OMKM_API OmkStatus omkmDotProduct_vv_32f(const Omk32f* pSrc1, int src1Stride2, const Omk32f* pSrc2,
+                                         int src2Stride2, Omk32f* pDst, int len);
+OMKM_API OmkStatus omkmDotProduct_vv_32f_P(const Omk32f** ppSrc1, int src1RoiShift, const Omk32f** ppSrc2,
+                                           int src2RoiShift, Omk32f* pDst, int len);
+OMKM_API OmkStatus omkmDotProduct_vv_64f(const Omk64f* pSrc1, int src1Stride2, const Omk64f* pSrc2,
+                                         int src2Stride2, Omk64f* pDst, int len);
+OMKM_API OmkStatus omkmDotProduct_vv_64f_P(const Omk64f** ppSrc1, int src1RoiShift, const Omk64f** ppSrc2,
+                                           int src2RoiShift, Omk64f* pDst, int len);
+/* DotProduct vav: each vector of an array with one vector */
+OMKM_API OmkStatus omkmDotProduct_vav_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride2,
+                                          const Omk32f* pSrc2, int src2Stride2, Omk32f* pDst, int len,
+                                          int count);
+OMKM_API OmkStatus omkmDotProduct_vav_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride2,
+                                            const Omk32f* pSrc2, int src2Stride2, Omk32f* pDst, int len,
+                                            int count);
+OMKM_API OmkStatus omkmDotProduct_vav_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0,
+                                            const Omk32f** ppSrc2, int src2RoiShift, Omk32f* pDst, int len,
+                                            int count);
+OMKM_API OmkStatus omkmDotProduct_vav_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride2,
+                                          const Omk64f* pSrc2, int src2Stride2, Omk64f* pDst, int len,
+                                          int count);
+OMKM_API OmkStatus omkmDotProduct_vav_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride2,
+                                            const Omk64f* pSrc2, int src2Stride2, Omk64f* pDst, int len,
+                                            int count);
+OMKM_API OmkStatus omkmDotProduct_vav_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0,
+                                            const Omk64f** ppSrc2, int src2RoiShift, Omk64f* pDst, int len,
+                                            int count);
+/* DotProduct vava: vectors of two arrays, pairwise */
+OMKM_API OmkStatus omkmDotProduct_vava_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride2,
+                                           const Omk32f* pSrc2, int src2Stride0, int src2Stride2,
+                                           Omk32f* pDst, int len, int count);
+OMKM_API OmkStatus omkmDotProduct_vava_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride2,
+                                             const Omk32f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                             Omk32f* pDst, int len, int count);
+OMKM_API OmkStatus omkmDotProduct_vava_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0,
+                                             const Omk32f** ppSrc2, int src2RoiShift, int src2Stride0,
+                                             Omk32f* pDst, int len, int count);
+OMKM_API OmkStatus omkmDotProduct_vava_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride2,
+                                           const Omk64f* pSrc2, int src2Stride0, int src2Stride2,
+                                           Omk64f* pDst, int len, int count);
+OMKM_API OmkStatus omkmDotProduct_vava_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride2,
+                                             const Omk64f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                             Omk64f* pDst, int len, int count);
+OMKM_API OmkStatus omkmDotProduct_vava_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0,
+                                             const Omk64f** ppSrc2, int src2RoiShift, int src2Stride0,
+                                             Omk64f* pDst, int len, int count);
+/* DotProduct v2: 2-vectors of contiguous floats, no checks */
+OMKM_API OmkStatus omkmDotProduct_v2_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f* pDst);
+/* DotProduct v3: 3-vectors, no checks */
+OMKM_API OmkStatus omkmDotProduct_v3_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f* pDst);
+/* DotProduct v4: 4-vectors, no checks */
+OMKM_API OmkStatus omkmDotProduct_v4_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f* pDst);
+/* CrossProduct vv: one cross product of 3-vectors */
+OMKM_API OmkStatus omkmCrossProduct_vv_32f(const Omk32f* pSrc1, int src1Stride2, const Omk32f* pSrc2,
+                                           int src2Stride2, Omk32f* pDst, int dstStride2);
+OMKM_API OmkStatus omkmCrossProduct_vv_32f_P(const Omk32f** ppSrc1, int src1RoiShift, const Omk32f** ppSrc2,
+                                             int src2RoiShift, Omk32f** ppDst, int dstRoiShift);
+OMKM_API OmkStatus omkmCrossProduct_vv_64f(const Omk64f* pSrc1, int src1Stride2, const Omk64f* pSrc2,
+                                           int src2Stride2, Omk64f* pDst, int dstStride2);
+OMKM_API OmkStatus omkmCrossProduct_vv_64f_P(const Omk64f** ppSrc1, int src1RoiShift, const Omk64f** ppSrc2,
+                                             int src2RoiShift, Omk64f** ppDst, int dstRoiShift);
+/* CrossProduct vav: each 3-vector of an array with one 3-vector */
+OMKM_API OmkStatus omkmCrossProduct_vav_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride2,
+                                            const Omk32f* pSrc2, int src2Stride2, Omk32f* pDst,
+                                            int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmCrossProduct_vav_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride2,
+                                              const Omk32f* pSrc2, int src2Stride2, Omk32f** ppDst,
+                                              int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmCrossProduct_vav_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0,
+                                              const Omk32f** ppSrc2, int src2RoiShift, Omk32f** ppDst,
+                                              int dstRoiShift, int dstStride0, int count);
+OMKM_API OmkStatus omkmCrossProduct_vav_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride2,
+                                            const Omk64f* pSrc2, int src2Stride2, Omk64f* pDst,
+                                            int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmCrossProduct_vav_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride2,
+                                              const Omk64f* pSrc2, int src2Stride2, Omk64f** ppDst,
+                                              int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmCrossProduct_vav_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0,
+                                              const Omk64f** ppSrc2, int src2RoiShift, Omk64f** ppDst,
+                                              int dstRoiShift, int dstStride0, int count);
+/* CrossProduct vva: one 3-vector with each 3-vector of an array */
+OMKM_API OmkStatus omkmCrossProduct_vva_32f(const Omk32f* pSrc1, int src1Stride2, const Omk32f* pSrc2,
+                                            int src2Stride0, int src2Stride2, Omk32f* pDst, int dstStride0,
+                                            int dstStride2, int count);
+OMKM_API OmkStatus omkmCrossProduct_vva_32f_L(const Omk32f* pSrc1, int src1Stride2, const Omk32f** ppSrc2,
+                                              int src2RoiShift, int src2Stride2, Omk32f** ppDst,
+                                              int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmCrossProduct_vva_32f_P(const Omk32f** ppSrc1, int src1RoiShift, const Omk32f** ppSrc2,
+                                              int src2RoiShift, int src2Stride0, Omk32f** ppDst,
+                                              int dstRoiShift, int dstStride0, int count);
+OMKM_API OmkStatus omkmCrossProduct_vva_64f(const Omk64f* pSrc1, int src1Stride2, const Omk64f* pSrc2,
+                                            int src2Stride0, int src2Stride2, Omk64f* pDst, int dstStride0,
+                                            int dstStride2, int count);
+OMKM_API OmkStatus omkmCrossProduct_vva_64f_L(const Omk64f* pSrc1, int src1Stride2, const Omk64f** ppSrc2,
+                                              int src2RoiShift, int src2Stride2, Omk64f** ppDst,
+                                              int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmCrossProduct_vva_64f_P(const Omk64f** ppSrc1, int src1RoiShift, const Omk64f** ppSrc2,
+                                              int src2RoiShift, int src2Stride0, Omk64f** ppDst,
+                                              int dstRoiShift, int dstStride0, int count);
+/* CrossProduct vava: 3-vectors of two arrays, pairwise */
+OMKM_API OmkStatus omkmCrossProduct_vava_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride2,
+                                             const Omk32f* pSrc2, int src2Stride0, int src2Stride2,
+                                             Omk32f* pDst, int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmCrossProduct_vava_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride2,
+                                               const Omk32f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                               Omk32f** ppDst, int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmCrossProduct_vava_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0,
+                                               const Omk32f** ppSrc2, int src2RoiShift, int src2Stride0,
+                                               Omk32f** ppDst, int dstRoiShift, int dstStride0, int count);
+OMKM_API OmkStatus omkmCrossProduct_vava_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride2,
+                                             const Omk64f* pSrc2, int src2Stride0, int src2Stride2,
+                                             Omk64f* pDst, int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmCrossProduct_vava_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride2,
+                                               const Omk64f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                               Omk64f** ppDst, int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmCrossProduct_vava_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0,
+                                               const Omk64f** ppSrc2, int src2RoiShift, int src2Stride0,
+                                               Omk64f** ppDst, int dstRoiShift, int dstStride0, int count);
+/* CrossProduct v2: 2-vectors of contiguous floats, no checks */
+OMKM_API OmkStatus omkmCrossProduct_v2_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f* pDst);
+/* CrossProduct v3: 3-vectors, no checks */
+OMKM_API OmkStatus omkmCrossProduct_v3_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f* pDst);
+/* CrossProduct v4: the 4-vector orthogonal to three 4-vectors, no checks */
+OMKM_API OmkStatus omkmCrossProduct_v4_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, const Omk32f* pSrc3,
+                                           Omk32f* pDst);
+
+/* ---- Norms and trace ---- */
+
+/*
+ * Results go to pDst as `count` consecutive scalars, accumulated and rooted in the element type.
+ * L2Norm, every element stride the element size: s_k = x_k*x_k rounded, length 3 sqrt((s0+s1)+s2),
+ * 4 sqrt((s0+s1)+(s2+s3)), 5 sqrt(S4+s4), 6 sqrt(S4+(s4+s5)), other lengths t = t + s_k from t = 0;
+ * strided and _P: t = fma(x_k, x_k, t) from t = 0 in increasing k. FrobNorm: t = fma(x, x, t) from
+ * t = 0 over the rows in order, each row left to right, on every path. Trace: the diagonal added in
+ * order, t = a00, then t = t + a_kk.
+ * Serial while the work is at most: L2Norm len*count 1500; FrobNorm width*height*count 2500 when
+ * the element stride is the element size, else 1800 (also _P); Trace widthHeight*count 3600.
+ */
+/* L2Norm v: Euclidean norm of one vector */
+OMKM_API OmkStatus omkmL2Norm_v_32f(const Omk32f* pSrc, int srcStride2, Omk32f* pDst, int len);
+OMKM_API OmkStatus omkmL2Norm_v_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f* pDst, int len);
+OMKM_API OmkStatus omkmL2Norm_v_64f(const Omk64f* pSrc, int srcStride2, Omk64f* pDst, int len);
+OMKM_API OmkStatus omkmL2Norm_v_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f* pDst, int len);
+/* L2Norm va: Euclidean norm of each vector of an array */
+OMKM_API OmkStatus omkmL2Norm_va_32f(const Omk32f* pSrc, int srcStride0, int srcStride2, Omk32f* pDst,
+                                     int len, int count);
+OMKM_API OmkStatus omkmL2Norm_va_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride2, Omk32f* pDst,
+                                       int len, int count);
+OMKM_API OmkStatus omkmL2Norm_va_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f* pDst,
+                                       int len, int count);
+OMKM_API OmkStatus omkmL2Norm_va_64f(const Omk64f* pSrc, int srcStride0, int srcStride2, Omk64f* pDst,
+                                     int len, int count);
+OMKM_API OmkStatus omkmL2Norm_va_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride2, Omk64f* pDst,
+                                       int len, int count);
+OMKM_API OmkStatus omkmL2Norm_va_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f* pDst,
+                                       int len, int count);
+/* FrobNorm m: Frobenius norm of one matrix */
+OMKM_API OmkStatus omkmFrobNorm_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2, int width,
+                                      int height, Omk32f* pDst);
+OMKM_API OmkStatus omkmFrobNorm_m_32f_P(const Omk32f** ppSrc, int srcRoiShift, int width, int height,
+                                        Omk32f* pDst);
+OMKM_API OmkStatus omkmFrobNorm_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2, int width,
+                                      int height, Omk64f* pDst);
+OMKM_API OmkStatus omkmFrobNorm_m_64f_P(const Omk64f** ppSrc, int srcRoiShift, int width, int height,
+                                        Omk64f* pDst);
+/* FrobNorm ma: Frobenius norm of each matrix of an array */
+OMKM_API OmkStatus omkmFrobNorm_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                       int width, int height, Omk32f* pDst, int count);
+OMKM_API OmkStatus omkmFrobNorm_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1,
+                                         int srcStride2, int width, int height, Omk32f* pDst, int count);
+OMKM_API OmkStatus omkmFrobNorm_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, int width,
+                                         int height, Omk32f* pDst, int count);
+OMKM_API OmkStatus omkmFrobNorm_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                       int width, int height, Omk64f* pDst, int count);
+OMKM_API OmkStatus omkmFrobNorm_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1,
+                                         int srcStride2, int width, int height, Omk64f* pDst, int count);
+OMKM_API OmkStatus omkmFrobNorm_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, int width,
+                                         int height, Omk64f* pDst, int count);
+/* Trace m: sum of the diagonal of one square matrix */
+OMKM_API OmkStatus omkmTrace_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2, int widthHeight,
+                                   Omk32f* pDst);
+OMKM_API OmkStatus omkmTrace_m_32f_P(const Omk32f** ppSrc, int srcRoiShift, int widthHeight, Omk32f* pDst);
+OMKM_API OmkStatus omkmTrace_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2, int widthHeight,
+                                   Omk64f* pDst);
+OMKM_API OmkStatus omkmTrace_m_64f_P(const Omk64f** ppSrc, int srcRoiShift, int widthHeight, Omk64f* pDst);
+/* Trace ma: sum of the diagonal of each square matrix of an array */
+OMKM_API OmkStatus omkmTrace_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                    int widthHeight, Omk32f* pDst, int count);
+OMKM_API OmkStatus omkmTrace_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                      int widthHeight, Omk32f* pDst, int count);
+OMKM_API OmkStatus omkmTrace_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, int widthHeight,
+                                      Omk32f* pDst, int count);
+OMKM_API OmkStatus omkmTrace_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                    int widthHeight, Omk64f* pDst, int count);
+OMKM_API OmkStatus omkmTrace_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                      int widthHeight, Omk64f* pDst, int count);
+OMKM_API OmkStatus omkmTrace_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, int widthHeight,
+                                      Omk64f* pDst, int count);
+
+/* ---- Gaxpy: y = A*x + b ---- */
+
+/*
+ * Checks: null pointers, count, sizes, then width = src2Len and height = src3Len
+ * (omkStsSizeMismatch), strides, ROI shifts. Square matrices of order 3 to 6: y_i starts from b_i,
+ * t = fma(a_i,n-1, x_n-1, b_i), then t = fma(a_ik, x_k, t) for k = 0 ... n-2. Every other shape, on
+ * every path: t = 0, t = t + a_ik*x_k for k = 0, 1, ... (each product rounded), then t = t + b_i.
+ * y must not overlap A, x or b. Serial while the work (mva (src2Len + 2*src3Len)*count, mvav
+ * src2Len*count + src3Len*(count+1)) is at most: standard 32f 7000 when every element stride is 4,
+ * else 5000; standard 64f 5000; _L 7000 when every element stride is the element size, else 500;
+ * _P 4500.
+ */
+/* Gaxpy mv: one matrix, one x, one b */
+OMKM_API OmkStatus omkmGaxpy_mv_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int width,
+                                    int height, const Omk32f* pSrc2, int src2Stride2, int src2Len,
+                                    const Omk32f* pSrc3, int src3Stride2, int src3Len, Omk32f* pDst,
+                                    int dstStride2);
+OMKM_API OmkStatus omkmGaxpy_mv_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int width, int height,
+                                      const Omk32f** ppSrc2, int src2RoiShift, int src2Len,
+                                      const Omk32f** ppSrc3, int src3RoiShift, int src3Len, Omk32f** ppDst,
+                                      int dstRoiShift);
+OMKM_API OmkStatus omkmGaxpy_mv_64f(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int width,
+                                    int height, const Omk64f* pSrc2, int src2Stride2, int src2Len,
+                                    const Omk64f* pSrc3, int src3Stride2, int src3Len, Omk64f* pDst,
+                                    int dstStride2);
+OMKM_API OmkStatus omkmGaxpy_mv_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int width, int height,
+                                      const Omk64f** ppSrc2, int src2RoiShift, int src2Len,
+                                      const Omk64f** ppSrc3, int src3RoiShift, int src3Len, Omk64f** ppDst,
+                                      int dstRoiShift);
+/* Gaxpy mva: one matrix, x and b from two arrays, pairwise */
+OMKM_API OmkStatus omkmGaxpy_mva_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int width,
+                                     int height, const Omk32f* pSrc2, int src2Stride0, int src2Stride2,
+                                     int src2Len, const Omk32f* pSrc3, int src3Stride0, int src3Stride2,
+                                     int src3Len, Omk32f* pDst, int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmGaxpy_mva_32f_L(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int width,
+                                       int height, const Omk32f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                       int src2Len, const Omk32f** ppSrc3, int src3RoiShift, int src3Stride2,
+                                       int src3Len, Omk32f** ppDst, int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmGaxpy_mva_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int width, int height,
+                                       const Omk32f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Len,
+                                       const Omk32f** ppSrc3, int src3RoiShift, int src3Stride0, int src3Len,
+                                       Omk32f** ppDst, int dstRoiShift, int dstStride0, int count);
+OMKM_API OmkStatus omkmGaxpy_mva_64f(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int width,
+                                     int height, const Omk64f* pSrc2, int src2Stride0, int src2Stride2,
+                                     int src2Len, const Omk64f* pSrc3, int src3Stride0, int src3Stride2,
+                                     int src3Len, Omk64f* pDst, int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmGaxpy_mva_64f_L(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int width,
+                                       int height, const Omk64f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                       int src2Len, const Omk64f** ppSrc3, int src3RoiShift, int src3Stride2,
+                                       int src3Len, Omk64f** ppDst, int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmGaxpy_mva_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int width, int height,
+                                       const Omk64f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Len,
+                                       const Omk64f** ppSrc3, int src3RoiShift, int src3Stride0, int src3Len,
+                                       Omk64f** ppDst, int dstRoiShift, int dstStride0, int count);
+/* Gaxpy mvav: one matrix, x from an array, one b */
+OMKM_API OmkStatus omkmGaxpy_mvav_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int width,
+                                      int height, const Omk32f* pSrc2, int src2Stride0, int src2Stride2,
+                                      int src2Len, const Omk32f* pSrc3, int src3Stride2, int src3Len,
+                                      Omk32f* pDst, int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmGaxpy_mvav_32f_L(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int width,
+                                        int height, const Omk32f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                        int src2Len, const Omk32f* pSrc3, int src3Stride2, int src3Len,
+                                        Omk32f** ppDst, int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmGaxpy_mvav_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int width, int height,
+                                        const Omk32f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Len,
+                                        const Omk32f** ppSrc3, int src3RoiShift, int src3Len, Omk32f** ppDst,
+                                        int dstRoiShift, int dstStride0, int count);
+OMKM_API OmkStatus omkmGaxpy_mvav_64f(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int width,
+                                      int height, const Omk64f* pSrc2, int src2Stride0, int src2Stride2,
+                                      int src2Len, const Omk64f* pSrc3, int src3Stride2, int src3Len,
+                                      Omk64f* pDst, int dstStride0, int dstStride2, int count);
+OMKM_API OmkStatus omkmGaxpy_mvav_64f_L(const Omk64f* pSrc1, int src1Stride1, int src1Stride2, int width,
+                                        int height, const Omk64f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                        int src2Len, const Omk64f* pSrc3, int src3Stride2, int src3Len,
+                                        Omk64f** ppDst, int dstRoiShift, int dstStride2, int count);
+OMKM_API OmkStatus omkmGaxpy_mvav_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int width, int height,
+                                        const Omk64f** ppSrc2, int src2RoiShift, int src2Stride0, int src2Len,
+                                        const Omk64f** ppSrc3, int src3RoiShift, int src3Len, Omk64f** ppDst,
+                                        int dstRoiShift, int dstStride0, int count);
+
 /* ---- LU decomposition with partial pivoting by rows, and its solver ---- */
 
 /*

@@ -8,6 +8,9 @@ exist. From it this script writes:
   src/elementwise/sub_entries.cpp      the same for Sub
   src/products/mul_*_entries.cpp       the matrix and vector products, in four files
   src/products/scale_entries.cpp       the products with a constant
+  src/products/dot_cross_entries.cpp   the dot and cross products
+  src/products/norm_entries.cpp        the norms and traces
+  src/products/gaxpy_entries.cpp       y = A*x + b
   src/solvers/lu_entries.cpp           the LU decompositions and back substitutions
   src/solvers/cholesky_entries.cpp     the Cholesky decompositions and back substitutions
   src/eigen/eigen_sym_entries.cpp      the symmetric eigenproblems
@@ -294,6 +297,125 @@ def scale_members():
     return out
 
 
+# ---- registry: dot and cross products, norms, trace ----
+# Scalar results go to pDst, a plain pointer to `count` consecutive values in every description.
+DOT_GROUPS = [("vv", "one dot product"), ("vav", "each vector of an array with one vector"),
+              ("vava", "vectors of two arrays, pairwise")]
+CROSS_GROUPS = [("vv", "one cross product of 3-vectors"), ("vav", "each 3-vector of an array with one 3-vector"),
+                ("vva", "one 3-vector with each 3-vector of an array"), ("vava", "3-vectors of two arrays, pairwise")]
+NORM_GROUPS = [  # (family, group, comment)
+    ("L2Norm", "v", "Euclidean norm of one vector"),
+    ("L2Norm", "va", "Euclidean norm of each vector of an array"),
+    ("FrobNorm", "m", "Frobenius norm of one matrix"),
+    ("FrobNorm", "ma", "Frobenius norm of each matrix of an array"),
+    ("Trace", "m", "sum of the diagonal of one square matrix"),
+    ("Trace", "ma", "sum of the diagonal of each square matrix of an array"),
+]
+
+
+def descs(array):
+    return ("Std", "L", "P") if array else ("Std", "P")
+
+
+def dot_cross_members():
+    """Dot and cross products, as (name, op, group, comment, params, body)."""
+    out = []
+    for family, groups in (("DotProduct", DOT_GROUPS), ("CrossProduct", CROSS_GROUPS)):
+        dot = family == "DotProduct"
+        for group, comment in groups:
+            ops = operands(group)
+            any_array = any(a for _, a in ops)
+            for ty in ("32f", "64f"):
+                for desc in descs(any_array):
+                    t = TYPES[ty]
+                    a = Operand("v", ops[0][1], "src1", desc, t, True)
+                    b = Operand("v", ops[1][1], "src2", desc, t, True)
+                    params = a.params() + b.params()
+                    if dot:
+                        params += [(f"{t}*", "pDst"), ("int", "len")]
+                        result = f"{'elemsArr' if any_array else 'elems'}(pDst, 1)"
+                        dims = f"Dims{{len, 1, {'count' if any_array else '1'}}}"
+                    else:
+                        dst = Operand("v", any_array, "dst", desc, t, False)
+                        params += dst.params()
+                        result = dst.view()
+                        dims = f"Dims{{3, 1, {'count' if any_array else '1'}}}"
+                    params += [("int", "count")] if any_array else []
+                    suffix = "" if desc == "Std" else "_" + desc
+                    fn = "dot" if dot else "cross"
+                    body = (f"return {fn}<Group::{group}, Desc::{desc}>(\n        {result},\n        {a.view()},\n"
+                            f"        {b.view()},\n        {dims});")
+                    out.append((f"omkm{family}_{group}_{ty}{suffix}", family, group, comment, params, body))
+        fixed = [("v2", "2-vectors of contiguous floats, no checks"), ("v3", "3-vectors, no checks"),
+                 ("v4", "4-vectors, no checks" if dot else "the 4-vector orthogonal to three 4-vectors, no checks")]
+        for group, comment in fixed:
+            srcs = ["pSrc1", "pSrc2"] + (["pSrc3"] if not dot and group == "v4" else [])
+            params = [("const Omk32f*", n) for n in srcs] + [("Omk32f*", "pDst")]
+            body = f"return {'dot' if dot else 'cross'}Fixed{group[1]}({', '.join(srcs)}, pDst);"
+            out.append((f"omkm{family}_{group}_32f", family, group, comment, params, body))
+    return out
+
+
+def norm_members():
+    """L2Norm, FrobNorm and Trace, as (name, op, group, comment, params, body)."""
+    out = []
+    for family, group, comment in NORM_GROUPS:
+        array = group.endswith("a")
+        for ty in ("32f", "64f"):
+            for desc in descs(array):
+                t = TYPES[ty]
+                suffix = "" if desc == "Std" else "_" + desc
+                if family == "L2Norm":
+                    src = Operand("v", array, "src", desc, t, True)
+                    params = src.params() + [(f"{t}*", "pDst"), ("int", "len")]
+                    view, dims = src.view(), "len, 1"
+                elif family == "FrobNorm":
+                    src = Operand("m", array, "src", desc, t, True)
+                    params = src.params() + [("int", "width"), ("int", "height"), (f"{t}*", "pDst")]
+                    view, dims = src.view(), "width, height"
+                else:
+                    src = Operand("m", array, "src", desc, t, True)
+                    params = src.params() + [("int", "widthHeight"), (f"{t}*", "pDst")]
+                    view, dims = mul_view(src, "widthHeight", "widthHeight"), "widthHeight, widthHeight"
+                params += [("int", "count")] if array else []
+                fn = family[0].lower() + family[1:]
+                body = (f"return {fn}<Desc::{desc}>(\n        {'elemsArr' if array else 'elems'}(pDst, 1),\n"
+                        f"        {view},\n        Dims{{{dims}, {'count' if array else '1'}}});")
+                out.append((f"omkm{family}_{group}_{ty}{suffix}", family, group, comment, params, body))
+    return out
+
+
+# ---- registry: Gaxpy, y = A*x + b ----
+# The matrix is one operand in every member (standard or pointer description); in the _L members
+# the vector arrays take the layout description and a single b stays standard.
+GAXPY_GROUPS = [("mv", "one matrix, one x, one b"), ("mva", "one matrix, x and b from two arrays, pairwise"),
+                ("mvav", "one matrix, x from an array, one b")]
+
+
+def gaxpy_members():
+    """Every Gaxpy export, as (name, op, group, comment, params, body)."""
+    out = []
+    for group, comment in GAXPY_GROUPS:
+        x_array, b_array = group != "mv", group == "mva"
+        array = x_array
+        for ty in ("32f", "64f"):
+            for desc in descs(array):
+                t = TYPES[ty]
+                a = Operand("m", False, "src1", desc, t, True)
+                x = Operand("v", x_array, "src2", desc, t, True)
+                b = Operand("v", b_array, "src3", desc, t, True)
+                y = Operand("v", array, "dst", desc, t, False)
+                params = (a.params() + [("int", "width"), ("int", "height")] + x.params() + [("int", "src2Len")]
+                          + b.params() + [("int", "src3Len")] + y.params() + ([("int", "count")] if array else []))
+                suffix = "" if desc == "Std" else "_" + desc
+                body = (f"return axPlusB<Group::{group}, Desc::{desc}>(\n        {mul_view(y, 'height', '1')},\n"
+                        f"        {mul_view(a, 'width', 'height')},\n        {mul_view(x, 'src2Len', '1')},\n"
+                        f"        {mul_view(b, 'src3Len', '1')},\n"
+                        f"        Sizes{{width, height, src2Len, src3Len, {'count' if array else '1'}}});")
+                out.append((f"omkmGaxpy_{group}_{ty}{suffix}", "Gaxpy", group, comment, params, body))
+    return out
+
+
 # ---- registry: LU and Cholesky decompositions and their back substitutions ----
 # Square matrices of order widthHeight. The LU index array stands right after the matrix block;
 # it is one plain contiguous array of widthHeight entries per matrix in every description.
@@ -406,6 +528,45 @@ def eigen_sym_members():
     return out
 
 
+DOT_CROSS_NOTE = """\
+ * Dot products write `count` consecutive scalars to pDst. Rounding orders (p_k = a_k*b_k rounded,
+ * fma(x, y, z) rounded once): _v2 fma(a0,b0,a1*b1); _v3 fma(a2,b2,fma(a0,b0,a1*b1)); _v4
+ * fma(a1,b1,a2*b2) + fma(a0,b0,a3*b3). vv kinds with every element stride the element size, len 3
+ * (p0+p1)+p2, len 4 (p0+p1)+(p2+p3), len 5 and 6 that sum, then +p4, then +p5; strided and _P,
+ * len 3 fma(a0,b0,fma(a1,b1,a2*b2)), len 4 fma(a1,b1,a2*b2) + fma(a3,b3,a0*b0), len 5 t = a2*b2 then
+ * t = fma(ak,bk,t) for k = 4, 3, 0, 1, len 6 fma(a3,b3,fma(a4,b4,a1*b1)) + fma(a5,b5,fma(a0,b0,a2*b2)).
+ * Other lengths, contiguous: t = t + p_k from t = 0 up to the first element of b on a 32-byte
+ * boundary, then blocks of 16 products into 16 partial sums (lane q takes elements q, q+16, ...),
+ * combined as q+8, then q+4, q+2, q+1 (pairwise, lower lane first) and added to t, then the tail as
+ * t = t + p_k. Other lengths, strided and _P: t = p0, then t = fma(a_k, b_k, t) for k = 1, 2, ....
+ * Arrays use per object the kernel of the call's path.
+ * Cross products: c0 = fms(a1,b2,a2*b1), c1 = fms(a2,b0,a0*b2), c2 = fms(a0,b1,a1*b0) with
+ * fms(x,y,z) = x*y - z rounded once; both sources are read before the destination is written. They
+ * have no size; their arrays check null pointers, strides, count, then ROI shifts. The fixed-size
+ * _v2/_v3/_v4 members make no checks at all.
+ * Serial while the work is at most: dot vav (count+1)*len and vava 2*len*count 5000 (contiguous) or
+ * 2620 (standard and _L), 2400 (_P); cross vav/vva 2*count 2999, vava 3*count 3000.
+"""
+NORMS_NOTE = """\
+ * Results go to pDst as `count` consecutive scalars, accumulated and rooted in the element type.
+ * L2Norm, every element stride the element size: s_k = x_k*x_k rounded, length 3 sqrt((s0+s1)+s2),
+ * 4 sqrt((s0+s1)+(s2+s3)), 5 sqrt(S4+s4), 6 sqrt(S4+(s4+s5)), other lengths t = t + s_k from t = 0;
+ * strided and _P: t = fma(x_k, x_k, t) from t = 0 in increasing k. FrobNorm: t = fma(x, x, t) from
+ * t = 0 over the rows in order, each row left to right, on every path. Trace: the diagonal added in
+ * order, t = a00, then t = t + a_kk.
+ * Serial while the work is at most: L2Norm len*count 1500; FrobNorm width*height*count 2500 when
+ * the element stride is the element size, else 1800 (also _P); Trace widthHeight*count 3600.
+"""
+GAXPY_NOTE = """\
+ * Checks: null pointers, count, sizes, then width = src2Len and height = src3Len
+ * (omkStsSizeMismatch), strides, ROI shifts. Square matrices of order 3 to 6: y_i starts from b_i,
+ * t = fma(a_i,n-1, x_n-1, b_i), then t = fma(a_ik, x_k, t) for k = 0 ... n-2. Every other shape, on
+ * every path: t = 0, t = t + a_ik*x_k for k = 0, 1, ... (each product rounded), then t = t + b_i.
+ * y must not overlap A, x or b. Serial while the work (mva (src2Len + 2*src3Len)*count, mvav
+ * src2Len*count + src3Len*(count+1)) is at most: standard 32f 7000 when every element stride is 4,
+ * else 5000; standard 64f 5000; _L 7000 when every element stride is the element size, else 500;
+ * _P 4500.
+"""
 LU_NOTE = """\
  * Rows never move: row p[k] of the destination holds U(k, j) for j >= k and the multiplier L(k, j)
  * for j < k (unit diagonal of L not stored); p, the index array, holds widthHeight ints per matrix
@@ -507,7 +668,9 @@ def outputs():
     scale = scale_members()
     solvers = solver_members()
     eigen_sym = eigen_sym_members()
-    names = ["omkmGetLibVersion"] + [m[0] for m in add_sub + mul + scale + solvers + eigen_sym]
+    dot_cross, norms, gaxpy = dot_cross_members(), norm_members(), gaxpy_members()
+    names = ["omkmGetLibVersion"] + [m[0] for m in add_sub + mul + scale + dot_cross + norms + gaxpy + solvers
+                                     + eigen_sym]
     unknown = sorted(set(names) - set(api_names()))
     if unknown or len(set(names)) != len(names):
         raise SystemExit(f"registry names not in tools/exports.txt or repeated: {unknown}")
@@ -516,6 +679,9 @@ def outputs():
                                   ("Sub: dst = first - second, operands in name order", sub),
                                   ("Mul: dst = first * second, matrices and vectors", mul),
                                   ("Mul by a constant: dst = src * val, one rounding per element", scale),
+                                  ("Dot and cross products", dot_cross, DOT_CROSS_NOTE),
+                                  ("Norms and trace", norms, NORMS_NOTE),
+                                  ("Gaxpy: y = A*x + b", gaxpy, GAXPY_NOTE),
                                   ("LU decomposition with partial pivoting by rows, and its solver",
                                    [m for m in solvers if m[6] == "lu"], LU_NOTE),
                                   ("Cholesky decomposition with a reciprocal diagonal, and its solver",
@@ -532,6 +698,10 @@ def outputs():
     files["src/solvers/cholesky_entries.cpp"] = entries([m for m in solvers if m[6] == "cholesky"],
                                                         "Cholesky decompositions and solvers", "solvers/cholesky.h",
                                                         "omk::cholesky")
+    files["src/products/dot_cross_entries.cpp"] = entries(dot_cross, "dot and cross products",
+                                                          "products/dot_cross.h", "omk::dotcross")
+    files["src/products/norm_entries.cpp"] = entries(norms, "norms and traces", "products/norms.h", "omk::norms")
+    files["src/products/gaxpy_entries.cpp"] = entries(gaxpy, "Gaxpy functions", "products/gaxpy.h", "omk::gaxpy")
     files["src/eigen/eigen_sym_entries.cpp"] = entries(eigen_sym, "symmetric eigenproblems", "eigen/eigen_sym.h",
                                                        "omk::eigensym")
     for fname, what in MUL_FILES.items():

@@ -5,9 +5,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "omkcore.h"
 #include "omkm.h"
+#include "frame/operand_views.h"
 
 namespace omk {
 
@@ -66,6 +68,28 @@ OmkStatus runOverObjects(int32_t count, Body&& body, size_t scratchPerThread = 0
     }
     if (scratch) omp_free(scratch, omp_default_mem_alloc);
     return result;
+}
+
+// Runs run(first, m) over `count` objects: on the calling thread, or over the parallel driver's
+// slices, where each slice runs serially and the first non-zero status stored wins. A slice stops
+// at its first failing object, so the serial path leaves the objects after a failure untouched.
+template <class Run>
+OmkStatus overObjects(bool parallel, int32_t count, Run&& run) {
+    if (!parallel) return run(int32_t(0), count);
+    return runOverObjects(count, [&](int32_t first, int32_t m, char*) { return run(first, m); });
+}
+
+// Runs kernel(packed, first, m) serially or over the driver, `packed` a std::bool_constant that
+// says whether every element view of the call has packed columns.
+template <class... V, class Kernel>
+OmkStatus overObjectsPacked(bool parallel, int32_t count, Kernel&& kernel, const V&... views) {
+    if constexpr (((V::kLayout == Layout::Strided) && ...)) {
+        if ((unitColumns(views) && ...))
+            return overObjects(parallel, count, [&](int32_t first, int32_t m) {
+                return kernel(std::true_type{}, first, m);
+            });
+    }
+    return overObjects(parallel, count, [&](int32_t first, int32_t m) { return kernel(std::false_type{}, first, m); });
 }
 
 }  // namespace omk

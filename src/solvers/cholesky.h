@@ -297,7 +297,7 @@ template <Group G, Desc Dsc, class D, class A>
 OmkStatus choleskyDecomp(const D& d, const A& a, const Dims& dims) {
     if (const OmkStatus st = firstFailure(kDefaultOrder, dims, a, d)) return st;
     using T = std::remove_const_t<typename D::Elem>;
-    return solve::overObjectsPacked(goesParallel(G, dims, d, a), dims.count, [&](auto packed, int32_t first, int32_t m) {
+    return overObjectsPacked(goesParallel(G, dims, d, a), dims.count, [&](auto packed, int32_t first, int32_t m) {
         return decompObjects<decltype(packed)::value, T>(d.from(first), a.from(first), dims.width, m);
     }, d, a);
 }
@@ -307,7 +307,7 @@ template <Group G, Desc Dsc, class X, class A, class B>
 OmkStatus choleskyBackSubst(const X& x, const A& a, const B& b, const Dims& dims) {
     if (const OmkStatus st = firstFailure(kDefaultOrder, dims, a, b, x)) return st;
     using T = std::remove_const_t<typename X::Elem>;
-    return solve::overObjectsPacked(goesParallel(G, dims, x, a, b), dims.count, [&](auto packed, int32_t first, int32_t m) {
+    return overObjectsPacked(goesParallel(G, dims, x, a, b), dims.count, [&](auto packed, int32_t first, int32_t m) {
         return solveObjects<decltype(packed)::value, T>(x.from(first), a.from(first), b.from(first), dims.width, m);
     }, x, a, b);
 }

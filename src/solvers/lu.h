@@ -249,7 +249,7 @@ template <Group G, Desc Dsc, class D, class A, class I>
 OmkStatus luDecomp(const D& d, const A& a, const I& p, const Dims& dims) {
     if (const OmkStatus st = firstFailure(kDefaultOrder, dims, a, p, d)) return st;
     using T = std::remove_const_t<typename D::Elem>;
-    return solve::overObjectsPacked(goesParallel(G, dims), dims.count, [&](auto packed, int32_t first, int32_t m) {
+    return overObjectsPacked(goesParallel(G, dims), dims.count, [&](auto packed, int32_t first, int32_t m) {
         return decompObjects<decltype(packed)::value, T>(d.from(first), a.from(first), p.from(first), dims.width, m);
     }, d, a);
 }
@@ -259,7 +259,7 @@ template <Group G, Desc Dsc, class X, class A, class I, class B>
 OmkStatus luBackSubst(const X& x, const A& a, const I& p, const B& b, const Dims& dims) {
     if (const OmkStatus st = firstFailure(kDefaultOrder, dims, a, p, b, x)) return st;
     using T = std::remove_const_t<typename X::Elem>;
-    return solve::overObjectsPacked(goesParallel(G, dims), dims.count, [&](auto packed, int32_t first, int32_t m) {
+    return overObjectsPacked(goesParallel(G, dims), dims.count, [&](auto packed, int32_t first, int32_t m) {
         return solveObjects<decltype(packed)::value, T>(x.from(first), a.from(first), p.from(first), b.from(first),
                                                        dims.width, m);
     }, x, a, b);

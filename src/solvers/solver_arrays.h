@@ -1,6 +1,5 @@
 // What the decompositions and their back substitutions share: the operand kinds of their names,
-// the LU index array as an operand view, the work figures of their arrays, and the loop that runs
-// a kernel that can fail over the objects of an array.
+// the LU index array as an operand view and the work figures of their arrays.
 #pragma once
 #include <cmath>
 #include <cstdint>
@@ -34,28 +33,6 @@ constexpr int32_t workOf(Group g, const Dims& d) {
     case Group::mva: return ((Wrap32(d.width) + Wrap32(2) * d.count) * d.width).value();
     default: return 0;
     }
-}
-
-// Runs run(first, m) over `count` objects: on the calling thread, or over the parallel driver's
-// slices, where each slice runs serially and the first non-zero status stored wins. A slice stops
-// at its first failing object, so the serial path leaves the objects after a failure untouched.
-template <class Run>
-OmkStatus overObjects(bool parallel, int32_t count, Run&& run) {
-    if (!parallel) return run(int32_t(0), count);
-    return runOverObjects(count, [&](int32_t first, int32_t m, char*) { return run(first, m); });
-}
-
-// Runs kernel(packed, first, m) serially or over the driver, `packed` a std::bool_constant that
-// says whether every element view of the call has packed columns.
-template <class... V, class Kernel>
-OmkStatus overObjectsPacked(bool parallel, int32_t count, Kernel&& kernel, const V&... views) {
-    if constexpr (((V::kLayout == Layout::Strided) && ...)) {
-        if ((unitColumns(views) && ...))
-            return overObjects(parallel, count, [&](int32_t first, int32_t m) {
-                return kernel(std::true_type{}, first, m);
-            });
-    }
-    return overObjects(parallel, count, [&](int32_t first, int32_t m) { return kernel(std::false_type{}, first, m); });
 }
 
 }  // namespace omk::solve
