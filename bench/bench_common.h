@@ -50,14 +50,20 @@ inline int applyBudget(int budget) {
     return actual;
 }
 
-// bytes_per_second as two reads and one write of every object (the STREAM convention; write-
-// allocate traffic is not counted), items as objects, time_per_obj as wall seconds per object.
-inline void finish(benchmark::State& state, size_t objects, size_t objectBytes, int threads) {
-    state.SetBytesProcessed(int64_t(state.iterations()) * 3 * int64_t(objects) * int64_t(objectBytes));
+// bytes_per_second from the bytes each object moves, items as objects, time_per_obj as wall seconds
+// per object.
+inline void finishTraffic(benchmark::State& state, size_t objects, size_t bytesPerObject, int threads) {
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(objects) * int64_t(bytesPerObject));
     state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(objects));
     state.counters["time_per_obj"] = benchmark::Counter(
         double(objects), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
     state.counters["threads"] = threads;
+}
+
+// The same with two reads and one write of objectBytes per object (the STREAM convention; write-
+// allocate traffic is not counted).
+inline void finish(benchmark::State& state, size_t objects, size_t objectBytes, int threads) {
+    finishTraffic(state, objects, 3 * objectBytes, threads);
 }
 
 // STREAM "add": c[i] = a[i] + b[i], on one thread or split statically over an OpenMP team.

@@ -125,6 +125,25 @@ T dotContiguous(const T* a, const T* b, int n) {
     }
 }
 
+// Packed arrays (each object's elements follow each other and the objects follow each other, or a
+// single contiguous second operand): a loop over element offsets known to the compiler, which it
+// vectorises across objects; every object keeps the contiguous order of its length.
+template <int N, bool BArray, class T>
+void dotPacked(const T* a, const T* b, T* out, int32_t m) {
+    for (int32_t k = 0; k < m; ++k) out[k] = dotContiguous<T>(a + ptrdiff_t(k) * N, BArray ? b + ptrdiff_t(k) * N : b, N);
+}
+
+template <bool BArray, class T>
+bool dotPackedRun(int n, const T* a, const T* b, T* out, int32_t m) {
+    switch (n) {
+    case 3: dotPacked<3, BArray>(a, b, out, m); return true;
+    case 4: dotPacked<4, BArray>(a, b, out, m); return true;
+    case 5: dotPacked<5, BArray>(a, b, out, m); return true;
+    case 6: dotPacked<6, BArray>(a, b, out, m); return true;
+    default: return false;
+    }
+}
+
 // ---- work figures and serial limits: an array stays serial while its work is at most the limit ----
 //                                      work                std/_L contiguous  std/_L other  _P
 constexpr int32_t kDotContiguous = 5000;  // vav (count+1)*len, vava 2*len*count
@@ -155,6 +174,11 @@ OmkStatus dot(const R& result, const A& a, const B& b, const Dims& dims) {
         const A as = a.from(first);
         const B bs = b.from(first);
         T* out = result.from(first).obj(0);
+        if constexpr (Dsc == Desc::Std) {
+            if (contiguous && as.packed(n, 1) && (!B::kArray || bs.packed(n, 1)) &&
+                dotPackedRun<B::kArray>(n, as.obj(0).p, bs.obj(0).p, out, m))
+                return omkStsOk;
+        }
         if constexpr (Dsc != Desc::P) {
             if (contiguous) {
                 for (int32_t k = 0; k < m; ++k) out[k] = dotContiguous<T>(as.obj(k).p, bs.obj(k).p, n);
@@ -178,6 +202,20 @@ void crossObject(const DO& d, const AO& a, const BO& b) {
     d.at(0, 2) = c2;
 }
 
+// Packed arrays of 3-vectors: element offsets known to the compiler, vectorised across objects.
+template <bool AArray, bool BArray, class T>
+void crossPacked(T* d, const T* a, const T* b, int32_t m) {
+    for (int32_t k = 0; k < m; ++k) {
+        const T* x = AArray ? a + ptrdiff_t(k) * 3 : a;
+        const T* y = BArray ? b + ptrdiff_t(k) * 3 : b;
+        const T a0 = x[0], a1 = x[1], a2 = x[2], b0 = y[0], b1 = y[1], b2 = y[2];
+        T* c = d + ptrdiff_t(k) * 3;
+        c[0] = fms(a1, b2, a2 * b1);
+        c[1] = fms(a2, b0, a0 * b2);
+        c[2] = fms(a0, b1, a1 * b0);
+    }
+}
+
 template <Group G, Desc Dsc, class D, class A, class B>
 OmkStatus cross(const D& d, const A& a, const B& b, const Dims& dims) {
     if (const OmkStatus st = firstFailure(kCrossOrder, dims, a, b, d)) return st;
@@ -189,6 +227,13 @@ OmkStatus cross(const D& d, const A& a, const B& b, const Dims& dims) {
         const D ds = d.from(first);
         const A as = a.from(first);
         const B bs = b.from(first);
+        if constexpr (Dsc == Desc::Std && D::kArray) {
+            auto packed3 = [](const auto& v) { return v.contiguous() && (!v.kArray || v.packed(3, 1)); };
+            if (packed3(ds) && packed3(as) && packed3(bs)) {
+                crossPacked<A::kArray, B::kArray>(ds.obj(0).p, as.obj(0).p, bs.obj(0).p, m);
+                return omkStsOk;
+            }
+        }
         for (int32_t k = 0; k < m; ++k) crossObject<T>(objectOf<P>(ds, k), objectOf<P>(as, k), objectOf<P>(bs, k));
         return omkStsOk;
     }, d, a, b);

@@ -11,6 +11,7 @@
 #include "frame/operand_views.h"
 #include "frame/parallel_driver.h"
 #include "frame/wrapping.h"
+#include "products/product_kernels.h"
 
 namespace omk::gaxpy {
 
@@ -76,6 +77,44 @@ void gaxpyGeneral(const YO& y, const AO& a, const XO& x, const BO& b, int w, int
     }
 }
 
+// Square orders 3 to 6 with x, b and y each contiguous: lane i of one register is row i, so the
+// chain fma(a_i,n-1, x_n-1, b_i), fma(a_i0, x0, t), ... runs in all rows at once, lane for lane
+// the order of gaxpyFixed. The matrix's columns are gathered once per call.
+template <int N, class T, class Y, class A, class X, class B>
+void gaxpyColumns(const Y& y, const A& a, const X& x, const B& b, int32_t count) {
+    using R = mul::Row<T, N>;
+    typename R::V col[N];
+    const auto ak = a.obj(0);
+    for (int k = 0; k < N; ++k) {
+        T c[N];
+        for (int i = 0; i < N; ++i) c[i] = ak.at(i, k);
+        col[k] = R::load(c);
+    }
+    int32_t k = 0;
+    if constexpr (std::is_same_v<T, float> && N == 4) {
+        // Two objects per 256-bit register, one in each half; the element broadcasts stay within
+        // each half, so every lane runs the same chain as above.
+        __m256 col2[4];
+        for (int j = 0; j < 4; ++j) col2[j] = _mm256_set_m128(col[j], col[j]);
+        for (; k + 1 < count; k += 2) {
+            const __m256 xx = _mm256_loadu2_m128(x.obj(k + 1).p, x.obj(k).p);
+            __m256 t = _mm256_fmadd_ps(col2[3], _mm256_permute_ps(xx, 0xFF),
+                                       _mm256_loadu2_m128(b.obj(k + 1).p, b.obj(k).p));
+            t = _mm256_fmadd_ps(col2[0], _mm256_permute_ps(xx, 0x00), t);
+            t = _mm256_fmadd_ps(col2[1], _mm256_permute_ps(xx, 0x55), t);
+            t = _mm256_fmadd_ps(col2[2], _mm256_permute_ps(xx, 0xAA), t);
+            _mm256_storeu2_m128(y.obj(k + 1).p, y.obj(k).p, t);
+        }
+    }
+    for (; k < count; ++k) {
+        const T* xk = x.obj(k).p;
+        auto t = R::fma(col[N - 1], R::splat(xk[N - 1]), R::load(b.obj(k).p));
+#pragma GCC unroll 6
+        for (int j = 0; j + 1 < N; ++j) t = R::fma(col[j], R::splat(xk[j]), t);
+        R::store(y.obj(k).p, t);
+    }
+}
+
 template <bool P, class T, class Y, class A, class X, class B>
 void gaxpyObjects(const Y& y, const A& a, const X& x, const B& b, int w, int h, int32_t count) {
     const auto ak = objectOf<P>(a, 0);
@@ -103,6 +142,22 @@ OmkStatus axPlusB(const Y& y, const A& a, const X& x, const B& b, const Sizes& s
     bool contiguous = false;
     if constexpr (Dsc != Desc::P) contiguous = a.contiguous() && x.contiguous() && b.contiguous() && y.contiguous();
     const bool parallel = G != Group::mv && workOf(G, s) > limitOf<T>(Dsc, contiguous);
+    if constexpr (Dsc != Desc::P) {
+        const int n = s.width == s.height && s.width >= 3 && s.width <= 6 ? s.width : 0;
+        if (n != 0 && x.contiguous() && b.contiguous() && y.contiguous())
+            return overObjects(parallel, s.count, [&](int32_t first, int32_t m) {
+                const Y ys = y.from(first);
+                const X xs = x.from(first);
+                const B bs = b.from(first);
+                switch (n) {
+                case 3: gaxpyColumns<3, T>(ys, a, xs, bs, m); break;
+                case 4: gaxpyColumns<4, T>(ys, a, xs, bs, m); break;
+                case 5: gaxpyColumns<5, T>(ys, a, xs, bs, m); break;
+                default: gaxpyColumns<6, T>(ys, a, xs, bs, m); break;
+                }
+                return omkStsOk;
+            });
+    }
     return overObjectsPacked(parallel, s.count, [&](auto packed, int32_t first, int32_t m) {
         gaxpyObjects<decltype(packed)::value, T>(y.from(first), a, x.from(first), b.from(first), s.width, s.height, m);
         return omkStsOk;

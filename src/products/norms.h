@@ -64,6 +64,12 @@ T l2Strided(const XO& x, int n) {
     return std::sqrt(t);
 }
 
+// Packed arrays: element offsets known to the compiler, vectorised across objects.
+template <int N, class T>
+void l2Packed(const T* x, T* out, int32_t m) {
+    for (int32_t k = 0; k < m; ++k) out[k] = l2Contiguous<T>(StridedObject<const T, true>{x + ptrdiff_t(k) * N, 0, 1}, N);
+}
+
 template <Desc Dsc, class R, class S>
 OmkStatus l2Norm(const R& result, const S& src, const Dims& dims) {
     if (const OmkStatus st = firstFailure(kDefaultOrder, dims, src, result)) return st;
@@ -72,6 +78,20 @@ OmkStatus l2Norm(const R& result, const S& src, const Dims& dims) {
     const bool parallel = S::kArray && (Wrap32(n) * dims.count).value() > kL2Limit;
     bool contiguous = false;
     if constexpr (Dsc != Desc::P) contiguous = src.contiguous();
+    if constexpr (Dsc == Desc::Std && S::kArray) {
+        if (contiguous && src.packed(n, 1) && n >= 3 && n <= 6)
+            return overObjects(parallel, dims.count, [&](int32_t first, int32_t m) {
+                const T* x = src.from(first).obj(0).p;
+                T* out = result.from(first).obj(0);
+                switch (n) {
+                case 3: l2Packed<3>(x, out, m); break;
+                case 4: l2Packed<4>(x, out, m); break;
+                case 5: l2Packed<5>(x, out, m); break;
+                default: l2Packed<6>(x, out, m); break;
+                }
+                return omkStsOk;
+            });
+    }
     if (contiguous) return eachObject(parallel, result, src, dims.count, [n](const auto& x) { return l2Contiguous<T>(x, n); });
     return eachObject(parallel, result, src, dims.count, [n](const auto& x) { return l2Strided<T>(x, n); });
 }
