@@ -185,6 +185,41 @@ inline double sourceValue(std::mt19937& rng) {
 template <class T> inline T load(const unsigned char* p) { T v; std::memcpy(&v, p, sizeof v); return v; }
 template <class T> inline void store(unsigned char* p, T v) { std::memcpy(p, &v, sizeof v); }
 
+// Appends the arguments of a matrix or vector operand (not a constant) to the case's list, in the
+// member's description: _P one pointer per stored element in row-major order, the ROI shift and
+// (arrays) the object stride; _L arrays one pointer per object, the ROI shift and the element
+// strides; otherwise the base pointer and the strides (a single operand of an _L member included).
+inline void appendOperand(Case& c, Operand& o, ArgKind pk) {
+    ArgList& a = c.args;
+    auto arg = [&](ArgKind k, int64_t v) { Arg x{k}; x.i = v; a.args.push_back(x); };
+    auto ptr = [&](ArgKind k, void* p) { Arg x{k}; x.ptr = p; a.args.push_back(x); };
+    unsigned char* base = c.arena.at(o.base);
+    const bool mat = o.kind == 'm' || o.kind == 't';
+    if (c.m->desc == Desc::P) {
+        c.tables.emplace_back();
+        for (int r = 0; r < o.rows; ++r)
+            for (int col = 0; col < o.cols; ++col)
+                c.tables.back().push_back(base + ptrdiff_t(r) * o.s1 + ptrdiff_t(col) * o.s2 - o.roi);
+        ptr(pk, c.tables.back().data());
+        arg(ArgKind::Roi, o.roi);
+        if (o.array) arg(ArgKind::Stride, o.s0);
+        return;
+    }
+    if (c.m->desc == Desc::L && o.array) {
+        c.tables.emplace_back();
+        for (int k = 0; k < c.count; ++k) c.tables.back().push_back(base + ptrdiff_t(k) * o.s0 - o.roi);
+        ptr(pk, c.tables.back().data());
+        arg(ArgKind::Roi, o.roi);
+        if (mat) arg(ArgKind::Stride, o.s1);
+        arg(ArgKind::Stride, o.s2);
+        return;
+    }
+    ptr(pk, base);
+    if (o.array) arg(ArgKind::Stride, o.s0);
+    if (mat) arg(ArgKind::Stride, o.s1);
+    arg(ArgKind::Stride, o.s2);
+}
+
 // Builds the operands of a call: shapes from the member's kinds, strides from the styles (one per
 // operand, destination last), element values from rng, and the argument list of the description.
 inline void build(Case& c, const std::vector<Style>& styles, std::mt19937& rng) {
@@ -243,45 +278,18 @@ inline void build(Case& c, const std::vector<Style>& styles, std::mt19937& rng) 
     auto arg = [&](ArgKind k, int64_t v) { Arg x{k}; x.i = v; a.args.push_back(x); };
     auto ptr = [&](ArgKind k, void* p) { Arg x{k}; x.ptr = p; a.args.push_back(x); };
     auto block = [&](Operand& o, ArgKind pk) {
+        if (o.kind != 'c') return appendOperand(c, o, pk);
+        if (!o.array) { Arg x{ArgKind::Value}; x.f = o.val; a.args.push_back(x); return; }
         unsigned char* base = c.arena.at(o.base);
-        const bool mat = o.kind == 'm' || o.kind == 't';
-        if (o.kind == 'c') {
-            if (!o.array) { Arg x{ArgKind::Value}; x.f = o.val; a.args.push_back(x); return; }
-            if (m.desc == Desc::L) {
-                c.tables.emplace_back();
-                for (int k = 0; k < c.count; ++k) c.tables.back().push_back(base + size_t(k) * o.s0 - o.roi);
-                ptr(ArgKind::ValPtr, c.tables.back().data());
-                arg(ArgKind::Roi, o.roi);
-            } else {
-                ptr(ArgKind::ValPtr, base);
-                arg(ArgKind::Stride, o.s0);
-            }
-            return;
-        }
-        if (m.desc == Desc::P) {
-            // One pointer per stored element, in the stored matrix's row-major order.
+        if (m.desc == Desc::L) {
             c.tables.emplace_back();
-            for (int r = 0; r < o.rows; ++r)
-                for (int col = 0; col < o.cols; ++col)
-                    c.tables.back().push_back(base + ptrdiff_t(r) * o.s1 + ptrdiff_t(col) * o.s2 - o.roi);
-            ptr(pk, c.tables.back().data());
+            for (int k = 0; k < c.count; ++k) c.tables.back().push_back(base + size_t(k) * o.s0 - o.roi);
+            ptr(ArgKind::ValPtr, c.tables.back().data());
             arg(ArgKind::Roi, o.roi);
-            if (o.array) arg(ArgKind::Stride, o.s0);
-            return;
+        } else {
+            ptr(ArgKind::ValPtr, base);
+            arg(ArgKind::Stride, o.s0);
         }
-        if (m.desc == Desc::L && o.array) {
-            c.tables.emplace_back();
-            for (int k = 0; k < c.count; ++k) c.tables.back().push_back(base + ptrdiff_t(k) * o.s0 - o.roi);
-            ptr(pk, c.tables.back().data());
-            arg(ArgKind::Roi, o.roi);
-            if (mat) arg(ArgKind::Stride, o.s1);
-            arg(ArgKind::Stride, o.s2);
-            return;
-        }
-        ptr(pk, base);
-        if (o.array) arg(ArgKind::Stride, o.s0);
-        if (mat) arg(ArgKind::Stride, o.s1);
-        arg(ArgKind::Stride, o.s2);
     };
     for (Operand& o : c.srcs)
         if (o.kind != 'c') block(o, ArgKind::SrcPtr);
