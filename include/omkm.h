@@ -2067,6 +2067,189 @@ OMKM_API OmkStatus omkmCholeskyBackSubst_mava_64f_P(const Omk64f** ppSrc, int sr
                                                     Omk64f** ppDst, int dstRoiShift, int dstStride0,
                                                     int widthHeight, int count);
 
+/* ---- Determinant and inverse ---- */
+
+/*
+ * pBuffer: n*n elements of scratch followed by n 32-bit ints (one buffer serves a serial array
+ * call; unused when the call runs on threads, which take their own). Tolerance t = 2*n^3 * the
+ * smallest normal number (2*n^3 as a 32-bit int). Det: order 3 is
+ * fma(a20, m0, fms(a22, m2, a21*m1)) with m0 = fms(a01,a12,a02*a11), m1 = fms(a00,a12,a02*a10),
+ * m2 = fms(a00,a11,a01*a10); order 4 (and Det_m4) fma(a00,c0,a01*c1) + fma(a02,c2,a03*c3) with
+ * the cofactors c of row 0, each a 3x3 determinant expanded along its first row as
+ * fma(b02, M02, fms(b00, M00, b01*M01)) over 2x2 minors M formed by fms. Other orders eliminate with
+ * partial pivoting (first maximum wins), multipliers by division and fused updates, and give 0
+ * with omkStsOk when a pivot falls below t (the last one when it is not above t); never
+ * omkStsSingular. Invert: orders 3 to 6 by the adjugate (cofactors from the same expansions; det
+ * from row 0, 5 and 6 as t = a00*C00 then t = fma(a0j, C0j, t)), omkStsSingular when |det| < t,
+ * nothing written then, the source read whole first (in place allowed). Order 1: singular when
+ * |a| <= 2*m. Order 2 and orders 7 and more: elimination in pBuffer, then each element from its
+ * minor's determinant; pDst must not overlap pSrc there. Invert_m4: |det| < 2^-119 is singular
+ * (*pDet = 0), else *pDet = det and r = (r0 + r0) - det*(r0*r0) from the processor's reciprocal
+ * estimate r0. Arrays stop at the first singular matrix on one thread; with threads each slice
+ * stops at its own. Serial while: Det widthHeight*count < 14401; Invert 2*widthHeight*count <= 3600
+ * when every element stride is the element size, else (and _P) <= 2500.
+ */
+/* Det m: determinant of one square matrix */
+OMKM_API OmkStatus omkmDet_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2, int widthHeight,
+                                 Omk32f* pBuffer, Omk32f* pDst);
+OMKM_API OmkStatus omkmDet_m_32f_P(const Omk32f** ppSrc, int srcRoiShift, int widthHeight, Omk32f* pBuffer,
+                                   Omk32f* pDst);
+OMKM_API OmkStatus omkmDet_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2, int widthHeight,
+                                 Omk64f* pBuffer, Omk64f* pDst);
+OMKM_API OmkStatus omkmDet_m_64f_P(const Omk64f** ppSrc, int srcRoiShift, int widthHeight, Omk64f* pBuffer,
+                                   Omk64f* pDst);
+/* Det m4: 4x4 matrix of 16 contiguous floats, no checks, no tolerance */
+OMKM_API OmkStatus omkmDet_m4_32f(const Omk32f* pSrc, Omk32f* pDst);
+/* Det ma: determinant of each square matrix of an array, count consecutive values */
+OMKM_API OmkStatus omkmDet_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                  int widthHeight, Omk32f* pBuffer, Omk32f* pDst, int count);
+OMKM_API OmkStatus omkmDet_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                    int widthHeight, Omk32f* pBuffer, Omk32f* pDst, int count);
+OMKM_API OmkStatus omkmDet_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, int widthHeight,
+                                    Omk32f* pBuffer, Omk32f* pDst, int count);
+OMKM_API OmkStatus omkmDet_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                  int widthHeight, Omk64f* pBuffer, Omk64f* pDst, int count);
+OMKM_API OmkStatus omkmDet_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                    int widthHeight, Omk64f* pBuffer, Omk64f* pDst, int count);
+OMKM_API OmkStatus omkmDet_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, int widthHeight,
+                                    Omk64f* pBuffer, Omk64f* pDst, int count);
+/* Invert m: inverse of one square matrix */
+OMKM_API OmkStatus omkmInvert_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2, Omk32f* pBuffer,
+                                    Omk32f* pDst, int dstStride1, int dstStride2, int widthHeight);
+OMKM_API OmkStatus omkmInvert_m_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f* pBuffer, Omk32f** ppDst,
+                                      int dstRoiShift, int widthHeight);
+OMKM_API OmkStatus omkmInvert_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2, Omk64f* pBuffer,
+                                    Omk64f* pDst, int dstStride1, int dstStride2, int widthHeight);
+OMKM_API OmkStatus omkmInvert_m_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f* pBuffer, Omk64f** ppDst,
+                                      int dstRoiShift, int widthHeight);
+/* Invert m4: 4x4 matrix of 16 contiguous floats, no checks; pDet may be null */
+OMKM_API OmkStatus omkmInvert_m4_32f(const Omk32f* pSrc, Omk32f* pDet, Omk32f* pDst);
+/* Invert ma: inverse of each square matrix of an array */
+OMKM_API OmkStatus omkmInvert_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                     Omk32f* pBuffer, Omk32f* pDst, int dstStride0, int dstStride1,
+                                     int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmInvert_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                       Omk32f* pBuffer, Omk32f** ppDst, int dstRoiShift, int dstStride1,
+                                       int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmInvert_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f* pBuffer,
+                                       Omk32f** ppDst, int dstRoiShift, int dstStride0, int widthHeight,
+                                       int count);
+OMKM_API OmkStatus omkmInvert_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                     Omk64f* pBuffer, Omk64f* pDst, int dstStride0, int dstStride1,
+                                     int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmInvert_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                       Omk64f* pBuffer, Omk64f** ppDst, int dstRoiShift, int dstStride1,
+                                       int dstStride2, int widthHeight, int count);
+OMKM_API OmkStatus omkmInvert_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f* pBuffer,
+                                       Omk64f** ppDst, int dstRoiShift, int dstStride0, int widthHeight,
+                                       int count);
+
+/* ---- QR decomposition by Householder reflections, and its solver ---- */
+
+/*
+ * Checks: null pointers (pBuffer included), count, sizes, strides, ROI shifts, then width > height
+ * (omkStsSizeMismatch). pBuffer: at least `height` elements of the element type in every member.
+ * The factor keeps R on and above the diagonal and the Householder vectors below it (leading 1
+ * implied); width - 1 reflections for a square matrix, width otherwise. A column whose squared
+ * norm is below eps (2^-23, 2^-52) stops the decomposition with omkStsDivByZero, the destination
+ * partly transformed; a serial array call stops there too. The solver recomputes each reflection's
+ * beta from the stored vector and never fails. Serial while the work figure (ma 2*w*h*count; mva
+ * w*h + (w+h)*count; mava (w*(h+1) + h)*count) is below 2801.
+ */
+/* QRDecomp m: Householder QR of one matrix, height >= width */
+OMKM_API OmkStatus omkmQRDecomp_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2, Omk32f* pBuffer,
+                                      Omk32f* pDst, int dstStride1, int dstStride2, int width, int height);
+OMKM_API OmkStatus omkmQRDecomp_m_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f* pBuffer,
+                                        Omk32f** ppDst, int dstRoiShift, int width, int height);
+OMKM_API OmkStatus omkmQRDecomp_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2, Omk64f* pBuffer,
+                                      Omk64f* pDst, int dstStride1, int dstStride2, int width, int height);
+OMKM_API OmkStatus omkmQRDecomp_m_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f* pBuffer,
+                                        Omk64f** ppDst, int dstRoiShift, int width, int height);
+/* QRDecomp ma: Householder QR of each matrix of an array */
+OMKM_API OmkStatus omkmQRDecomp_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                       Omk32f* pBuffer, Omk32f* pDst, int dstStride0, int dstStride1,
+                                       int dstStride2, int width, int height, int count);
+OMKM_API OmkStatus omkmQRDecomp_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1,
+                                         int srcStride2, Omk32f* pBuffer, Omk32f** ppDst, int dstRoiShift,
+                                         int dstStride1, int dstStride2, int width, int height, int count);
+OMKM_API OmkStatus omkmQRDecomp_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0,
+                                         Omk32f* pBuffer, Omk32f** ppDst, int dstRoiShift, int dstStride0,
+                                         int width, int height, int count);
+OMKM_API OmkStatus omkmQRDecomp_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                       Omk64f* pBuffer, Omk64f* pDst, int dstStride0, int dstStride1,
+                                       int dstStride2, int width, int height, int count);
+OMKM_API OmkStatus omkmQRDecomp_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1,
+                                         int srcStride2, Omk64f* pBuffer, Omk64f** ppDst, int dstRoiShift,
+                                         int dstStride1, int dstStride2, int width, int height, int count);
+OMKM_API OmkStatus omkmQRDecomp_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0,
+                                         Omk64f* pBuffer, Omk64f** ppDst, int dstRoiShift, int dstStride0,
+                                         int width, int height, int count);
+/* QRBackSubst mv: solve with one QR factor and one right-hand side */
+OMKM_API OmkStatus omkmQRBackSubst_mv_32f(const Omk32f* pSrc, int srcStride1, int srcStride2, Omk32f* pBuffer,
+                                          const Omk32f* pSrc2, int src2Stride2, Omk32f* pDst, int dstStride2,
+                                          int width, int height);
+OMKM_API OmkStatus omkmQRBackSubst_mv_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f* pBuffer,
+                                            const Omk32f** ppSrc2, int src2RoiShift, Omk32f** ppDst,
+                                            int dstRoiShift, int width, int height);
+OMKM_API OmkStatus omkmQRBackSubst_mv_64f(const Omk64f* pSrc, int srcStride1, int srcStride2, Omk64f* pBuffer,
+                                          const Omk64f* pSrc2, int src2Stride2, Omk64f* pDst, int dstStride2,
+                                          int width, int height);
+OMKM_API OmkStatus omkmQRBackSubst_mv_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f* pBuffer,
+                                            const Omk64f** ppSrc2, int src2RoiShift, Omk64f** ppDst,
+                                            int dstRoiShift, int width, int height);
+/* QRBackSubst mva: solve with one QR factor for each right-hand side of an array */
+OMKM_API OmkStatus omkmQRBackSubst_mva_32f(const Omk32f* pSrc, int srcStride1, int srcStride2,
+                                           Omk32f* pBuffer, const Omk32f* pSrc2, int src2Stride0,
+                                           int src2Stride2, Omk32f* pDst, int dstStride0, int dstStride2,
+                                           int width, int height, int count);
+OMKM_API OmkStatus omkmQRBackSubst_mva_32f_L(const Omk32f* pSrc, int srcStride1, int srcStride2,
+                                             Omk32f* pBuffer, const Omk32f** ppSrc2, int src2RoiShift,
+                                             int src2Stride2, Omk32f** ppDst, int dstRoiShift, int dstStride2,
+                                             int width, int height, int count);
+OMKM_API OmkStatus omkmQRBackSubst_mva_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f* pBuffer,
+                                             const Omk32f** ppSrc2, int src2RoiShift, int src2Stride0,
+                                             Omk32f** ppDst, int dstRoiShift, int dstStride0, int width,
+                                             int height, int count);
+OMKM_API OmkStatus omkmQRBackSubst_mva_64f(const Omk64f* pSrc, int srcStride1, int srcStride2,
+                                           Omk64f* pBuffer, const Omk64f* pSrc2, int src2Stride0,
+                                           int src2Stride2, Omk64f* pDst, int dstStride0, int dstStride2,
+                                           int width, int height, int count);
+OMKM_API OmkStatus omkmQRBackSubst_mva_64f_L(const Omk64f* pSrc, int srcStride1, int srcStride2,
+                                             Omk64f* pBuffer, const Omk64f** ppSrc2, int src2RoiShift,
+                                             int src2Stride2, Omk64f** ppDst, int dstRoiShift, int dstStride2,
+                                             int width, int height, int count);
+OMKM_API OmkStatus omkmQRBackSubst_mva_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f* pBuffer,
+                                             const Omk64f** ppSrc2, int src2RoiShift, int src2Stride0,
+                                             Omk64f** ppDst, int dstRoiShift, int dstStride0, int width,
+                                             int height, int count);
+/* QRBackSubst mava: solve with each QR factor of an array for its right-hand side */
+OMKM_API OmkStatus omkmQRBackSubst_mava_32f(const Omk32f* pSrc, int srcStride0, int srcStride1,
+                                            int srcStride2, Omk32f* pBuffer, const Omk32f* pSrc2,
+                                            int src2Stride0, int src2Stride2, Omk32f* pDst, int dstStride0,
+                                            int dstStride2, int width, int height, int count);
+OMKM_API OmkStatus omkmQRBackSubst_mava_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1,
+                                              int srcStride2, Omk32f* pBuffer, const Omk32f** ppSrc2,
+                                              int src2RoiShift, int src2Stride2, Omk32f** ppDst,
+                                              int dstRoiShift, int dstStride2, int width, int height,
+                                              int count);
+OMKM_API OmkStatus omkmQRBackSubst_mava_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0,
+                                              Omk32f* pBuffer, const Omk32f** ppSrc2, int src2RoiShift,
+                                              int src2Stride0, Omk32f** ppDst, int dstRoiShift,
+                                              int dstStride0, int width, int height, int count);
+OMKM_API OmkStatus omkmQRBackSubst_mava_64f(const Omk64f* pSrc, int srcStride0, int srcStride1,
+                                            int srcStride2, Omk64f* pBuffer, const Omk64f* pSrc2,
+                                            int src2Stride0, int src2Stride2, Omk64f* pDst, int dstStride0,
+                                            int dstStride2, int width, int height, int count);
+OMKM_API OmkStatus omkmQRBackSubst_mava_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1,
+                                              int srcStride2, Omk64f* pBuffer, const Omk64f** ppSrc2,
+                                              int src2RoiShift, int src2Stride2, Omk64f** ppDst,
+                                              int dstRoiShift, int dstStride2, int width, int height,
+                                              int count);
+OMKM_API OmkStatus omkmQRBackSubst_mava_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0,
+                                              Omk64f* pBuffer, const Omk64f** ppSrc2, int src2RoiShift,
+                                              int src2Stride0, Omk64f** ppDst, int dstRoiShift,
+                                              int dstStride0, int width, int height, int count);
+
 /* ---- Symmetric eigenproblem: values descending, vectors as columns ---- */
 
 /*

@@ -13,6 +13,8 @@ exist. From it this script writes:
   src/products/gaxpy_entries.cpp       y = A*x + b
   src/solvers/lu_entries.cpp           the LU decompositions and back substitutions
   src/solvers/cholesky_entries.cpp     the Cholesky decompositions and back substitutions
+  src/solvers/det_inv_entries.cpp      the determinants and inverses
+  src/solvers/qr_entries.cpp           the QR decompositions and back substitutions
   src/eigen/eigen_sym_entries.cpp      the symmetric eigenproblems
   src/exports.map                      the linker's list of exported names
 
@@ -488,6 +490,72 @@ def signature(name, params, indent, width=110):
     return f"{name}(" + ("\n" + " " * indent).join(lines) + ")"
 
 
+# ---- registry: determinant, inverse, QR ----
+# pBuffer is caller scratch of the element type in every member: Det and Invert need n*n elements
+# and n 32-bit row indices after them, QR `height` elements.
+DET_INV_QR_GROUPS = [  # (family, group, file, comment)
+    ("Det", "m", "det_inv", "determinant of one square matrix"),
+    ("Det", "ma", "det_inv", "determinant of each square matrix of an array, count consecutive values"),
+    ("Invert", "m", "det_inv", "inverse of one square matrix"),
+    ("Invert", "ma", "det_inv", "inverse of each square matrix of an array"),
+    ("QRDecomp", "m", "qr", "Householder QR of one matrix, height >= width"),
+    ("QRDecomp", "ma", "qr", "Householder QR of each matrix of an array"),
+    ("QRBackSubst", "mv", "qr", "solve with one QR factor and one right-hand side"),
+    ("QRBackSubst", "mva", "qr", "solve with one QR factor for each right-hand side of an array"),
+    ("QRBackSubst", "mava", "qr", "solve with each QR factor of an array for its right-hand side"),
+]
+
+
+def det_inv_qr_members():
+    """Det, Invert, QRDecomp and QRBackSubst exports, as (name, op, group, comment, params, body, file)."""
+    out = []
+    for family, group, fname, comment in DET_INV_QR_GROUPS:
+        ops = operands(group)
+        matrix_array = ops[0][1]
+        any_array = any(a for _, a in ops)
+        for ty in ("32f", "64f"):
+            for desc in descs(any_array):
+                t = TYPES[ty]
+                a = Operand("m", matrix_array, "src", desc, t, True)
+                buf = [(f"{t}*", "pBuffer")]
+                n = ("width", "height") if family.startswith("QR") else ("widthHeight", "widthHeight")
+                views = [mul_view(a, *n), "elems(pBuffer, 0)"]
+                count = [("int", "count")] if any_array else []
+                if family == "Det":
+                    params = a.params() + [("int", "widthHeight")] + buf + [(f"{t}*", "pDst")] + count
+                    views.insert(0, f"{'elemsArr' if any_array else 'elems'}(pDst, 1)")
+                    fn = "determinant"
+                elif family == "Invert" or family == "QRDecomp":
+                    dst = Operand("m", any_array, "dst", desc, t, False)
+                    sizes = [("int", "widthHeight")] if family == "Invert" else [("int", "width"), ("int", "height")]
+                    params = a.params() + buf + dst.params() + sizes + count
+                    views.insert(0, mul_view(dst, *n))
+                    fn = "inverse" if family == "Invert" else "qrDecomp"
+                else:
+                    b = Operand("v", ops[1][1], "src2", desc, t, True)
+                    x = Operand("v", any_array, "dst", desc, t, False)
+                    params = a.params() + buf + b.params() + x.params() + [("int", "width"), ("int", "height")] + count
+                    views = [mul_view(x, "width", "1"), views[0], views[1], mul_view(b, "height", "1")]
+                    fn = "qrBackSubst"
+                dims = (f"Dims{{widthHeight, widthHeight, {'count' if any_array else '1'}}}" if n[0] == "widthHeight"
+                        else f"Dims{{width, height, {'count' if any_array else '1'}}}")
+                suffix = "" if desc == "Std" else "_" + desc
+                body = (f"return {fn}<Group::{group}, Desc::{desc}>(\n        " + ",\n        ".join(views)
+                        + f",\n        {dims});")
+                out.append((f"omkm{family}_{group}_{ty}{suffix}", family, group, comment, params, body, fname))
+        if family in ("Det", "Invert") and group == "m":
+            if family == "Det":
+                params = [("const Omk32f*", "pSrc"), ("Omk32f*", "pDst")]
+                body = "return determinant4(pSrc, pDst);"
+                what = "4x4 matrix of 16 contiguous floats, no checks, no tolerance"
+            else:
+                params = [("const Omk32f*", "pSrc"), ("Omk32f*", "pDet"), ("Omk32f*", "pDst")]
+                body = "return inverse4(pSrc, pDet, pDst);"
+                what = "4x4 matrix of 16 contiguous floats, no checks; pDet may be null"
+            out.append((f"omkm{family}_m4_32f", family, "m4", what, params, body, fname))
+    return out
+
+
 # ---- registry: symmetric eigenproblem ----
 # (family, group, comment); the vector forms write the eigenvectors as the columns of an n x n
 # destination matrix named pDstVectors / ppDstVectors.
@@ -599,6 +667,36 @@ CHOLESKY_NOTE = """\
  * n*n*count < 7501; CholeskyBackSubst_mava (n+2)*n*count < 2051 when every element stride is the
  * element size (standard and _L only), else < 1701; CholeskyBackSubst_mva (n+2*count)*n < 1201.
 """
+DET_INV_NOTE = """\
+ * pBuffer: n*n elements of scratch followed by n 32-bit ints (one buffer serves a serial array
+ * call; unused when the call runs on threads, which take their own). Tolerance t = 2*n^3 * the
+ * smallest normal number (2*n^3 as a 32-bit int). Det: order 3 is
+ * fma(a20, m0, fms(a22, m2, a21*m1)) with m0 = fms(a01,a12,a02*a11), m1 = fms(a00,a12,a02*a10),
+ * m2 = fms(a00,a11,a01*a10); order 4 (and Det_m4) fma(a00,c0,a01*c1) + fma(a02,c2,a03*c3) with
+ * the cofactors c of row 0, each a 3x3 determinant expanded along its first row as
+ * fma(b02, M02, fms(b00, M00, b01*M01)) over 2x2 minors M formed by fms. Other orders eliminate with
+ * partial pivoting (first maximum wins), multipliers by division and fused updates, and give 0
+ * with omkStsOk when a pivot falls below t (the last one when it is not above t); never
+ * omkStsSingular. Invert: orders 3 to 6 by the adjugate (cofactors from the same expansions; det
+ * from row 0, 5 and 6 as t = a00*C00 then t = fma(a0j, C0j, t)), omkStsSingular when |det| < t,
+ * nothing written then, the source read whole first (in place allowed). Order 1: singular when
+ * |a| <= 2*m. Order 2 and orders 7 and more: elimination in pBuffer, then each element from its
+ * minor's determinant; pDst must not overlap pSrc there. Invert_m4: |det| < 2^-119 is singular
+ * (*pDet = 0), else *pDet = det and r = (r0 + r0) - det*(r0*r0) from the processor's reciprocal
+ * estimate r0. Arrays stop at the first singular matrix on one thread; with threads each slice
+ * stops at its own. Serial while: Det widthHeight*count < 14401; Invert 2*widthHeight*count <= 3600
+ * when every element stride is the element size, else (and _P) <= 2500.
+"""
+QR_NOTE = """\
+ * Checks: null pointers (pBuffer included), count, sizes, strides, ROI shifts, then width > height
+ * (omkStsSizeMismatch). pBuffer: at least `height` elements of the element type in every member.
+ * The factor keeps R on and above the diagonal and the Householder vectors below it (leading 1
+ * implied); width - 1 reflections for a square matrix, width otherwise. A column whose squared
+ * norm is below eps (2^-23, 2^-52) stops the decomposition with omkStsDivByZero, the destination
+ * partly transformed; a serial array call stops there too. The solver recomputes each reflection's
+ * beta from the stored vector and never fails. Serial while the work figure (ma 2*w*h*count; mva
+ * w*h + (w+h)*count; mava (w*(h+1) + h)*count) is below 2801.
+"""
 EIGEN_SYM_NOTE = """\
  * Householder reduction to tridiagonal form, then an implicitly shifted QL (or QR) iteration.
  * pBuffer: at least n*n elements of scratch (one buffer for a whole serial array call; unused when
@@ -668,9 +766,10 @@ def outputs():
     scale = scale_members()
     solvers = solver_members()
     eigen_sym = eigen_sym_members()
+    det_inv_qr = det_inv_qr_members()
     dot_cross, norms, gaxpy = dot_cross_members(), norm_members(), gaxpy_members()
     names = ["omkmGetLibVersion"] + [m[0] for m in add_sub + mul + scale + dot_cross + norms + gaxpy + solvers
-                                     + eigen_sym]
+                                     + det_inv_qr + eigen_sym]
     unknown = sorted(set(names) - set(api_names()))
     if unknown or len(set(names)) != len(names):
         raise SystemExit(f"registry names not in tools/exports.txt or repeated: {unknown}")
@@ -686,6 +785,10 @@ def outputs():
                                    [m for m in solvers if m[6] == "lu"], LU_NOTE),
                                   ("Cholesky decomposition with a reciprocal diagonal, and its solver",
                                    [m for m in solvers if m[6] == "cholesky"], CHOLESKY_NOTE),
+                                  ("Determinant and inverse", [m for m in det_inv_qr if m[6] == "det_inv"],
+                                   DET_INV_NOTE),
+                                  ("QR decomposition by Householder reflections, and its solver",
+                                   [m for m in det_inv_qr if m[6] == "qr"], QR_NOTE),
                                   ("Symmetric eigenproblem: values descending, vectors as columns", eigen_sym,
                                    EIGEN_SYM_NOTE)]),
         "src/elementwise/add_entries.cpp": entries(add, "Add functions", "elementwise/add_sub.h", "omk::addsub"),
@@ -702,6 +805,11 @@ def outputs():
                                                           "products/dot_cross.h", "omk::dotcross")
     files["src/products/norm_entries.cpp"] = entries(norms, "norms and traces", "products/norms.h", "omk::norms")
     files["src/products/gaxpy_entries.cpp"] = entries(gaxpy, "Gaxpy functions", "products/gaxpy.h", "omk::gaxpy")
+    files["src/solvers/det_inv_entries.cpp"] = entries([m for m in det_inv_qr if m[6] == "det_inv"],
+                                                       "determinants and inverses", "solvers/det_inv.h",
+                                                       "omk::detinv")
+    files["src/solvers/qr_entries.cpp"] = entries([m for m in det_inv_qr if m[6] == "qr"],
+                                                  "QR decompositions and solvers", "solvers/qr.h", "omk::qr")
     files["src/eigen/eigen_sym_entries.cpp"] = entries(eigen_sym, "symmetric eigenproblems", "eigen/eigen_sym.h",
                                                        "omk::eigensym")
     for fname, what in MUL_FILES.items():
