@@ -98,6 +98,145 @@ T detExpand(const B& b) {
     }
 }
 
+// ---- 4x4 cofactors in vector registers ----
+// Lane j of cofactor row i is C(i, j): the 3x3 determinant without row i and column j, expanded as
+// det3 above over the remaining columns c0 < c1 < c2 (lane-wise shuffles), with the sign of
+// (-1)^(i+j) applied to the sign bit. Every lane runs the scalar formula's operations, so the bits
+// are those of cofactor<4>.
+template <class T> struct Lanes4;
+template <> struct Lanes4<float> {
+    using V = __m128;
+    static V load(const float* p) { return _mm_loadu_ps(p); }
+    static void store(float* p, V v) { _mm_storeu_ps(p, v); }
+    template <int Imm> static V perm(V v) { return _mm_permute_ps(v, Imm); }
+    static V mul(V a, V b) { return _mm_mul_ps(a, b); }
+    static V fma(V a, V b, V c) { return _mm_fmadd_ps(a, b, c); }
+    static V fms(V a, V b, V c) { return _mm_fmsub_ps(a, b, c); }
+    static V signs(bool odd) { return odd ? _mm_setr_ps(-0.0f, 0.0f, -0.0f, 0.0f) : _mm_setr_ps(0.0f, -0.0f, 0.0f, -0.0f); }
+    static V flip(V v, V s) { return _mm_xor_ps(v, s); }
+    static V splat(float x) { return _mm_set1_ps(x); }
+    // lane 0 + lane 2
+    static float sum02(V v) { return _mm_cvtss_f32(_mm_add_ss(v, _mm_movehl_ps(v, v))); }
+    static void transpose(V& a, V& b, V& c, V& d) { _MM_TRANSPOSE4_PS(a, b, c, d); }
+};
+template <> struct Lanes4<double> {
+    using V = __m256d;
+    static V load(const double* p) { return _mm256_loadu_pd(p); }
+    static void store(double* p, V v) { _mm256_storeu_pd(p, v); }
+    template <int Imm> static V perm(V v) { return _mm256_permute4x64_pd(v, Imm); }
+    static V mul(V a, V b) { return _mm256_mul_pd(a, b); }
+    static V fma(V a, V b, V c) { return _mm256_fmadd_pd(a, b, c); }
+    static V fms(V a, V b, V c) { return _mm256_fmsub_pd(a, b, c); }
+    static V signs(bool odd) {
+        return odd ? _mm256_setr_pd(-0.0, 0.0, -0.0, 0.0) : _mm256_setr_pd(0.0, -0.0, 0.0, -0.0);
+    }
+    static V flip(V v, V s) { return _mm256_xor_pd(v, s); }
+    static V splat(double x) { return _mm256_set1_pd(x); }
+    static double sum02(V v) {
+        return _mm_cvtsd_f64(_mm_add_sd(_mm256_castpd256_pd128(v), _mm256_extractf128_pd(v, 1)));
+    }
+    static void transpose(V& a, V& b, V& c, V& d) {
+        const V t0 = _mm256_unpacklo_pd(a, b), t1 = _mm256_unpackhi_pd(a, b);
+        const V t2 = _mm256_unpacklo_pd(c, d), t3 = _mm256_unpackhi_pd(c, d);
+        a = _mm256_permute2f128_pd(t0, t2, 0x20);
+        b = _mm256_permute2f128_pd(t1, t3, 0x20);
+        c = _mm256_permute2f128_pd(t0, t2, 0x31);
+        d = _mm256_permute2f128_pd(t1, t3, 0x31);
+    }
+};
+
+// Cofactor row from the first remaining row f and the two rows p, q of the 2x2 minors; lane j
+// leaves out column j, so its columns c0, c1, c2 are (1,2,3), (0,2,3), (0,1,3), (0,1,2).
+template <class T>
+typename Lanes4<T>::V cofactorRow4(typename Lanes4<T>::V f, typename Lanes4<T>::V p, typename Lanes4<T>::V q, bool odd) {
+    using L = Lanes4<T>;
+    constexpr int S0 = 0x01, S1 = 0x5A, S2 = 0xBF;  // lanes (1,0,0,0), (2,2,1,1), (3,3,3,2)
+    const auto p0 = L::template perm<S0>(p), p1 = L::template perm<S1>(p), p2 = L::template perm<S2>(p);
+    const auto q0 = L::template perm<S0>(q), q1 = L::template perm<S1>(q), q2 = L::template perm<S2>(q);
+    const auto m01 = L::fms(p0, q1, L::mul(p1, q0));
+    const auto m12 = L::fms(p1, q2, L::mul(p2, q1));
+    const auto m02 = L::fms(p0, q2, L::mul(p2, q0));
+    const auto d = L::fma(L::template perm<S2>(f), m01,
+                          L::fms(L::template perm<S0>(f), m12, L::mul(L::template perm<S1>(f), m02)));
+    return L::flip(d, L::signs(odd));
+}
+
+// fma(a00, c00, a01*c01) + fma(a02, c02, a03*c03) from row 0 and its cofactors.
+template <class T>
+T det4FromRow(typename Lanes4<T>::V a0, typename Lanes4<T>::V c0) {
+    using L = Lanes4<T>;
+    return L::sum02(L::fma(a0, c0, L::template perm<0xB1>(L::mul(a0, c0))));
+}
+
+// Four rows of four elements, each packed, anywhere in memory.
+template <class T>
+struct Rows4 {
+    const T* r[4];
+};
+template <class T> Rows4<T> packedRows4(const T* p) { return {{p, p + 4, p + 8, p + 12}}; }
+
+template <class T>
+T det4(const Rows4<T>& m) {
+    using L = Lanes4<T>;
+    const auto r0 = L::load(m.r[0]), r1 = L::load(m.r[1]), r2 = L::load(m.r[2]), r3 = L::load(m.r[3]);
+    return det4FromRow<T>(r0, cofactorRow4<T>(r1, r2, r3, false));
+}
+
+// Floats: two cofactor rows per 256-bit register, one in each half (the shuffles stay within a
+// half), the same operations lane for lane.
+struct Lanes8 {
+    using V = __m256;
+    template <int Imm> static V perm(V v) { return _mm256_permute_ps(v, Imm); }
+    static V mul(V a, V b) { return _mm256_mul_ps(a, b); }
+    static V fma(V a, V b, V c) { return _mm256_fmadd_ps(a, b, c); }
+    static V fms(V a, V b, V c) { return _mm256_fmsub_ps(a, b, c); }
+};
+inline __m256 cofactorRows4(__m256 f, __m256 p, __m256 q) {
+    using L = Lanes8;
+    constexpr int S0 = 0x01, S1 = 0x5A, S2 = 0xBF;
+    const auto p0 = L::perm<S0>(p), p1 = L::perm<S1>(p), p2 = L::perm<S2>(p);
+    const auto q0 = L::perm<S0>(q), q1 = L::perm<S1>(q), q2 = L::perm<S2>(q);
+    const auto m01 = L::fms(p0, q1, L::mul(p1, q0));
+    const auto m12 = L::fms(p1, q2, L::mul(p2, q1));
+    const auto m02 = L::fms(p0, q2, L::mul(p2, q0));
+    const auto d = L::fma(L::perm<S2>(f), m01, L::fms(L::perm<S0>(f), m12, L::mul(L::perm<S1>(f), m02)));
+    // Cofactor rows 0 and 1 (and 2 and 3) take the signs (+,-,+,-) and (-,+,-,+).
+    return _mm256_xor_ps(d, _mm256_setr_ps(0.0f, -0.0f, 0.0f, -0.0f, -0.0f, 0.0f, -0.0f, 0.0f));
+}
+
+// The inverse of a 4x4 matrix by its adjugate: returns det; when scale(det, r) gives r (true),
+// writes row j of the result, out[j], as C(0..3, j) * r.
+template <class T, class Scale>
+T adjugate4(const Rows4<T>& m, T* const out[4], Scale&& scale, bool& singular) {
+    using L = Lanes4<T>;
+    const auto r0 = L::load(m.r[0]), r1 = L::load(m.r[1]), r2 = L::load(m.r[2]), r3 = L::load(m.r[3]);
+    typename L::V c0, c1, c2, c3;
+    if constexpr (std::is_same_v<T, float>) {
+        // Rows (0, 1): f = A1 | A0, minors of rows 2 and 3; rows (2, 3): f = A0, minors of rows
+        // (1, 3) | (1, 2).
+        const __m256 c01 = cofactorRows4(_mm256_set_m128(r0, r1), _mm256_set_m128(r2, r2), _mm256_set_m128(r3, r3));
+        const __m256 c23 = cofactorRows4(_mm256_set_m128(r0, r0), _mm256_set_m128(r1, r1), _mm256_set_m128(r2, r3));
+        c0 = _mm256_castps256_ps128(c01), c1 = _mm256_extractf128_ps(c01, 1);
+        c2 = _mm256_castps256_ps128(c23), c3 = _mm256_extractf128_ps(c23, 1);
+    } else {
+        c0 = cofactorRow4<T>(r1, r2, r3, false);
+        c1 = cofactorRow4<T>(r0, r2, r3, true);
+        c2 = cofactorRow4<T>(r0, r1, r3, false);
+        c3 = cofactorRow4<T>(r0, r1, r2, true);
+    }
+    const T det = det4FromRow<T>(r0, c0);
+    T r;
+    singular = !scale(det, r);
+    if (singular) return det;
+    L::transpose(c0, c1, c2, c3);
+    const auto rr = L::splat(r);
+    L::store(out[0], L::mul(c0, rr));
+    L::store(out[1], L::mul(c1, rr));
+    L::store(out[2], L::mul(c2, rr));
+    L::store(out[3], L::mul(c3, rr));
+    return det;
+}
+
 // A local N x N copy.
 template <class T, int N>
 struct Local {
@@ -183,7 +322,11 @@ template <class T, class SO>
 T detObject(const SO& a, T* w, int n) {
     switch (n) {
     case 3: return detOrder3<T>(a);
-    case 4: return detExpand<4, T>(loadLocal<4, T>(a));
+    case 4: {
+        if constexpr (std::is_same_v<SO, StridedObject<const T, true>>) return det4<T>({{a.row(0), a.row(1), a.row(2), a.row(3)}});
+        const Local<T, 4> l = loadLocal<4, T>(a);
+        return det4<T>(packedRows4(&l.v[0][0]));
+    }
     case 5: return detFixedEliminate<5, T>(a);
     case 6: return detFixedEliminate<6, T>(a);
     default: return detEliminate<T>(a, w, n);
@@ -197,6 +340,27 @@ T detObject(const SO& a, T* w, int n) {
 template <int N, class T, class DO, class SO>
 OmkStatus invertFixed(const DO& d, const SO& a) {
     const Local<T, N> l = loadLocal<N, T>(a);
+    if constexpr (N == 4) {
+        auto scale = [](T det, T& r) {
+            if (std::fabs(det) < tolerance<T>(4)) return false;
+            r = T(1) / det;
+            return true;
+        };
+        bool singular;
+        if constexpr (std::is_same_v<SO, StridedObject<const T, true>> && std::is_same_v<DO, StridedObject<T, true>>) {
+            // Packed rows: read and written in place; the rows are all read before any is written.
+            T* const out[4] = {d.row(0), d.row(1), d.row(2), d.row(3)};
+            adjugate4<T>({{a.row(0), a.row(1), a.row(2), a.row(3)}}, out, scale, singular);
+            return singular ? omkStsSingular : omkStsOk;
+        }
+        T inv[16];
+        T* const out[4] = {inv, inv + 4, inv + 8, inv + 12};
+        adjugate4<T>(packedRows4(&l.v[0][0]), out, scale, singular);
+        if (singular) return omkStsSingular;
+        for (int i = 0; i < 4; ++i)
+            for (int j = 0; j < 4; ++j) d.at(i, j) = inv[i * 4 + j];
+        return omkStsOk;
+    }
     T c[N][N];
     for (int i = 0; i < N; ++i)
         for (int j = 0; j < N; ++j) c[i][j] = cofactor<N, T>(l, i, j);
@@ -300,10 +464,13 @@ OmkStatus determinant(const R& result, const A& a, const B& buffer, const Dims& 
     const size_t scratch = size_t(n) * n * sizeof(T) + size_t(n) * sizeof(int32_t);
     auto run = [&](int32_t first, int32_t m, char* block) {
         T* w = block ? reinterpret_cast<T*>(block) : buffer.obj(0);
-        const A as = a.from(first);
-        T* out = result.from(first).obj(0);
-        for (int32_t k = 0; k < m; ++k) out[k] = detObject<T>(as.obj(k), w, n);
-        return omkStsOk;
+        return overObjectsPacked(false, m, [&](auto packed, int32_t, int32_t cnt) {
+            constexpr bool P = decltype(packed)::value;
+            const A as = a.from(first);
+            T* out = result.from(first).obj(0);
+            for (int32_t k = 0; k < cnt; ++k) out[k] = detObject<T>(objectOf<P>(as, k), w, n);
+            return omkStsOk;
+        }, a);
     };
     if (!parallel) return run(0, dims.count, nullptr);
     return runOverObjects(dims.count, run, (scratch + 63) / 64 * 64);
@@ -321,11 +488,14 @@ OmkStatus inverse(const D& d, const A& a, const B& buffer, const Dims& dims) {
     const size_t scratch = size_t(n) * n * sizeof(T) + size_t(n) * sizeof(int32_t);
     auto run = [&](int32_t first, int32_t m, char* block) -> OmkStatus {
         T* w = block ? reinterpret_cast<T*>(block) : buffer.obj(0);
-        const D ds = d.from(first);
-        const A as = a.from(first);
-        for (int32_t k = 0; k < m; ++k)
-            if (const OmkStatus st = invertObject<T>(ds.obj(k), as.obj(k), w, n)) return st;
-        return omkStsOk;
+        return overObjectsPacked(false, m, [&](auto packed, int32_t, int32_t cnt) -> OmkStatus {
+            constexpr bool P = decltype(packed)::value;
+            const D ds = d.from(first);
+            const A as = a.from(first);
+            for (int32_t k = 0; k < cnt; ++k)
+                if (const OmkStatus st = invertObject<T>(objectOf<P>(ds, k), objectOf<P>(as, k), w, n)) return st;
+            return omkStsOk;
+        }, d, a);
     };
     if (!parallel) return run(0, dims.count, nullptr);
     return runOverObjects(dims.count, run, (scratch + 63) / 64 * 64);
@@ -333,13 +503,8 @@ OmkStatus inverse(const D& d, const A& a, const B& buffer, const Dims& dims) {
 
 // ---- the fixed 4x4 float forms ----
 
-struct Rows4 {
-    const float* p;
-    float at(int i, int j) const { return p[i * 4 + j]; }
-};
-
 inline OmkStatus determinant4(const float* src, float* dst) {
-    *dst = detExpand<4, float>(loadLocal<4, float>(Rows4{src}));
+    *dst = det4<float>(packedRows4(src));
     return omkStsOk;
 }
 
@@ -347,20 +512,18 @@ inline OmkStatus determinant4(const float* src, float* dst) {
 // else *pDet = det and each element is its cofactor times r = (r0 + r0) - det*(r0*r0), r0 the
 // processor's reciprocal estimate of det.
 inline OmkStatus inverse4(const float* src, float* pDet, float* dst) {
-    const Local<float, 4> l = loadLocal<4, float>(Rows4{src});
-    float c[4][4];
-    for (int i = 0; i < 4; ++i)
-        for (int j = 0; j < 4; ++j) c[i][j] = cofactor<4, float>(l, i, j);
-    const float det = std::fma(l.v[0][0], c[0][0], l.v[0][1] * c[0][1]) + std::fma(l.v[0][2], c[0][2], l.v[0][3] * c[0][3]);
-    if (std::fabs(det) < 0x1p-119f) {
-        if (pDet) *pDet = 0.0f;
-        return omkStsSingular;
-    }
-    if (pDet) *pDet = det;
-    const float r0 = _mm_cvtss_f32(_mm_rcp_ss(_mm_set_ss(det)));
-    const float r = (r0 + r0) - det * (r0 * r0);
-    for (int i = 0; i < 4; ++i)
-        for (int j = 0; j < 4; ++j) dst[j * 4 + i] = c[i][j] * r;
+    float inv[16];
+    float* const out[4] = {inv, inv + 4, inv + 8, inv + 12};
+    bool singular;
+    const float det = adjugate4<float>(packedRows4(src), out, [](float det, float& r) {
+        if (std::fabs(det) < 0x1p-119f) return false;
+        const float r0 = _mm_cvtss_f32(_mm_rcp_ss(_mm_set_ss(det)));
+        r = (r0 + r0) - det * (r0 * r0);
+        return true;
+    }, singular);
+    if (pDet) *pDet = singular ? 0.0f : det;
+    if (singular) return omkStsSingular;
+    std::memcpy(dst, inv, sizeof inv);
     return omkStsOk;
 }
 
