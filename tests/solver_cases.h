@@ -3,7 +3,9 @@
 // right-hand side vectors of the solvers, and the destination. A test fills the inputs, writes the
 // whole arena as the call must leave it (`want`: every destination element and index entry the
 // call writes, every other byte as before), calls, and compares all bytes. The walks shared by the
-// LU and Cholesky suites (argument faults, serial limits, parallel runs) are here too.
+// LU and Cholesky suites (argument faults, serial limits, parallel runs) are here too. Families
+// with a caller buffer and an argument order of their own (Det, Invert, QR) lay out their calls
+// with buildCall.
 #pragma once
 #include <gtest/gtest.h>
 #include <omp.h>
@@ -40,6 +42,8 @@ struct SolverCase {
     SolverKinds kinds{};
     size_t index = 0;                 // arena offset of the index array (LU)
     std::vector<unsigned char> want;  // the arena as the call must leave it
+    size_t buffer = 0, bufferBytes = 0;  // the caller's buffer (buildCall), if the call takes one
+    bool scratchBuffer = false;          // its bytes are the call's to use: not compared
 
     const Member& member() const { return *c.m; }
     const Operand& matrix() const { return c.srcs[0]; }
@@ -106,6 +110,76 @@ inline void buildSolver(SolverCase& sc, const Member& m, int n, int count, const
     }
 }
 
+// Calls of families that take a caller buffer and have an argument order of their own, written as
+// a string of blocks: 'M' the matrix operand, 'B' the buffer (a plain pointer, checked for null
+// only), 'V' the right-hand side, 'D' the destination, 'R' a destination of one element per object
+// in a plain run (object k at element k), 'n' the order, 'w' width, 'h' height, 'c' count (array
+// members only). The matrix has `height` rows of `width` (sc.n = width); a right-hand side has
+// `height` elements, a solution `width`, a decomposition the matrix's shape.
+inline void buildCall(SolverCase& sc, const Member& m, const std::string& plan, int width, int height, int count,
+                      const std::vector<Style>& styles, size_t bufferBytes, Alias alias = Alias::None) {
+    sc = SolverCase{};
+    Case& c = sc.c;
+    c.m = &m;
+    c.width = width;
+    c.height = height;
+    c.count = count;
+    sc.n = width;
+    sc.kinds = kindsOf(m);
+    auto style = [&](size_t i) { return styles[std::min(i, styles.size() - 1)]; };
+    auto operand = [&](char kind, bool array, int rows, int cols, Style st) {
+        Operand o;
+        o.kind = kind;
+        o.array = array;
+        o.rows = rows;
+        o.cols = cols;
+        layOut(o, st, m.esize);
+        return o;
+    };
+    const bool rhs = plan.find('V') != std::string::npos;
+    c.srcs.push_back(operand('m', sc.kinds.matrixArray, height, width, style(0)));
+    if (rhs) c.srcs.push_back(operand('v', sc.kinds.vectorArray, 1, height, style(1)));
+    if (plan.find('R') != std::string::npos) {
+        c.dst.kind = 'v';
+        c.dst.array = m.hasArray();
+        c.dst.esize = m.esize;
+        c.dst.s0 = c.dst.s2 = m.esize;
+    } else {
+        c.dst = sc.kinds.decomp ? operand('m', sc.kinds.matrixArray, height, width, style(1))
+                                : operand('v', sc.kinds.vectorArray, 1, width, style(2));
+    }
+    for (Operand& o : c.srcs) o.base = c.arena.reserve(extentOf(o, count));
+    sc.bufferBytes = bufferBytes;
+    sc.buffer = c.arena.reserve(bufferBytes);
+    if (alias == Alias::DstOnMatrix) c.dst = c.srcs[0];
+    else if (alias == Alias::DstOnVector) c.dst = c.srcs[1];
+    else c.dst.base = c.arena.reserve(extentOf(c.dst, count));
+    c.arena.allocate();
+
+    c.tables.reserve(4);
+    auto arg = [&](ArgKind k, int64_t v) { Arg x{k}; x.i = v; c.args.args.push_back(x); };
+    for (const char b : plan) {
+        switch (b) {
+        case 'M': appendOperand(c, c.srcs[0], ArgKind::SrcPtr); break;
+        case 'V': appendOperand(c, c.srcs[1], ArgKind::SrcPtr); break;
+        case 'D': appendOperand(c, c.dst, ArgKind::DstPtr); break;
+        case 'B': case 'R': {
+            Arg x{b == 'B' ? ArgKind::SrcPtr : ArgKind::DstPtr};
+            x.ptr = c.arena.at(b == 'B' ? sc.buffer : c.dst.base);
+            c.args.args.push_back(x);
+            break;
+        }
+        case 'n': arg(ArgKind::Len, width); break;
+        case 'w': arg(ArgKind::Width, width); break;
+        case 'h': arg(ArgKind::Height, height); break;
+        case 'c': if (m.hasArray()) arg(ArgKind::Count, count); break;
+        }
+    }
+}
+template <class T> T bufferAt(const SolverCase& sc, int i) {
+    return load<T>(sc.c.arena.bytes.data() + sc.buffer + size_t(i) * sizeof(T));
+}
+
 // ---- element access ----
 template <class T> T elementAt(const SolverCase& sc, const Operand& o, int k, int i, int j) {
     return load<T>(sc.c.arena.bytes.data() + o.offset(k, i, j));
@@ -165,6 +239,10 @@ inline std::string byteName(const SolverCase& sc, size_t off) {
                     s << "destination object " << k << " element (" << i << "," << j << ")";
                     return s.str();
                 }
+    if (sc.bufferBytes && off >= sc.buffer && off < sc.buffer + sc.bufferBytes) {
+        s << "buffer byte " << off - sc.buffer;
+        return s.str();
+    }
     if (sc.kinds.index && off >= sc.index && off < sc.indexOffset(sc.matrices(), 0)) {
         const size_t e = (off - sc.index) / sizeof(int);
         s << "index slice " << e / sc.n << " entry " << e % sc.n;
@@ -176,7 +254,9 @@ inline std::string byteName(const SolverCase& sc, size_t off) {
 
 inline std::string describe(const SolverCase& sc) {
     std::ostringstream s;
-    s << sc.member().name << " order " << sc.n << " count " << sc.c.count;
+    s << sc.member().name << " order " << sc.n;
+    if (sc.c.height != sc.c.width) s << " x " << sc.c.height;
+    s << " count " << sc.c.count;
     return s.str();
 }
 
@@ -187,6 +267,10 @@ inline void callAndCompare(SolverCase& sc, OmkStatus status) {
     ASSERT_EQ(sc.member().call(sc.c.args), status) << describe(sc);
     ASSERT_EQ(sc.c.tables, tables) << describe(sc) << ": a pointer table changed";
     ASSERT_EQ(sc.want.size(), sc.c.arena.bytes.size());
+    if (sc.scratchBuffer && sc.bufferBytes) {  // the call's scratch: its bytes are not compared
+        const auto from = sc.c.arena.bytes.begin() + ptrdiff_t(sc.buffer);
+        std::copy(from, from + ptrdiff_t(sc.bufferBytes), sc.want.begin() + ptrdiff_t(sc.buffer));
+    }
     const auto diff = std::mismatch(sc.want.begin(), sc.want.end(), sc.c.arena.bytes.begin());
     if (diff.first == sc.want.end()) return;
     const size_t off = size_t(diff.first - sc.want.begin());
@@ -267,11 +351,18 @@ inline void expectSerialLimit(const Member& m, const Prepare& prepare,
     }
 }
 
-// Budgets 2 and 3 give the bytes of budget 1, far above the limit.
+// Budgets 2 and 3 give the bytes of budget 1, far above the limit. `build` lays out the call
+// (default: buildSolver of order n); a call with a caller buffer (buildCall) must also leave that
+// buffer alone when it runs on threads, which work in scratch of their own.
+using Builder = std::function<void(SolverCase&, const Member&, int n, int count, const std::vector<Style>&)>;
 inline void expectParallelIdentical(const Member& m, const Prepare& prepare, int n, int count,
-                                    const std::vector<Style>& styles) {
+                                    const std::vector<Style>& styles, const Builder& build = nullptr) {
+    auto make = [&](SolverCase& sc) {
+        if (build) build(sc, m, n, count, styles);
+        else buildSolver(sc, m, n, count, styles);
+    };
     SolverCase serial;
-    buildSolver(serial, m, n, count, styles);
+    make(serial);
     std::mt19937 rng(n * 1000 + count);
     ASSERT_EQ(prepare(serial, rng), omkStsOk);
     {
@@ -281,11 +372,18 @@ inline void expectParallelIdentical(const Member& m, const Prepare& prepare, int
     }
     for (int budget : {2, 3}) {
         SolverCase par;
-        buildSolver(par, m, n, count, styles);
+        make(par);
         std::mt19937 again(n * 1000 + count);
         prepare(par, again);
         probe::Budget b(budget);
-        ASSERT_EQ(m.call(par.c.args), omkStsOk);
+        if (par.bufferBytes) {
+            par.scratchBuffer = false;
+            callAndCompare(par, omkStsOk);  // the buffer keeps its bytes
+            const auto from = serial.c.arena.bytes.begin() + ptrdiff_t(serial.buffer);
+            std::copy(from, from + ptrdiff_t(serial.bufferBytes), par.c.arena.bytes.begin() + ptrdiff_t(par.buffer));
+        } else {
+            ASSERT_EQ(m.call(par.c.args), omkStsOk);
+        }
         ASSERT_EQ(probe::calls(), 2) << describe(par) << " budget " << budget;
         ASSERT_TRUE(par.c.arena.bytes == serial.c.arena.bytes) << describe(par) << " budget " << budget;
     }
