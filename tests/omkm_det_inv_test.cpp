@@ -176,9 +176,11 @@ template <class T> Inverse<T> inverseOf(const Mat<T>& a, int n, Way way = Way::L
         const T r = T(1) / det;
         for (int i = 0; i < n; ++i)
             for (int j = 0; j < n; ++j) {
-                T value = a[size_t(1 - i) * n + (1 - j)];  // order 2 (read only then)
+                T value{};
                 int sign = 1;
-                if (n > 2) {
+                if (n == 2) {
+                    value = a[size_t(1 - i) * n + (1 - j)];
+                } else {
                     const Elim<T> m = eliminate(minorOf(a, n, i, j), n - 1, t, true, way);
                     value = m.ok && std::fabs(m.last) > t ? m.last * m.product : t;
                     sign = m.sign;
