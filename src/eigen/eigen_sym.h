@@ -316,8 +316,8 @@ template <Group G, bool Vectors, class A, class B, class Z, class V>
 OmkStatus matrices(const A& a, const B& buffer, const Z& z, const V& values, const Dims& dims) {
     using T = std::remove_const_t<typename V::Elem>;
     const int n = dims.width;
-    auto run = [&](int32_t first, int32_t count, char* scratch) -> OmkStatus {
-        T* W = scratch ? reinterpret_cast<T*>(scratch) : buffer.obj(0);
+    const size_t scratch = size_t(n) * size_t(n) * sizeof(T);
+    auto run = [&](int32_t first, int32_t count, T* W) -> OmkStatus {
         const A as = a.from(first);
         const V vs = values.from(first);
         const Z zs = [&] {
@@ -332,8 +332,7 @@ OmkStatus matrices(const A& a, const B& buffer, const Z& z, const V& values, con
         }
         return omkStsOk;
     };
-    if (!goesParallel(G, Vectors, dims)) return run(0, dims.count, nullptr);
-    return runOverObjects(dims.count, run, size_t(n) * size_t(n) * sizeof(T));
+    return overObjectsWithScratch(goesParallel(G, Vectors, dims), dims.count, buffer.obj(0), scratch, run);
 }
 
 // ---- exported forms ----

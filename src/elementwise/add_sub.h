@@ -120,7 +120,7 @@ OmkStatus addSub(const D& d, const A& a, const B& b, const Dims& dims) {
     constexpr CheckOrder order = orderOf(G, Dsc);
     if (const OmkStatus st = firstFailure(order, dims, a, b, d)) return st;
     using T = std::remove_const_t<typename D::Elem>;
-    const bool contiguous = d.contiguous() && a.contiguous() && b.contiguous();
+    const bool contiguous = elementsContiguous(d, a, b);
     return binaryOverObjects<Op>(goesParallel<T>(ruleOf(G), Dsc, contiguous, dims), d, a, b, dims);
 }
 

@@ -250,6 +250,11 @@ template <class T> ConstView<T> cnst(T v) { return {v}; }
 template <class T> ConstArrayView<T, false> cnstArr(T* p, int32_t s0) { return {p, nullptr, s0, 0}; }
 template <class T> ConstArrayView<T, true> cnstArrL(T** pp, int32_t shift) { return {nullptr, pp, 0, shift}; }
 
+// Every element stride of the call is the element size. Pointer descriptions never are; constants
+// always are.
+template <class... V>
+inline bool elementsContiguous(const V&... v) { return (v.contiguous() && ...); }
+
 // Element views whose columns are packed (element stride = element size) are read through objects
 // with the column step known to the compiler (unitCols). A column vector (column step 0) has only
 // column 0, so any of its strides qualifies; a constant always does.

@@ -79,6 +79,18 @@ OmkStatus overObjects(bool parallel, int32_t count, Run&& run) {
     return runOverObjects(count, [&](int32_t first, int32_t m, char*) { return run(first, m); });
 }
 
+// Runs body(first, m, scratch) serially with the caller's buffer as scratch, or over the driver
+// where each thread gets its own part of bytesPerThread (rounded up to whole cache lines, so the
+// parts share none); when the driver runs serially after all, the caller's buffer serves again.
+template <class T, class Body>
+OmkStatus overObjectsWithScratch(bool parallel, int32_t count, T* buffer, size_t bytesPerThread, Body&& body) {
+    auto run = [&](int32_t first, int32_t m, char* block) -> OmkStatus {
+        return body(first, m, block ? reinterpret_cast<T*>(block) : buffer);
+    };
+    if (!parallel) return run(int32_t(0), count, nullptr);
+    return runOverObjects(count, run, (bytesPerThread + 63) / 64 * 64);
+}
+
 // Runs kernel(packed, first, m) serially or over the driver, `packed` a std::bool_constant that
 // says whether every element view of the call has packed columns.
 template <class... V, class Kernel>

@@ -72,41 +72,36 @@ inline double combine16(__m256d a0, __m256d a1, __m256d a2, __m256d a3) {
 // Contiguous lengths other than 3 to 6: t = t + a_k*b_k from t = 0 until b reaches a 32-byte
 // boundary, blocks of 16 products into 16 partial sums (products rounded, then added), their
 // combination added to t, then the tail one element at a time.
-inline float dotLong(const float* a, const float* b, int n) {
-    const uintptr_t mis = reinterpret_cast<uintptr_t>(b) % 32;
-    int head = mis == 0 ? 0 : mis % sizeof(float) ? n : int((32 - mis) / sizeof(float));
-    if (head > n) head = n;
-    float t = 0.0f;
-    int k = 0;
-    for (; k < head; ++k) t = t + a[k] * b[k];
-    if (n - k >= 16) {
-        __m256 lo = _mm256_setzero_ps(), hi = _mm256_setzero_ps();
-        for (; k + 16 <= n; k += 16) {
-            lo = _mm256_add_ps(lo, _mm256_mul_ps(_mm256_loadu_ps(a + k), _mm256_load_ps(b + k)));
-            hi = _mm256_add_ps(hi, _mm256_mul_ps(_mm256_loadu_ps(a + k + 8), _mm256_load_ps(b + k + 8)));
-        }
-        t = t + combine16(lo, hi);
+// Blocks of 16 elements from k on into vector accumulators, combined at the end; k is left at the
+// first element not taken.
+inline float blocks16(const float* a, const float* b, int& k, int n) {
+    __m256 lo = _mm256_setzero_ps(), hi = _mm256_setzero_ps();
+    for (; k + 16 <= n; k += 16) {
+        lo = _mm256_add_ps(lo, _mm256_mul_ps(_mm256_loadu_ps(a + k), _mm256_load_ps(b + k)));
+        hi = _mm256_add_ps(hi, _mm256_mul_ps(_mm256_loadu_ps(a + k + 8), _mm256_load_ps(b + k + 8)));
     }
-    for (; k < n; ++k) t = t + a[k] * b[k];
-    return t;
+    return combine16(lo, hi);
 }
-inline double dotLong(const double* a, const double* b, int n) {
+inline double blocks16(const double* a, const double* b, int& k, int n) {
+    __m256d s0 = _mm256_setzero_pd(), s1 = s0, s2 = s0, s3 = s0;
+    for (; k + 16 <= n; k += 16) {
+        s0 = _mm256_add_pd(s0, _mm256_mul_pd(_mm256_loadu_pd(a + k), _mm256_load_pd(b + k)));
+        s1 = _mm256_add_pd(s1, _mm256_mul_pd(_mm256_loadu_pd(a + k + 4), _mm256_load_pd(b + k + 4)));
+        s2 = _mm256_add_pd(s2, _mm256_mul_pd(_mm256_loadu_pd(a + k + 8), _mm256_load_pd(b + k + 8)));
+        s3 = _mm256_add_pd(s3, _mm256_mul_pd(_mm256_loadu_pd(a + k + 12), _mm256_load_pd(b + k + 12)));
+    }
+    return combine16(s0, s1, s2, s3);
+}
+
+template <class T>
+T dotLong(const T* a, const T* b, int n) {
     const uintptr_t mis = reinterpret_cast<uintptr_t>(b) % 32;
-    int head = mis == 0 ? 0 : mis % sizeof(double) ? n : int((32 - mis) / sizeof(double));
+    int head = mis == 0 ? 0 : mis % sizeof(T) ? n : int((32 - mis) / sizeof(T));
     if (head > n) head = n;
-    double t = 0.0;
+    T t = T(0);
     int k = 0;
     for (; k < head; ++k) t = t + a[k] * b[k];
-    if (n - k >= 16) {
-        __m256d s0 = _mm256_setzero_pd(), s1 = s0, s2 = s0, s3 = s0;
-        for (; k + 16 <= n; k += 16) {
-            s0 = _mm256_add_pd(s0, _mm256_mul_pd(_mm256_loadu_pd(a + k), _mm256_load_pd(b + k)));
-            s1 = _mm256_add_pd(s1, _mm256_mul_pd(_mm256_loadu_pd(a + k + 4), _mm256_load_pd(b + k + 4)));
-            s2 = _mm256_add_pd(s2, _mm256_mul_pd(_mm256_loadu_pd(a + k + 8), _mm256_load_pd(b + k + 8)));
-            s3 = _mm256_add_pd(s3, _mm256_mul_pd(_mm256_loadu_pd(a + k + 12), _mm256_load_pd(b + k + 12)));
-        }
-        t = t + combine16(s0, s1, s2, s3);
-    }
+    if (n - k >= 16) t = t + blocks16(a, b, k, n);
     for (; k < n; ++k) t = t + a[k] * b[k];
     return t;
 }
@@ -166,8 +161,7 @@ OmkStatus dot(const R& result, const A& a, const B& b, const Dims& dims) {
     if (const OmkStatus st = firstFailure(kDefaultOrder, dims, a, b, result)) return st;
     using T = std::remove_const_t<typename A::Elem>;
     const int n = dims.width;
-    bool contiguous = false;
-    if constexpr (Dsc != Desc::P) contiguous = a.contiguous() && b.contiguous();
+    const bool contiguous = elementsContiguous(a, b);
     const int32_t limit = Dsc == Desc::P ? kDotPointer : contiguous ? kDotContiguous : kDotStrided;
     const bool parallel = G != Group::vv && dotWork(G, dims) > limit;
     return overObjects(parallel, dims.count, [&](int32_t first, int32_t m) {

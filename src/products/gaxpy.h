@@ -139,12 +139,11 @@ template <Group G, Desc Dsc, class Y, class A, class X, class B>
 OmkStatus axPlusB(const Y& y, const A& a, const X& x, const B& b, const Sizes& s) {
     if (const OmkStatus st = firstFailure(kAgreementOrder, s, a, x, b, y)) return st;
     using T = std::remove_const_t<typename Y::Elem>;
-    bool contiguous = false;
-    if constexpr (Dsc != Desc::P) contiguous = a.contiguous() && x.contiguous() && b.contiguous() && y.contiguous();
+    const bool contiguous = elementsContiguous(a, x, b, y);
     const bool parallel = G != Group::mv && workOf(G, s) > limitOf<T>(Dsc, contiguous);
     if constexpr (Dsc != Desc::P) {
         const int n = s.width == s.height && s.width >= 3 && s.width <= 6 ? s.width : 0;
-        if (n != 0 && x.contiguous() && b.contiguous() && y.contiguous())
+        if (n != 0 && elementsContiguous(x, b, y))
             return overObjects(parallel, s.count, [&](int32_t first, int32_t m) {
                 const Y ys = y.from(first);
                 const X xs = x.from(first);

@@ -253,7 +253,7 @@ OmkStatus product(const D& d, const A& a, const B& b, const Sizes& sizes) {
                 return omkStsOk;
             }
         }
-        if (a.contiguous() && b.contiguous() && d.contiguous())
+        if (elementsContiguous(a, b, d))
             return onPath(std::integral_constant<Path, Path::Contiguous>{});
         return onPath(std::integral_constant<Path, Path::Strided>{});
     }

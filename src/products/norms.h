@@ -76,8 +76,7 @@ OmkStatus l2Norm(const R& result, const S& src, const Dims& dims) {
     using T = std::remove_const_t<typename S::Elem>;
     const int n = dims.width;
     const bool parallel = S::kArray && (Wrap32(n) * dims.count).value() > kL2Limit;
-    bool contiguous = false;
-    if constexpr (Dsc != Desc::P) contiguous = src.contiguous();
+    const bool contiguous = src.contiguous();
     if constexpr (Dsc == Desc::Std && S::kArray) {
         if (contiguous && src.packed(n, 1) && n >= 3 && n <= 6)
             return overObjects(parallel, dims.count, [&](int32_t first, int32_t m) {
@@ -102,8 +101,7 @@ OmkStatus frobNorm(const R& result, const S& src, const Dims& dims) {
     if (const OmkStatus st = firstFailure(kDefaultOrder, dims, src, result)) return st;
     using T = std::remove_const_t<typename S::Elem>;
     const int w = dims.width, h = dims.height;
-    bool contiguous = false;
-    if constexpr (Dsc != Desc::P) contiguous = src.contiguous();
+    const bool contiguous = src.contiguous();
     const bool parallel =
         S::kArray && (Wrap32(w) * h * dims.count).value() > (contiguous ? kFrobContiguousLimit : kFrobLimit);
     return eachObject(parallel, result, src, dims.count, [w, h](const auto& x) {

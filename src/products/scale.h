@@ -72,7 +72,7 @@ template <Group G, Desc Dsc, class D, class S, class C>
 OmkStatus byConstant(const D& d, const S& src, const C& val, const Dims& dims) {
     if (const OmkStatus st = firstFailure(kDefaultOrder, dims, src, val, d)) return st;
     using T = std::remove_const_t<typename D::Elem>;
-    const bool contiguous = d.contiguous() && src.contiguous();
+    const bool contiguous = elementsContiguous(d, src);
     return binaryOverObjects<Times>(goesParallel<T>(ruleOf(G), Dsc, contiguous, dims), d, src, val, dims);
 }
 

@@ -21,6 +21,8 @@ namespace omk::cholesky {
 
 using solve::Desc;
 using solve::Group;
+using solve::NoPivots;
+using solve::solveSystems;
 
 // ---- serial limits: an array call stays serial while its work is below the limit ----
 //                                                    work              parallel from
@@ -195,7 +197,7 @@ struct FixedFactor {
     T f[N][N];
 
     template <class LO>
-    void load(const LO& l) {
+    void load(const LO& l, NoPivots::Tag) {
 #pragma GCC unroll 6
         for (int i = 0; i < N; ++i)
 #pragma GCC unroll 6
@@ -253,42 +255,20 @@ OmkStatus decompObjects(const D& d, const A& a, int n, int32_t count) {
     return omkStsOk;
 }
 
-template <int N, bool Packed, class T, class X, class A, class B>
-void solveFixedObjects(const X& x, const A& a, const B& b, int32_t count) {
-    FixedFactor<N, T> f;
-    if (!A::kArray) f.load(objectOf<Packed>(a, 0));
-    for (int32_t k = 0; k < count; ++k) {
-        if (A::kArray) f.load(objectOf<Packed>(a, k));
-        f.solve(objectOf<Packed>(x, k), objectOf<Packed>(b, k));
-    }
-}
-
 template <bool Packed, class T, class X, class A, class B>
 OmkStatus solveObjects(const X& x, const A& a, const B& b, int n, int32_t count) {
-    switch (n) {
-    case 3: solveFixedObjects<3, Packed, T>(x, a, b, count); break;
-    case 4: solveFixedObjects<4, Packed, T>(x, a, b, count); break;
-    case 5: solveFixedObjects<5, Packed, T>(x, a, b, count); break;
-    case 6: solveFixedObjects<6, Packed, T>(x, a, b, count); break;
-    default:
-        for (int32_t k = 0; k < count; ++k)
-            solveGeneral<T>(objectOf<Packed>(x, k), objectOf<Packed>(a, k), objectOf<Packed>(b, k), n);
-    }
+    solveSystems<FixedFactor, Packed, T>(x, a, NoPivots{}, b, n, count,
+                                         [n](const auto& xk, const auto& l, NoPivots::Tag, const auto& bk) {
+                                             solveGeneral<T>(xk, l, bk, n);
+                                         });
     return omkStsOk;
 }
 
 // ---- exported forms ----
 
-// Every element stride of the call is the element size (pointer descriptions never are).
-template <class... V>
-bool elementsPacked(const V&... v) {
-    if constexpr (((V::kLayout == Layout::Strided) && ...)) return (v.contiguous() && ...);
-    else return false;
-}
-
 template <class... V>
 bool goesParallel(Group g, const Dims& dims, const V&... views) {
-    return g != Group::m && g != Group::mv && solve::workOf(g, dims) >= limitOf(g, elementsPacked(views...));
+    return g != Group::m && g != Group::mv && solve::workOf(g, dims) >= limitOf(g, elementsContiguous(views...));
 }
 
 // CholeskyDecomp: checks (null, count, size, stride, ROI shift), then each matrix; the first

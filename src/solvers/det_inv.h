@@ -462,8 +462,7 @@ OmkStatus determinant(const R& result, const A& a, const B& buffer, const Dims& 
     const int n = dims.width;
     const bool parallel = G == Group::ma && (Wrap32(n) * dims.count).value() >= kDetLimit;
     const size_t scratch = size_t(n) * n * sizeof(T) + size_t(n) * sizeof(int32_t);
-    auto run = [&](int32_t first, int32_t m, char* block) {
-        T* w = block ? reinterpret_cast<T*>(block) : buffer.obj(0);
+    return overObjectsWithScratch(parallel, dims.count, buffer.obj(0), scratch, [&](int32_t first, int32_t m, T* w) {
         return overObjectsPacked(false, m, [&](auto packed, int32_t, int32_t cnt) {
             constexpr bool P = decltype(packed)::value;
             const A as = a.from(first);
@@ -471,9 +470,7 @@ OmkStatus determinant(const R& result, const A& a, const B& buffer, const Dims& 
             for (int32_t k = 0; k < cnt; ++k) out[k] = detObject<T>(objectOf<P>(as, k), w, n);
             return omkStsOk;
         }, a);
-    };
-    if (!parallel) return run(0, dims.count, nullptr);
-    return runOverObjects(dims.count, run, (scratch + 63) / 64 * 64);
+    });
 }
 
 template <Group G, Desc Dsc, class D, class A, class B>
@@ -481,13 +478,11 @@ OmkStatus inverse(const D& d, const A& a, const B& buffer, const Dims& dims) {
     if (const OmkStatus st = firstFailure(kDefaultOrder, dims, a, buffer, d)) return st;
     using T = std::remove_const_t<typename D::Elem>;
     const int n = dims.width;
-    bool packed = false;
-    if constexpr (Dsc != Desc::P) packed = a.contiguous() && d.contiguous();
+    const bool packed = elementsContiguous(a, d);
     const bool parallel =
         G == Group::ma && (Wrap32(2) * n * dims.count).value() > (packed ? kInvertPackedLimit : kInvertLimit);
     const size_t scratch = size_t(n) * n * sizeof(T) + size_t(n) * sizeof(int32_t);
-    auto run = [&](int32_t first, int32_t m, char* block) -> OmkStatus {
-        T* w = block ? reinterpret_cast<T*>(block) : buffer.obj(0);
+    return overObjectsWithScratch(parallel, dims.count, buffer.obj(0), scratch, [&](int32_t first, int32_t m, T* w) {
         return overObjectsPacked(false, m, [&](auto packed, int32_t, int32_t cnt) -> OmkStatus {
             constexpr bool P = decltype(packed)::value;
             const D ds = d.from(first);
@@ -496,9 +491,7 @@ OmkStatus inverse(const D& d, const A& a, const B& buffer, const Dims& dims) {
                 if (const OmkStatus st = invertObject<T>(objectOf<P>(ds, k), objectOf<P>(as, k), w, n)) return st;
             return omkStsOk;
         }, d, a);
-    };
-    if (!parallel) return run(0, dims.count, nullptr);
-    return runOverObjects(dims.count, run, (scratch + 63) / 64 * 64);
+    });
 }
 
 // ---- the fixed 4x4 float forms ----

@@ -21,6 +21,7 @@ using solve::Desc;
 using solve::Group;
 using solve::pivots;
 using solve::pivotsArr;
+using solve::solveSystems;
 
 // ---- serial limits: an array call stays serial while its work is below the limit ----
 //                                                 work              parallel from
@@ -213,27 +214,12 @@ OmkStatus decompObjects(const D& d, const A& a, const I& p, int n, int32_t count
     return omkStsOk;
 }
 
-template <int N, bool Packed, class T, class X, class A, class I, class B>
-void solveFixedObjects(const X& x, const A& a, const I& p, const B& b, int32_t count) {
-    FixedFactor<N, T> f;
-    if (!A::kArray) f.load(objectOf<Packed>(a, 0), p.obj(0));
-    for (int32_t k = 0; k < count; ++k) {
-        if (A::kArray) f.load(objectOf<Packed>(a, k), p.obj(k));
-        f.solve(objectOf<Packed>(x, k), objectOf<Packed>(b, k));
-    }
-}
-
 template <bool Packed, class T, class X, class A, class I, class B>
 OmkStatus solveObjects(const X& x, const A& a, const I& p, const B& b, int n, int32_t count) {
-    switch (n) {
-    case 3: solveFixedObjects<3, Packed, T>(x, a, p, b, count); break;
-    case 4: solveFixedObjects<4, Packed, T>(x, a, p, b, count); break;
-    case 5: solveFixedObjects<5, Packed, T>(x, a, p, b, count); break;
-    case 6: solveFixedObjects<6, Packed, T>(x, a, p, b, count); break;
-    default:
-        for (int32_t k = 0; k < count; ++k)
-            solveGeneral<T>(objectOf<Packed>(x, k), objectOf<Packed>(a, k), p.obj(k), objectOf<Packed>(b, k), n);
-    }
+    solveSystems<FixedFactor, Packed, T>(x, a, p, b, n, count,
+                                         [n](const auto& xk, const auto& lu, const int* pk, const auto& bk) {
+                                             solveGeneral<T>(xk, lu, pk, bk, n);
+                                         });
     return omkStsOk;
 }
 

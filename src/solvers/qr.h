@@ -154,8 +154,9 @@ OmkStatus qrDecomp(const D& d, const A& a, const B& buffer, const Dims& dims) {
     const Sizes s{dims};
     if (const OmkStatus st = firstFailure(kOrder, s, a, buffer, d)) return st;
     using T = std::remove_const_t<typename D::Elem>;
-    auto run = [&](int32_t first, int32_t m, char* block) -> OmkStatus {
-        T* v = block ? reinterpret_cast<T*>(block) : buffer.obj(0);
+    const bool parallel = G == Group::ma && qrWork(G, s) >= kLimit;
+    const size_t scratch = size_t(s.height) * sizeof(T);
+    return overObjectsWithScratch(parallel, s.count, buffer.obj(0), scratch, [&](int32_t first, int32_t m, T* v) {
         return overObjectsPacked(false, m, [&](auto packed, int32_t, int32_t cnt) -> OmkStatus {
             constexpr bool P = decltype(packed)::value;
             const D ds = d.from(first);
@@ -165,9 +166,7 @@ OmkStatus qrDecomp(const D& d, const A& a, const B& buffer, const Dims& dims) {
                     return st;
             return omkStsOk;
         }, d, a);
-    };
-    if (!(G == Group::ma && qrWork(G, s) >= kLimit)) return run(0, s.count, nullptr);
-    return runOverObjects(s.count, run, (size_t(s.height) * sizeof(T) + 63) / 64 * 64);
+    });
 }
 
 template <Group G, Desc Dsc, class X, class A, class B, class V>
@@ -175,8 +174,9 @@ OmkStatus qrBackSubst(const X& x, const A& a, const B& buffer, const V& b, const
     const Sizes s{dims};
     if (const OmkStatus st = firstFailure(kOrder, s, a, buffer, b, x)) return st;
     using T = std::remove_const_t<typename X::Elem>;
-    auto run = [&](int32_t first, int32_t m, char* block) -> OmkStatus {
-        T* y = block ? reinterpret_cast<T*>(block) : buffer.obj(0);
+    const bool parallel = G != Group::mv && qrWork(G, s) >= kLimit;
+    const size_t scratch = size_t(s.height) * sizeof(T);
+    return overObjectsWithScratch(parallel, s.count, buffer.obj(0), scratch, [&](int32_t first, int32_t m, T* y) {
         return overObjectsPacked(false, m, [&](auto packed, int32_t, int32_t cnt) -> OmkStatus {
             constexpr bool P = decltype(packed)::value;
             const X xs = x.from(first);
@@ -186,9 +186,7 @@ OmkStatus qrBackSubst(const X& x, const A& a, const B& buffer, const V& b, const
                 solveAny<T>(objectOf<P>(xs, k), objectOf<P>(as, k), objectOf<P>(bs, k), y, s.width, s.height);
             return omkStsOk;
         }, x, a, b);
-    };
-    if (!(G != Group::mv && qrWork(G, s) >= kLimit)) return run(0, s.count, nullptr);
-    return runOverObjects(s.count, run, (size_t(s.height) * sizeof(T) + 63) / 64 * 64);
+    });
 }
 
 }  // namespace omk::qr

@@ -23,6 +23,38 @@ enum class Desc { Std, L, P };
 template <class I> RunView<I, false> pivots(I* p, int32_t n) { return elems(p, n); }
 template <class I> RunView<I, true> pivotsArr(I* p, int32_t n) { return elemsArr(p, n); }
 
+// Factorisations without an index array (Cholesky) pass NoPivots: its object is a tag the kernels
+// take and ignore, so one loop serves both.
+struct NoPivots {
+    struct Tag {};
+    Tag obj(int32_t) const { return {}; }
+    NoPivots from(int32_t) const { return *this; }
+};
+
+// The back substitutions of count systems: orders 3 to 6 by Factor<N, T> (load the factored matrix
+// and its indices, then solve), where one matrix for every vector (mva) is loaded once; other
+// orders by general(x, factor, indices, b) per system.
+template <template <int, class> class Factor, bool Packed, class T, class X, class A, class I, class B, class General>
+void solveSystems(const X& x, const A& a, const I& p, const B& b, int n, int32_t count, const General& general) {
+    auto fixed = [&](auto order) {
+        Factor<decltype(order)::value, T> f;
+        if (!A::kArray) f.load(objectOf<Packed>(a, 0), p.obj(0));
+        for (int32_t k = 0; k < count; ++k) {
+            if (A::kArray) f.load(objectOf<Packed>(a, k), p.obj(k));
+            f.solve(objectOf<Packed>(x, k), objectOf<Packed>(b, k));
+        }
+    };
+    switch (n) {
+    case 3: fixed(std::integral_constant<int, 3>{}); break;
+    case 4: fixed(std::integral_constant<int, 4>{}); break;
+    case 5: fixed(std::integral_constant<int, 5>{}); break;
+    case 6: fixed(std::integral_constant<int, 6>{}); break;
+    default:
+        for (int32_t k = 0; k < count; ++k)
+            general(objectOf<Packed>(x, k), objectOf<Packed>(a, k), p.obj(k), objectOf<Packed>(b, k));
+    }
+}
+
 // ---- work figures (signed 32-bit, wrapping) ----
 // Decompositions: n*n*count; back substitutions with a matrix per vector: (n + 2)*n*count; with
 // one matrix for every vector: (n + 2*count)*n. Single objects never go parallel.
