@@ -2333,6 +2333,224 @@ OMKM_API OmkStatus omkmEigenValuesVectorsSym_ma_64f_P(const Omk64f** ppSrc, int 
                                                       int dstStride0, Omk64f* pDstValues, int widthHeight,
                                                       int count);
 
+/* ---- Vector helpers for 3D graphics ---- */
+
+/*
+ * Single 2-, 3- and 4-component float vectors, no checks, always omkStsOk; pDst may be a source.
+ * fma(a, b, c) is a*b + c rounded once. Sums of squares: _v2 fma(x,x,y*y); _v3 fma(z,z,fma(x,x,y*y));
+ * _v4 fma(y,y,z*z) + fma(x,x,w*w) in Len and LenSqr but fma(z,z,w*w) + fma(y,y,x*x) in Normalize
+ * (so the two may differ in the last bit). Normalize divides each component by the length (a zero
+ * vector gives NaN). Max/Min take a > b ? a : b / a < b ? a : b, so a NaN in either takes the
+ * second source's component. BaryCentric: fma(V3-V1, g, fma(V2-V1, f, V1)); InterpolationLinear:
+ * fma(V2-V1, s, V1). Hermite: s2 = s*s, s3 = s*s2 in float; a = fma(-s2, 3, s3) + s3,
+ * b = s3 - s2, c = ((s - s2) - s2) + s3 in double, each rounded once to float; per component
+ * fma(a, V1-V2, fma(b, T2, fma(T1, c, V1))). Catmull-Rom: T1 = (V2-V0)*0.5, T2 = (V3-V1)*0.5, then
+ * Hermite from V1 to V2.
+ */
+/* LenSqr v2: squared length to *pDst */
+OMKM_API OmkStatus omkmLenSqr_v2_32f(const Omk32f* pSrc, Omk32f* pDst);
+/* LenSqr v3: squared length to *pDst */
+OMKM_API OmkStatus omkmLenSqr_v3_32f(const Omk32f* pSrc, Omk32f* pDst);
+/* LenSqr v4: squared length to *pDst */
+OMKM_API OmkStatus omkmLenSqr_v4_32f(const Omk32f* pSrc, Omk32f* pDst);
+/* Len v2: length to *pDst */
+OMKM_API OmkStatus omkmLen_v2_32f(const Omk32f* pSrc, Omk32f* pDst);
+/* Len v3: length to *pDst */
+OMKM_API OmkStatus omkmLen_v3_32f(const Omk32f* pSrc, Omk32f* pDst);
+/* Len v4: length to *pDst */
+OMKM_API OmkStatus omkmLen_v4_32f(const Omk32f* pSrc, Omk32f* pDst);
+/* Normalize v2: pSrc divided by its length */
+OMKM_API OmkStatus omkmNormalize_v2_32f(const Omk32f* pSrc, Omk32f* pDst);
+/* Normalize v3: pSrc divided by its length */
+OMKM_API OmkStatus omkmNormalize_v3_32f(const Omk32f* pSrc, Omk32f* pDst);
+/* Normalize v4: pSrc divided by its length */
+OMKM_API OmkStatus omkmNormalize_v4_32f(const Omk32f* pSrc, Omk32f* pDst);
+/* Max v2: component-wise maximum, a > b ? a : b */
+OMKM_API OmkStatus omkmMax_v2_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f* pDst);
+/* Max v3: component-wise maximum, a > b ? a : b */
+OMKM_API OmkStatus omkmMax_v3_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f* pDst);
+/* Max v4: component-wise maximum, a > b ? a : b */
+OMKM_API OmkStatus omkmMax_v4_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f* pDst);
+/* Min v2: component-wise minimum, a < b ? a : b */
+OMKM_API OmkStatus omkmMin_v2_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f* pDst);
+/* Min v3: component-wise minimum, a < b ? a : b */
+OMKM_API OmkStatus omkmMin_v3_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f* pDst);
+/* Min v4: component-wise minimum, a < b ? a : b */
+OMKM_API OmkStatus omkmMin_v4_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f* pDst);
+/* MulC v2: val times each component */
+OMKM_API OmkStatus omkmMulC_v2_32f(const Omk32f* pSrc, Omk32f val, Omk32f* pDst);
+/* MulC v3: val times each component */
+OMKM_API OmkStatus omkmMulC_v3_32f(const Omk32f* pSrc, Omk32f val, Omk32f* pDst);
+/* MulC v4: val times each component */
+OMKM_API OmkStatus omkmMulC_v4_32f(const Omk32f* pSrc, Omk32f val, Omk32f* pDst);
+/* BaryCentric v2: V1 + f*(V2 - V1) + g*(V3 - V1) */
+OMKM_API OmkStatus omkmBaryCentric_v2_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, const Omk32f* pSrc3,
+                                          Omk32f f, Omk32f g, Omk32f* pDst);
+/* BaryCentric v3: V1 + f*(V2 - V1) + g*(V3 - V1) */
+OMKM_API OmkStatus omkmBaryCentric_v3_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, const Omk32f* pSrc3,
+                                          Omk32f f, Omk32f g, Omk32f* pDst);
+/* BaryCentric v4: V1 + f*(V2 - V1) + g*(V3 - V1) */
+OMKM_API OmkStatus omkmBaryCentric_v4_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, const Omk32f* pSrc3,
+                                          Omk32f f, Omk32f g, Omk32f* pDst);
+/* Hermite v2: cubic Hermite curve at s from point pSrc1 (tangent pSrc2) to point pSrc3 (tangent pSrc4) */
+OMKM_API OmkStatus omkmHermite_v2_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, const Omk32f* pSrc3,
+                                      const Omk32f* pSrc4, Omk32f s, Omk32f* pDst);
+/* Hermite v3: cubic Hermite curve at s from point pSrc1 (tangent pSrc2) to point pSrc3 (tangent pSrc4) */
+OMKM_API OmkStatus omkmHermite_v3_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, const Omk32f* pSrc3,
+                                      const Omk32f* pSrc4, Omk32f s, Omk32f* pDst);
+/* Hermite v4: cubic Hermite curve at s from point pSrc1 (tangent pSrc2) to point pSrc3 (tangent pSrc4) */
+OMKM_API OmkStatus omkmHermite_v4_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, const Omk32f* pSrc3,
+                                      const Omk32f* pSrc4, Omk32f s, Omk32f* pDst);
+/* InterpolationCatmullRom v2: Catmull-Rom spline through pSrc1 ... pSrc4 at s, between pSrc2 and pSrc3 */
+OMKM_API OmkStatus omkmInterpolationCatmullRom_v2_32f(const Omk32f* pSrc1, const Omk32f* pSrc2,
+                                                      const Omk32f* pSrc3, const Omk32f* pSrc4, Omk32f s,
+                                                      Omk32f* pDst);
+/* InterpolationCatmullRom v3: Catmull-Rom spline through pSrc1 ... pSrc4 at s, between pSrc2 and pSrc3 */
+OMKM_API OmkStatus omkmInterpolationCatmullRom_v3_32f(const Omk32f* pSrc1, const Omk32f* pSrc2,
+                                                      const Omk32f* pSrc3, const Omk32f* pSrc4, Omk32f s,
+                                                      Omk32f* pDst);
+/* InterpolationCatmullRom v4: Catmull-Rom spline through pSrc1 ... pSrc4 at s, between pSrc2 and pSrc3 */
+OMKM_API OmkStatus omkmInterpolationCatmullRom_v4_32f(const Omk32f* pSrc1, const Omk32f* pSrc2,
+                                                      const Omk32f* pSrc3, const Omk32f* pSrc4, Omk32f s,
+                                                      Omk32f* pDst);
+/* InterpolationLinear v2: V1 + s*(V2 - V1) */
+OMKM_API OmkStatus omkmInterpolationLinear_v2_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f s,
+                                                  Omk32f* pDst);
+/* InterpolationLinear v3: V1 + s*(V2 - V1) */
+OMKM_API OmkStatus omkmInterpolationLinear_v3_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f s,
+                                                  Omk32f* pDst);
+/* InterpolationLinear v4: V1 + s*(V2 - V1) */
+OMKM_API OmkStatus omkmInterpolationLinear_v4_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f s,
+                                                  Omk32f* pDst);
+/* RotationAxis v3m4: rotation about an axis of any non-zero length */
+OMKM_API OmkStatus omkmRotationAxis_v3m4_32f(const Omk32f* pAxis, Omk32f angle, Omk32f* pDst);
+
+/* ---- Transform builders for 3D graphics ---- */
+
+/*
+ * 4x4 float transforms, row-major (m_ij at index 4i + j), for row vectors multiplied on the left
+ * (p' = p*M): the translation is row 3. Every builder writes all 16 entries (the ones it does not
+ * set as +0.0), checks nothing and returns omkStsOk; degenerate input gives infinities or NaN.
+ * Each entry is evaluated as written: "0 - d" subtracts (a zero gives +0.0). Sines and cosines
+ * come from sincosf, one call per angle (yaw, pitch, roll in that order); the field-of-view
+ * builders use cos(fovY/2)/sin(fovY/2). Look-at uses this library's 3-vector cross product, dot
+ * product and normalisation. IsIdentity is deliberately weak: 1 when m00 == 1 and any one column
+ * equals the identity's (no tolerance, -0.0 equals 0.0). MulTranspose forms each row of
+ * pSrc1*pSrc2 as fma(a_i3, B3, fma(a_i2, B2, fma(a_i0, B0, a_i1*B1))) on rows B_k of pSrc2.
+ */
+/* Identity m4: the identity */
+OMKM_API OmkStatus omkmIdentity_m4_32f(Omk32f* pDst);
+OMKM_API OmkStatus omkmIsIdentity_m4_32f(const Omk32f* pSrc, int* pResult);
+OMKM_API OmkStatus omkmLookAtLH_m4_32f(const Omk32f* pEye, const Omk32f* pAt, const Omk32f* pUp, Omk32f* pDst);
+OMKM_API OmkStatus omkmLookAtRH_m4_32f(const Omk32f* pEye, const Omk32f* pAt, const Omk32f* pUp, Omk32f* pDst);
+OMKM_API OmkStatus omkmOrthoLH_m4_32f(Omk32f viewWidth, Omk32f viewHeight, Omk32f zNear, Omk32f zFar,
+                                      Omk32f* pDst);
+OMKM_API OmkStatus omkmOrthoRH_m4_32f(Omk32f viewWidth, Omk32f viewHeight, Omk32f zNear, Omk32f zFar,
+                                      Omk32f* pDst);
+OMKM_API OmkStatus omkmOrthoOffCenterLH_m4_32f(Omk32f left, Omk32f right, Omk32f bottom, Omk32f top,
+                                               Omk32f zNear, Omk32f zFar, Omk32f* pDst);
+OMKM_API OmkStatus omkmOrthoOffCenterRH_m4_32f(Omk32f left, Omk32f right, Omk32f bottom, Omk32f top,
+                                               Omk32f zNear, Omk32f zFar, Omk32f* pDst);
+OMKM_API OmkStatus omkmPerspectiveLH_m4_32f(Omk32f viewWidth, Omk32f viewHeight, Omk32f zNear, Omk32f zFar,
+                                            Omk32f* pDst);
+OMKM_API OmkStatus omkmPerspectiveRH_m4_32f(Omk32f viewWidth, Omk32f viewHeight, Omk32f zNear, Omk32f zFar,
+                                            Omk32f* pDst);
+OMKM_API OmkStatus omkmPerspectiveFovLH_m4_32f(Omk32f fovY, Omk32f aspect, Omk32f zNear, Omk32f zFar,
+                                               Omk32f* pDst);
+OMKM_API OmkStatus omkmPerspectiveFovRH_m4_32f(Omk32f fovY, Omk32f aspect, Omk32f zNear, Omk32f zFar,
+                                               Omk32f* pDst);
+OMKM_API OmkStatus omkmPerspectiveOffCenterLH_m4_32f(Omk32f left, Omk32f right, Omk32f bottom, Omk32f top,
+                                                     Omk32f zNear, Omk32f zFar, Omk32f* pDst);
+OMKM_API OmkStatus omkmPerspectiveOffCenterRH_m4_32f(Omk32f left, Omk32f right, Omk32f bottom, Omk32f top,
+                                                     Omk32f zNear, Omk32f zFar, Omk32f* pDst);
+OMKM_API OmkStatus omkmRotationX_m4_32f(Omk32f angle, Omk32f* pDst);
+OMKM_API OmkStatus omkmRotationY_m4_32f(Omk32f angle, Omk32f* pDst);
+OMKM_API OmkStatus omkmRotationZ_m4_32f(Omk32f angle, Omk32f* pDst);
+OMKM_API OmkStatus omkmRotationYawPitchRoll_m4_32f(Omk32f yaw, Omk32f pitch, Omk32f roll, Omk32f* pDst);
+OMKM_API OmkStatus omkmScaling_m4_32f(Omk32f x, Omk32f y, Omk32f z, Omk32f* pDst);
+OMKM_API OmkStatus omkmTranslation_m4_32f(Omk32f x, Omk32f y, Omk32f z, Omk32f* pDst);
+OMKM_API OmkStatus omkmMulTranspose_m4_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f* pDst);
+
+/* ---- Point transforms ---- */
+
+/*
+ * pMatrix is a 4x4 transform as the builders write it; points are row vectors (p' = p*M). The
+ * formulas run on the four lanes of the matrix rows M0..M3: m4v2 fma(y,M1,fma(x,M0,M3)); m4v3
+ * fma(z,M2,fma(y,M1,fma(x,M0,M3))); m4v4 fma(x,M0,y*M1) + fma(z,M2,w*M3); Coord m4v2 the m4v2 lanes
+ * divided by their lane 3; Coord m4v3 fma(x,M0,fma(y,M1,fma(z,M2,M3))) divided by its lane 3;
+ * Normal m4v2 fma(x,M0,y*M1); Normal m4v3 fma(z,M2,fma(x,M0,y*M1)). Array forms ("a") take byte
+ * strides between vectors, check nothing and write nothing for count <= 0; every path gives the
+ * bits of the single form. Project: (x, y, z, 1) times pWorld, pView, pProjection in turn (each
+ * product as the m4v4 formula), divided by w, then x' = fma(x, width/2, width/2),
+ * y' = fma(y, 0 - height/2, height/2), z' = fma(z, maxDepth - minDepth, minDepth): the viewport's
+ * origin is its top-left corner. Unproject reverses it: x -> 2x/width - 1, y -> 1 - 2y/height,
+ * z -> (z - minDepth)/(maxDepth - minDepth), then (x, y, z, 1) times the inverse of
+ * pWorld*pView*pProjection (rows formed as the m4v4 formula, inverted by omkmInvert_m4_32f) and
+ * divided by w; a singular combination returns omkStsSingular with nothing written (the array form
+ * decides once, before any vector; count <= 0 returns omkStsOk at once).
+ * AffineTransform3DH_mva: checks null pointers, count, strides (positive multiples of 4), in that
+ * order; the matrix is read with src1Stride1 between rows and src1Stride2 between elements, each
+ * vector's components src2Stride2 (destination dstStride2) bytes apart; the m4v4 formula. Runs on
+ * the calling thread while 6*count <= 784.
+ */
+/* AffineTransform m4v2: 4 floats: (x, y, 0, 1)*M */
+OMKM_API OmkStatus omkmAffineTransform_m4v2_32f(const Omk32f* pMatrix, const Omk32f* pSrc, Omk32f* pDst);
+/* AffineTransform m4v2a: each vector of an array; count <= 0 writes nothing */
+OMKM_API OmkStatus omkmAffineTransform_m4v2a_32f(const Omk32f* pMatrix, const Omk32f* pSrc, int srcStride0,
+                                                 Omk32f* pDst, int dstStride0, int count);
+/* AffineTransform m4v3: 4 floats: (x, y, z, 1)*M */
+OMKM_API OmkStatus omkmAffineTransform_m4v3_32f(const Omk32f* pMatrix, const Omk32f* pSrc, Omk32f* pDst);
+/* AffineTransform m4v3a: each vector of an array; count <= 0 writes nothing */
+OMKM_API OmkStatus omkmAffineTransform_m4v3a_32f(const Omk32f* pMatrix, const Omk32f* pSrc, int srcStride0,
+                                                 Omk32f* pDst, int dstStride0, int count);
+/* AffineTransform m4v4: 4 floats: (x, y, z, w)*M */
+OMKM_API OmkStatus omkmAffineTransform_m4v4_32f(const Omk32f* pMatrix, const Omk32f* pSrc, Omk32f* pDst);
+/* AffineTransform m4v4a: each vector of an array; count <= 0 writes nothing */
+OMKM_API OmkStatus omkmAffineTransform_m4v4a_32f(const Omk32f* pMatrix, const Omk32f* pSrc, int srcStride0,
+                                                 Omk32f* pDst, int dstStride0, int count);
+/* AffineTransformCoord m4v2: 2 floats: (x, y, 0, 1)*M divided by its w */
+OMKM_API OmkStatus omkmAffineTransformCoord_m4v2_32f(const Omk32f* pMatrix, const Omk32f* pSrc, Omk32f* pDst);
+/* AffineTransformCoord m4v2a: each vector of an array; count <= 0 writes nothing */
+OMKM_API OmkStatus omkmAffineTransformCoord_m4v2a_32f(const Omk32f* pMatrix, const Omk32f* pSrc,
+                                                      int srcStride0, Omk32f* pDst, int dstStride0, int count);
+/* AffineTransformCoord m4v3: 3 floats: (x, y, z, 1)*M divided by its w */
+OMKM_API OmkStatus omkmAffineTransformCoord_m4v3_32f(const Omk32f* pMatrix, const Omk32f* pSrc, Omk32f* pDst);
+/* AffineTransformCoord m4v3a: each vector of an array; count <= 0 writes nothing */
+OMKM_API OmkStatus omkmAffineTransformCoord_m4v3a_32f(const Omk32f* pMatrix, const Omk32f* pSrc,
+                                                      int srcStride0, Omk32f* pDst, int dstStride0, int count);
+/* AffineTransformNormal m4v2: 2 floats: (x, y, 0, 0)*M */
+OMKM_API OmkStatus omkmAffineTransformNormal_m4v2_32f(const Omk32f* pMatrix, const Omk32f* pSrc, Omk32f* pDst);
+/* AffineTransformNormal m4v2a: each vector of an array; count <= 0 writes nothing */
+OMKM_API OmkStatus omkmAffineTransformNormal_m4v2a_32f(const Omk32f* pMatrix, const Omk32f* pSrc,
+                                                       int srcStride0, Omk32f* pDst, int dstStride0, int count);
+/* AffineTransformNormal m4v3: 3 floats: (x, y, z, 0)*M */
+OMKM_API OmkStatus omkmAffineTransformNormal_m4v3_32f(const Omk32f* pMatrix, const Omk32f* pSrc, Omk32f* pDst);
+/* AffineTransformNormal m4v3a: each vector of an array; count <= 0 writes nothing */
+OMKM_API OmkStatus omkmAffineTransformNormal_m4v3a_32f(const Omk32f* pMatrix, const Omk32f* pSrc,
+                                                       int srcStride0, Omk32f* pDst, int dstStride0, int count);
+/* Project m4v3: 3 floats: the point through World, View, Projection to the viewport */
+OMKM_API OmkStatus omkmProject_m4v3_32f(const Omk32f* pProjection, const Omk32f* pView, const Omk32f* pWorld,
+                                        const Omk32f* pSrc, Omk32f width, Omk32f height, Omk32f minDepth,
+                                        Omk32f maxDepth, Omk32f* pDst);
+/* Project m4v3a: each vector of an array; count <= 0 writes nothing */
+OMKM_API OmkStatus omkmProject_m4v3a_32f(const Omk32f* pProjection, const Omk32f* pView, const Omk32f* pWorld,
+                                         const Omk32f* pSrc, int srcStride0, Omk32f width, Omk32f height,
+                                         Omk32f minDepth, Omk32f maxDepth, Omk32f* pDst, int dstStride0,
+                                         int count);
+/* Unproject m4v3: 3 floats: a viewport point back to world space */
+OMKM_API OmkStatus omkmUnproject_m4v3_32f(const Omk32f* pProjection, const Omk32f* pView,
+                                          const Omk32f* pWorld, const Omk32f* pSrc, Omk32f width,
+                                          Omk32f height, Omk32f minDepth, Omk32f maxDepth, Omk32f* pDst);
+/* Unproject m4v3a: each vector of an array; count <= 0 writes nothing */
+OMKM_API OmkStatus omkmUnproject_m4v3a_32f(const Omk32f* pProjection, const Omk32f* pView,
+                                           const Omk32f* pWorld, const Omk32f* pSrc, int srcStride0,
+                                           Omk32f width, Omk32f height, Omk32f minDepth, Omk32f maxDepth,
+                                           Omk32f* pDst, int dstStride0, int count);
+/* AffineTransform3DH mva: each 4-vector (x, y, z, w) of an array times one 4x4 matrix, standard description */
+OMKM_API OmkStatus omkmAffineTransform3DH_mva_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2,
+                                                  const Omk32f* pSrc2, int src2Stride0, int src2Stride2,
+                                                  Omk32f* pDst, int dstStride0, int dstStride2, int count);
+
 #ifdef __cplusplus
 }
 #endif

@@ -16,6 +16,8 @@ exist. From it this script writes:
   src/solvers/det_inv_entries.cpp      the determinants and inverses
   src/solvers/qr_entries.cpp           the QR decompositions and back substitutions
   src/eigen/eigen_sym_entries.cpp      the symmetric eigenproblems
+  src/graphics/graphics_entries.cpp    the vector helpers and transform builders
+  src/graphics/point_transform_entries.cpp  the point transforms
   src/exports.map                      the linker's list of exported names
 
 Everything a member does beyond its operands (check order, work figure, serial limit) is in the
@@ -596,6 +598,176 @@ def eigen_sym_members():
     return out
 
 
+# ---- registry: 3D graphics helpers ----
+# Vector helpers: (family, parameters after the sources are named, kernel, comment). Sources are
+# const float pointers pSrc1 ... in the order the comment gives.
+F = "Omk32f"
+VECTOR_HELPERS = [
+    ("LenSqr", ["pSrc"], [], "lenSqr", "squared length to *pDst"),
+    ("Len", ["pSrc"], [], "len", "length to *pDst"),
+    ("Normalize", ["pSrc"], [], "normalize", "pSrc divided by its length"),
+    ("Max", ["pSrc1", "pSrc2"], [], "max", "component-wise maximum, a > b ? a : b"),
+    ("Min", ["pSrc1", "pSrc2"], [], "min", "component-wise minimum, a < b ? a : b"),
+    ("MulC", ["pSrc"], ["val"], "mulC", "val times each component"),
+    ("BaryCentric", ["pSrc1", "pSrc2", "pSrc3"], ["f", "g"], "baryCentric", "V1 + f*(V2 - V1) + g*(V3 - V1)"),
+    ("Hermite", ["pSrc1", "pSrc2", "pSrc3", "pSrc4"], ["s"], "hermite",
+     "cubic Hermite curve at s from point pSrc1 (tangent pSrc2) to point pSrc3 (tangent pSrc4)"),
+    ("InterpolationCatmullRom", ["pSrc1", "pSrc2", "pSrc3", "pSrc4"], ["s"], "catmullRom",
+     "Catmull-Rom spline through pSrc1 ... pSrc4 at s, between pSrc2 and pSrc3"),
+    ("InterpolationLinear", ["pSrc1", "pSrc2"], ["s"], "linear", "V1 + s*(V2 - V1)"),
+]
+# Transform builders: (name, parameters, body, comment); every one writes 16 floats to pDst.
+_V3 = "const Omk32f*"
+TRANSFORM_BUILDERS = [
+    ("Identity", [], "identity(pDst)", "the identity"),
+    ("IsIdentity", [], None, "*pResult = 1 when m00 == 1 and at least one column is the identity's, else 0"),
+    ("LookAtLH", [(_V3, "pEye"), (_V3, "pAt"), (_V3, "pUp")], "lookAt<false>(pEye, pAt, pUp, pDst)",
+     "view matrix, z towards pAt"),
+    ("LookAtRH", [(_V3, "pEye"), (_V3, "pAt"), (_V3, "pUp")], "lookAt<true>(pEye, pAt, pUp, pDst)",
+     "view matrix, z away from pAt"),
+    ("OrthoLH", [(F, "viewWidth"), (F, "viewHeight"), (F, "zNear"), (F, "zFar")],
+     "ortho<false>(viewWidth, viewHeight, zNear, zFar, pDst)", "orthographic projection"),
+    ("OrthoRH", [(F, "viewWidth"), (F, "viewHeight"), (F, "zNear"), (F, "zFar")],
+     "ortho<true>(viewWidth, viewHeight, zNear, zFar, pDst)", "orthographic projection"),
+    ("OrthoOffCenterLH", [(F, "left"), (F, "right"), (F, "bottom"), (F, "top"), (F, "zNear"), (F, "zFar")],
+     "orthoOffCenter<false>(left, right, bottom, top, zNear, zFar, pDst)", "orthographic projection of a box"),
+    ("OrthoOffCenterRH", [(F, "left"), (F, "right"), (F, "bottom"), (F, "top"), (F, "zNear"), (F, "zFar")],
+     "orthoOffCenter<true>(left, right, bottom, top, zNear, zFar, pDst)", "orthographic projection of a box"),
+    ("PerspectiveLH", [(F, "viewWidth"), (F, "viewHeight"), (F, "zNear"), (F, "zFar")],
+     "perspective<false>(viewWidth, viewHeight, zNear, zFar, pDst)", "perspective projection"),
+    ("PerspectiveRH", [(F, "viewWidth"), (F, "viewHeight"), (F, "zNear"), (F, "zFar")],
+     "perspective<true>(viewWidth, viewHeight, zNear, zFar, pDst)", "perspective projection"),
+    ("PerspectiveFovLH", [(F, "fovY"), (F, "aspect"), (F, "zNear"), (F, "zFar")],
+     "perspectiveFov<false>(fovY, aspect, zNear, zFar, pDst)", "perspective projection from a field of view"),
+    ("PerspectiveFovRH", [(F, "fovY"), (F, "aspect"), (F, "zNear"), (F, "zFar")],
+     "perspectiveFov<true>(fovY, aspect, zNear, zFar, pDst)", "perspective projection from a field of view"),
+    ("PerspectiveOffCenterLH", [(F, "left"), (F, "right"), (F, "bottom"), (F, "top"), (F, "zNear"), (F, "zFar")],
+     "perspectiveOffCenter<false>(left, right, bottom, top, zNear, zFar, pDst)", "perspective projection of a box"),
+    ("PerspectiveOffCenterRH", [(F, "left"), (F, "right"), (F, "bottom"), (F, "top"), (F, "zNear"), (F, "zFar")],
+     "perspectiveOffCenter<true>(left, right, bottom, top, zNear, zFar, pDst)", "perspective projection of a box"),
+    ("RotationX", [(F, "angle")], "rotation<0>(angle, pDst)", "rotation about x (radians)"),
+    ("RotationY", [(F, "angle")], "rotation<1>(angle, pDst)", "rotation about y (radians)"),
+    ("RotationZ", [(F, "angle")], "rotation<2>(angle, pDst)", "rotation about z (radians)"),
+    ("RotationAxis", [(_V3, "pAxis"), (F, "angle")], "rotationAxis(pAxis, angle, pDst)",
+     "rotation about an axis of any non-zero length"),
+    ("RotationYawPitchRoll", [(F, "yaw"), (F, "pitch"), (F, "roll")],
+     "rotationYawPitchRoll(yaw, pitch, roll, pDst)", "roll about z, then pitch about x, then yaw about y"),
+    ("Scaling", [(F, "x"), (F, "y"), (F, "z")], "scaling(x, y, z, pDst)", "scaling along the axes"),
+    ("Translation", [(F, "x"), (F, "y"), (F, "z")], "translation(x, y, z, pDst)", "translation in row 3"),
+    ("MulTranspose", [(_V3, "pSrc1"), (_V3, "pSrc2")], "mulTranspose(pSrc1, pSrc2, pDst)",
+     "(pSrc1*pSrc2) transposed; pDst may be either source"),
+]
+# Point transforms: (name stem, form, comment).
+POINT_FORMS = [
+    ("AffineTransform", "v2", "Affine2", "4 floats: (x, y, 0, 1)*M"),
+    ("AffineTransform", "v3", "Affine3", "4 floats: (x, y, z, 1)*M"),
+    ("AffineTransform", "v4", "Affine4", "4 floats: (x, y, z, w)*M"),
+    ("AffineTransformCoord", "v2", "Coord2", "2 floats: (x, y, 0, 1)*M divided by its w"),
+    ("AffineTransformCoord", "v3", "Coord3", "3 floats: (x, y, z, 1)*M divided by its w"),
+    ("AffineTransformNormal", "v2", "Normal2", "2 floats: (x, y, 0, 0)*M"),
+    ("AffineTransformNormal", "v3", "Normal3", "3 floats: (x, y, z, 0)*M"),
+]
+
+
+def graphics_members():
+    """The vector helpers and transform builders, as (name, op, group, comment, params, body)."""
+    out = []
+    for family, srcs, scalars, fn, comment in VECTOR_HELPERS:
+        for n in (2, 3, 4):
+            params = [(_V3, s) for s in srcs] + [(F, v) for v in scalars] + [(f"{F}*", "pDst")]
+            args = ", ".join(srcs + scalars + ["pDst"])
+            out.append((f"omkm{family}_v{n}_32f", family, f"v{n}", comment, params, f"return {fn}<{n}>({args});"))
+    for family, params, body, comment in TRANSFORM_BUILDERS:
+        group = "v3m4" if family == "RotationAxis" else "m4"
+        if body is None:
+            params, body = [(_V3, "pSrc"), ("int*", "pResult")], "isIdentity(pSrc, pResult)"
+        else:
+            params = params + [(f"{F}*", "pDst")]
+        out.append((f"omkm{family}_{group}_32f", family, group, comment, params, f"return {body};"))
+    return out
+
+
+def point_members():
+    """The point transforms, as (name, op, group, comment, params, body)."""
+    out = []
+    m = [(_V3, "pMatrix")]
+    for family, v, form, comment in POINT_FORMS:
+        out.append((f"omkm{family}_m4{v}_32f", family, f"m4{v}", comment,
+                    m + [(_V3, "pSrc"), (f"{F}*", "pDst")], f"return single<Form::{form}>(pMatrix, pSrc, pDst);"))
+        out.append((f"omkm{family}_m4{v}a_32f", family, f"m4{v}a", "each vector of an array; count <= 0 writes nothing",
+                    m + [(_V3, "pSrc"), ("int", "srcStride0"), (f"{F}*", "pDst"), ("int", "dstStride0"),
+                         ("int", "count")],
+                    f"return array<Form::{form}>(pMatrix, pSrc, srcStride0, pDst, dstStride0, count);"))
+    three = [(_V3, "pProjection"), (_V3, "pView"), (_V3, "pWorld")]
+    port = [(F, "width"), (F, "height"), (F, "minDepth"), (F, "maxDepth")]
+    vp = "Viewport{width, height, minDepth, maxDepth}"
+    for family, fn, comment in (("Project", "project", "3 floats: the point through World, View, Projection to the viewport"),
+                                ("Unproject", "unproject", "3 floats: a viewport point back to world space")):
+        out.append((f"omkm{family}_m4v3_32f", family, "m4v3", comment,
+                    three + [(_V3, "pSrc")] + port + [(f"{F}*", "pDst")],
+                    f"return {fn}(pProjection, pView, pWorld, pSrc, {vp}, pDst);"))
+        out.append((f"omkm{family}_m4v3a_32f", family, "m4v3a", "each vector of an array; count <= 0 writes nothing",
+                    three + [(_V3, "pSrc"), ("int", "srcStride0")] + port
+                    + [(f"{F}*", "pDst"), ("int", "dstStride0"), ("int", "count")],
+                    f"return {fn}Array(pProjection, pView, pWorld, pSrc, srcStride0, {vp}, pDst, dstStride0, count);"))
+    out.append(("omkmAffineTransform3DH_mva_32f", "AffineTransform3DH", "mva",
+                "each 4-vector (x, y, z, w) of an array times one 4x4 matrix, standard description",
+                [(_V3, "pSrc1"), ("int", "src1Stride1"), ("int", "src1Stride2"), (_V3, "pSrc2"), ("int", "src2Stride0"),
+                 ("int", "src2Stride2"), (f"{F}*", "pDst"), ("int", "dstStride0"), ("int", "dstStride2"),
+                 ("int", "count")],
+                "return homogeneous(\n        mat(pSrc1, src1Stride1, src1Stride2),\n"
+                "        colVecArr(pSrc2, src2Stride0, src2Stride2),\n        colVecArr(pDst, dstStride0, dstStride2),\n"
+                "        count);"))
+    return out
+
+
+VECTOR_HELPER_NOTE = """\
+ * Single 2-, 3- and 4-component float vectors, no checks, always omkStsOk; pDst may be a source.
+ * fma(a, b, c) is a*b + c rounded once. Sums of squares: _v2 fma(x,x,y*y); _v3 fma(z,z,fma(x,x,y*y));
+ * _v4 fma(y,y,z*z) + fma(x,x,w*w) in Len and LenSqr but fma(z,z,w*w) + fma(y,y,x*x) in Normalize
+ * (so the two may differ in the last bit). Normalize divides each component by the length (a zero
+ * vector gives NaN). Max/Min take a > b ? a : b / a < b ? a : b, so a NaN in either takes the
+ * second source's component. BaryCentric: fma(V3-V1, g, fma(V2-V1, f, V1)); InterpolationLinear:
+ * fma(V2-V1, s, V1). Hermite: s2 = s*s, s3 = s*s2 in float; a = fma(-s2, 3, s3) + s3,
+ * b = s3 - s2, c = ((s - s2) - s2) + s3 in double, each rounded once to float; per component
+ * fma(a, V1-V2, fma(b, T2, fma(T1, c, V1))). Catmull-Rom: T1 = (V2-V0)*0.5, T2 = (V3-V1)*0.5, then
+ * Hermite from V1 to V2.
+"""
+
+TRANSFORM_BUILDER_NOTE = """\
+ * 4x4 float transforms, row-major (m_ij at index 4i + j), for row vectors multiplied on the left
+ * (p' = p*M): the translation is row 3. Every builder writes all 16 entries (the ones it does not
+ * set as +0.0), checks nothing and returns omkStsOk; degenerate input gives infinities or NaN.
+ * Each entry is evaluated as written: "0 - d" subtracts (a zero gives +0.0). Sines and cosines
+ * come from sincosf, one call per angle (yaw, pitch, roll in that order); the field-of-view
+ * builders use cos(fovY/2)/sin(fovY/2). Look-at uses this library's 3-vector cross product, dot
+ * product and normalisation. IsIdentity is deliberately weak: 1 when m00 == 1 and any one column
+ * equals the identity's (no tolerance, -0.0 equals 0.0). MulTranspose forms each row of
+ * pSrc1*pSrc2 as fma(a_i3, B3, fma(a_i2, B2, fma(a_i0, B0, a_i1*B1))) on rows B_k of pSrc2.
+"""
+
+POINT_TRANSFORM_NOTE = """\
+ * pMatrix is a 4x4 transform as the builders write it; points are row vectors (p' = p*M). The
+ * formulas run on the four lanes of the matrix rows M0..M3: m4v2 fma(y,M1,fma(x,M0,M3)); m4v3
+ * fma(z,M2,fma(y,M1,fma(x,M0,M3))); m4v4 fma(x,M0,y*M1) + fma(z,M2,w*M3); Coord m4v2 the m4v2 lanes
+ * divided by their lane 3; Coord m4v3 fma(x,M0,fma(y,M1,fma(z,M2,M3))) divided by its lane 3;
+ * Normal m4v2 fma(x,M0,y*M1); Normal m4v3 fma(z,M2,fma(x,M0,y*M1)). Array forms ("a") take byte
+ * strides between vectors, check nothing and write nothing for count <= 0; every path gives the
+ * bits of the single form. Project: (x, y, z, 1) times pWorld, pView, pProjection in turn (each
+ * product as the m4v4 formula), divided by w, then x' = fma(x, width/2, width/2),
+ * y' = fma(y, 0 - height/2, height/2), z' = fma(z, maxDepth - minDepth, minDepth): the viewport's
+ * origin is its top-left corner. Unproject reverses it: x -> 2x/width - 1, y -> 1 - 2y/height,
+ * z -> (z - minDepth)/(maxDepth - minDepth), then (x, y, z, 1) times the inverse of
+ * pWorld*pView*pProjection (rows formed as the m4v4 formula, inverted by omkmInvert_m4_32f) and
+ * divided by w; a singular combination returns omkStsSingular with nothing written (the array form
+ * decides once, before any vector; count <= 0 returns omkStsOk at once).
+ * AffineTransform3DH_mva: checks null pointers, count, strides (positive multiples of 4), in that
+ * order; the matrix is read with src1Stride1 between rows and src1Stride2 between elements, each
+ * vector's components src2Stride2 (destination dstStride2) bytes apart; the m4v4 formula. Runs on
+ * the calling thread while 6*count <= 784.
+"""
+
+
 DOT_CROSS_NOTE = """\
  * Dot products write `count` consecutive scalars to pDst. Rounding orders (p_k = a_k*b_k rounded,
  * fma(x, y, z) rounded once): _v2 fma(a0,b0,a1*b1); _v3 fma(a2,b2,fma(a0,b0,a1*b1)); _v4
@@ -768,8 +940,9 @@ def outputs():
     eigen_sym = eigen_sym_members()
     det_inv_qr = det_inv_qr_members()
     dot_cross, norms, gaxpy = dot_cross_members(), norm_members(), gaxpy_members()
+    graphics, points = graphics_members(), point_members()
     names = ["omkmGetLibVersion"] + [m[0] for m in add_sub + mul + scale + dot_cross + norms + gaxpy + solvers
-                                     + det_inv_qr + eigen_sym]
+                                     + det_inv_qr + eigen_sym + graphics + points]
     unknown = sorted(set(names) - set(api_names()))
     if unknown or len(set(names)) != len(names):
         raise SystemExit(f"registry names not in tools/exports.txt or repeated: {unknown}")
@@ -790,7 +963,12 @@ def outputs():
                                   ("QR decomposition by Householder reflections, and its solver",
                                    [m for m in det_inv_qr if m[6] == "qr"], QR_NOTE),
                                   ("Symmetric eigenproblem: values descending, vectors as columns", eigen_sym,
-                                   EIGEN_SYM_NOTE)]),
+                                   EIGEN_SYM_NOTE),
+                                  ("Vector helpers for 3D graphics", [m for m in graphics if m[2][0] == "v"],
+                                   VECTOR_HELPER_NOTE),
+                                  ("Transform builders for 3D graphics", [m for m in graphics if m[2][0] != "v"],
+                                   TRANSFORM_BUILDER_NOTE),
+                                  ("Point transforms", points, POINT_TRANSFORM_NOTE)]),
         "src/elementwise/add_entries.cpp": entries(add, "Add functions", "elementwise/add_sub.h", "omk::addsub"),
         "src/elementwise/sub_entries.cpp": entries(sub, "Sub functions", "elementwise/add_sub.h", "omk::addsub"),
         "src/products/scale_entries.cpp": entries(scale, "products with a constant", "products/scale.h", "omk::scale"),
@@ -812,6 +990,10 @@ def outputs():
                                                   "QR decompositions and solvers", "solvers/qr.h", "omk::qr")
     files["src/eigen/eigen_sym_entries.cpp"] = entries(eigen_sym, "symmetric eigenproblems", "eigen/eigen_sym.h",
                                                        "omk::eigensym")
+    files["src/graphics/graphics_entries.cpp"] = entries(graphics, "vector helpers and transform builders",
+                                                         "graphics/transforms.h", "omk::graphics")
+    files["src/graphics/point_transform_entries.cpp"] = entries(points, "point transforms",
+                                                                "graphics/point_transforms.h", "omk::graphics")
     for fname, what in MUL_FILES.items():
         part = [m for m in mul if m[6] == fname]
         files[f"src/products/mul_{fname}_entries.cpp"] = entries(part, f"products of {what}", "products/mul.h", "omk::mul")
