@@ -2085,7 +2085,8 @@ OMKM_API OmkStatus omkmCholeskyBackSubst_mava_64f_P(const Omk64f** ppSrc, int sr
  * |a| <= 2*m. Order 2 and orders 7 and more: elimination in pBuffer, then each element from its
  * minor's determinant; pDst must not overlap pSrc there. Invert_m4: |det| < 2^-119 is singular
  * (*pDet = 0), else *pDet = det and r = (r0 + r0) - det*(r0*r0) from the processor's reciprocal
- * estimate r0. Arrays stop at the first singular matrix on one thread; with threads each slice
+ * estimate r0 (for |det| below about 2^-64, r0*r0 overflows and the entries are infinite or NaN
+ * with omkStsOk). Arrays stop at the first singular matrix on one thread; with threads each slice
  * stops at its own. Serial while: Det widthHeight*count < 14401; Invert 2*widthHeight*count <= 3600
  * when every element stride is the element size, else (and _P) <= 2500.
  */
