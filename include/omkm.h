@@ -900,6 +900,144 @@ OMKM_API OmkStatus omkmSub_v3_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk3
 /* Sub v4: fixed length 4, no checks */
 OMKM_API OmkStatus omkmSub_v4_32f(const Omk32f* pSrc1, const Omk32f* pSrc2, Omk32f* pDst);
 
+/* ---- Saxpy and LComb: scaled sums of vectors ---- */
+
+/*
+ * Saxpy: dst[k][j] = fma(scale, src1[k][j], src2[k][j]), one rounding. LComb: dst[k][j] =
+ * fma(scale2, src2[k][j], scale1*src1[k][j]) with the first product rounded, so exchanging the
+ * operands with their scales can change the last bit. Every kernel gives the same bits.
+ * Checks: null pointers, count, len, strides, ROI shifts (in that order). An array call runs on the
+ * calling thread while its work, (2*count + 1)*len (vav, vva) or 3*count*len (vava), is at most its
+ * bound (contiguous = all three element strides are the element size / otherwise): Saxpy _32f
+ * 3000/2000, _64f 3000/1200, _32f_L 1500/1000 (vva 1500/1500), _64f_L 1000/1000, _P 1200/1200;
+ * LComb _32f_L 4500/3750, every other array member 4500/4500.
+ */
+/* Saxpy vv: dst = scale*src1 + src2, one fused multiply-add per element */
+OMKM_API OmkStatus omkmSaxpy_vv_32f(const Omk32f* pSrc1, int src1Stride2, Omk32f scale, const Omk32f* pSrc2,
+                                    int src2Stride2, Omk32f* pDst, int dstStride2, int len);
+OMKM_API OmkStatus omkmSaxpy_vv_32f_P(const Omk32f** ppSrc1, int src1RoiShift, Omk32f scale,
+                                      const Omk32f** ppSrc2, int src2RoiShift, Omk32f** ppDst,
+                                      int dstRoiShift, int len);
+OMKM_API OmkStatus omkmSaxpy_vv_64f(const Omk64f* pSrc1, int src1Stride2, Omk64f scale, const Omk64f* pSrc2,
+                                    int src2Stride2, Omk64f* pDst, int dstStride2, int len);
+OMKM_API OmkStatus omkmSaxpy_vv_64f_P(const Omk64f** ppSrc1, int src1RoiShift, Omk64f scale,
+                                      const Omk64f** ppSrc2, int src2RoiShift, Omk64f** ppDst,
+                                      int dstRoiShift, int len);
+/* Saxpy vav: each vector of an array times scale, plus one vector */
+OMKM_API OmkStatus omkmSaxpy_vav_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride2, Omk32f scale,
+                                     const Omk32f* pSrc2, int src2Stride2, Omk32f* pDst, int dstStride0,
+                                     int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmSaxpy_vav_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride2, Omk32f scale,
+                                       const Omk32f* pSrc2, int src2Stride2, Omk32f** ppDst, int dstRoiShift,
+                                       int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmSaxpy_vav_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0, Omk32f scale,
+                                       const Omk32f** ppSrc2, int src2RoiShift, Omk32f** ppDst,
+                                       int dstRoiShift, int dstStride0, int len, int count);
+OMKM_API OmkStatus omkmSaxpy_vav_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride2, Omk64f scale,
+                                     const Omk64f* pSrc2, int src2Stride2, Omk64f* pDst, int dstStride0,
+                                     int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmSaxpy_vav_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride2, Omk64f scale,
+                                       const Omk64f* pSrc2, int src2Stride2, Omk64f** ppDst, int dstRoiShift,
+                                       int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmSaxpy_vav_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0, Omk64f scale,
+                                       const Omk64f** ppSrc2, int src2RoiShift, Omk64f** ppDst,
+                                       int dstRoiShift, int dstStride0, int len, int count);
+/* Saxpy vva: one vector times scale, plus each vector of an array */
+OMKM_API OmkStatus omkmSaxpy_vva_32f(const Omk32f* pSrc1, int src1Stride2, Omk32f scale, const Omk32f* pSrc2,
+                                     int src2Stride0, int src2Stride2, Omk32f* pDst, int dstStride0,
+                                     int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmSaxpy_vva_32f_L(const Omk32f* pSrc1, int src1Stride2, Omk32f scale,
+                                       const Omk32f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                       Omk32f** ppDst, int dstRoiShift, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmSaxpy_vva_32f_P(const Omk32f** ppSrc1, int src1RoiShift, Omk32f scale,
+                                       const Omk32f** ppSrc2, int src2RoiShift, int src2Stride0,
+                                       Omk32f** ppDst, int dstRoiShift, int dstStride0, int len, int count);
+OMKM_API OmkStatus omkmSaxpy_vva_64f(const Omk64f* pSrc1, int src1Stride2, Omk64f scale, const Omk64f* pSrc2,
+                                     int src2Stride0, int src2Stride2, Omk64f* pDst, int dstStride0,
+                                     int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmSaxpy_vva_64f_L(const Omk64f* pSrc1, int src1Stride2, Omk64f scale,
+                                       const Omk64f** ppSrc2, int src2RoiShift, int src2Stride2,
+                                       Omk64f** ppDst, int dstRoiShift, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmSaxpy_vva_64f_P(const Omk64f** ppSrc1, int src1RoiShift, Omk64f scale,
+                                       const Omk64f** ppSrc2, int src2RoiShift, int src2Stride0,
+                                       Omk64f** ppDst, int dstRoiShift, int dstStride0, int len, int count);
+/* Saxpy vava: vectors of two arrays, pairwise */
+OMKM_API OmkStatus omkmSaxpy_vava_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride2, Omk32f scale,
+                                      const Omk32f* pSrc2, int src2Stride0, int src2Stride2, Omk32f* pDst,
+                                      int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmSaxpy_vava_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride2,
+                                        Omk32f scale, const Omk32f** ppSrc2, int src2RoiShift,
+                                        int src2Stride2, Omk32f** ppDst, int dstRoiShift, int dstStride2,
+                                        int len, int count);
+OMKM_API OmkStatus omkmSaxpy_vava_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0,
+                                        Omk32f scale, const Omk32f** ppSrc2, int src2RoiShift,
+                                        int src2Stride0, Omk32f** ppDst, int dstRoiShift, int dstStride0,
+                                        int len, int count);
+OMKM_API OmkStatus omkmSaxpy_vava_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride2, Omk64f scale,
+                                      const Omk64f* pSrc2, int src2Stride0, int src2Stride2, Omk64f* pDst,
+                                      int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmSaxpy_vava_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride2,
+                                        Omk64f scale, const Omk64f** ppSrc2, int src2RoiShift,
+                                        int src2Stride2, Omk64f** ppDst, int dstRoiShift, int dstStride2,
+                                        int len, int count);
+OMKM_API OmkStatus omkmSaxpy_vava_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0,
+                                        Omk64f scale, const Omk64f** ppSrc2, int src2RoiShift,
+                                        int src2Stride0, Omk64f** ppDst, int dstRoiShift, int dstStride0,
+                                        int len, int count);
+/* LComb vv: dst = scale1*src1 + scale2*src2, the first product rounded, the second fused */
+OMKM_API OmkStatus omkmLComb_vv_32f(const Omk32f* pSrc1, int src1Stride2, Omk32f scale1, const Omk32f* pSrc2,
+                                    int src2Stride2, Omk32f scale2, Omk32f* pDst, int dstStride2, int len);
+OMKM_API OmkStatus omkmLComb_vv_32f_P(const Omk32f** ppSrc1, int src1RoiShift, Omk32f scale1,
+                                      const Omk32f** ppSrc2, int src2RoiShift, Omk32f scale2, Omk32f** ppDst,
+                                      int dstRoiShift, int len);
+OMKM_API OmkStatus omkmLComb_vv_64f(const Omk64f* pSrc1, int src1Stride2, Omk64f scale1, const Omk64f* pSrc2,
+                                    int src2Stride2, Omk64f scale2, Omk64f* pDst, int dstStride2, int len);
+OMKM_API OmkStatus omkmLComb_vv_64f_P(const Omk64f** ppSrc1, int src1RoiShift, Omk64f scale1,
+                                      const Omk64f** ppSrc2, int src2RoiShift, Omk64f scale2, Omk64f** ppDst,
+                                      int dstRoiShift, int len);
+/* LComb vav: each vector of an array and one vector */
+OMKM_API OmkStatus omkmLComb_vav_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride2, Omk32f scale1,
+                                     const Omk32f* pSrc2, int src2Stride2, Omk32f scale2, Omk32f* pDst,
+                                     int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmLComb_vav_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride2,
+                                       Omk32f scale1, const Omk32f* pSrc2, int src2Stride2, Omk32f scale2,
+                                       Omk32f** ppDst, int dstRoiShift, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmLComb_vav_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0,
+                                       Omk32f scale1, const Omk32f** ppSrc2, int src2RoiShift, Omk32f scale2,
+                                       Omk32f** ppDst, int dstRoiShift, int dstStride0, int len, int count);
+OMKM_API OmkStatus omkmLComb_vav_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride2, Omk64f scale1,
+                                     const Omk64f* pSrc2, int src2Stride2, Omk64f scale2, Omk64f* pDst,
+                                     int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmLComb_vav_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride2,
+                                       Omk64f scale1, const Omk64f* pSrc2, int src2Stride2, Omk64f scale2,
+                                       Omk64f** ppDst, int dstRoiShift, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmLComb_vav_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0,
+                                       Omk64f scale1, const Omk64f** ppSrc2, int src2RoiShift, Omk64f scale2,
+                                       Omk64f** ppDst, int dstRoiShift, int dstStride0, int len, int count);
+/* LComb vava: vectors of two arrays, pairwise */
+OMKM_API OmkStatus omkmLComb_vava_32f(const Omk32f* pSrc1, int src1Stride0, int src1Stride2, Omk32f scale1,
+                                      const Omk32f* pSrc2, int src2Stride0, int src2Stride2, Omk32f scale2,
+                                      Omk32f* pDst, int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmLComb_vava_32f_L(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride2,
+                                        Omk32f scale1, const Omk32f** ppSrc2, int src2RoiShift,
+                                        int src2Stride2, Omk32f scale2, Omk32f** ppDst, int dstRoiShift,
+                                        int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmLComb_vava_32f_P(const Omk32f** ppSrc1, int src1RoiShift, int src1Stride0,
+                                        Omk32f scale1, const Omk32f** ppSrc2, int src2RoiShift,
+                                        int src2Stride0, Omk32f scale2, Omk32f** ppDst, int dstRoiShift,
+                                        int dstStride0, int len, int count);
+OMKM_API OmkStatus omkmLComb_vava_64f(const Omk64f* pSrc1, int src1Stride0, int src1Stride2, Omk64f scale1,
+                                      const Omk64f* pSrc2, int src2Stride0, int src2Stride2, Omk64f scale2,
+                                      Omk64f* pDst, int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmLComb_vava_64f_L(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride2,
+                                        Omk64f scale1, const Omk64f** ppSrc2, int src2RoiShift,
+                                        int src2Stride2, Omk64f scale2, Omk64f** ppDst, int dstRoiShift,
+                                        int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmLComb_vava_64f_P(const Omk64f** ppSrc1, int src1RoiShift, int src1Stride0,
+                                        Omk64f scale1, const Omk64f** ppSrc2, int src2RoiShift,
+                                        int src2Stride0, Omk64f scale2, Omk64f** ppDst, int dstRoiShift,
+                                        int dstStride0, int len, int count);
+
 /* ---- Mul: dst = first * second, matrices and vectors ---- */
 
 /* Mul mm: matrix times matrix */

@@ -6,6 +6,7 @@ exist. From it this script writes:
   include/omkm.h                       the public header (tools/omkm.h.in plus every declaration)
   src/elementwise/add_entries.cpp      one thin extern "C" function per Add export
   src/elementwise/sub_entries.cpp      the same for Sub
+  src/elementwise/saxpy_entries.cpp    Saxpy and LComb
   src/products/mul_*_entries.cpp       the matrix and vector products, in four files
   src/products/scale_entries.cpp       the products with a constant
   src/products/dot_cross_entries.cpp   the dot and cross products
@@ -165,6 +166,44 @@ def add_sub_members():
             params = [("const Omk32f*", "pSrc1"), ("const Omk32f*", "pSrc2"), ("Omk32f*", "pDst")]
             body = f"return fixedLength<{OPS[op]}, {n}>(pSrc1, pSrc2, pDst);"
             out.append((f"omkm{op}_v{n}_32f", op, f"v{n}", f"fixed length {n}, no checks", params, body))
+    return out
+
+
+# ---- registry: Saxpy and LComb ----
+# (family, group, comment); scalars follow the block of the source they scale.
+SAXPY_GROUPS = [
+    ("Saxpy", "vv", "dst = scale*src1 + src2, one fused multiply-add per element"),
+    ("Saxpy", "vav", "each vector of an array times scale, plus one vector"),
+    ("Saxpy", "vva", "one vector times scale, plus each vector of an array"),
+    ("Saxpy", "vava", "vectors of two arrays, pairwise"),
+    ("LComb", "vv", "dst = scale1*src1 + scale2*src2, the first product rounded, the second fused"),
+    ("LComb", "vav", "each vector of an array and one vector"),
+    ("LComb", "vava", "vectors of two arrays, pairwise"),
+]
+
+
+def saxpy_members():
+    """Every Saxpy and LComb export, as (name, op, group, comment, params, body)."""
+    out = []
+    for family, group, comment in SAXPY_GROUPS:
+        ops = operands(group)
+        any_array = any(a for _, a in ops)
+        for ty in ("32f", "64f"):
+            for desc in ("Std", "L", "P") if any_array else ("Std", "P"):
+                t = TYPES[ty]
+                a = Operand("v", ops[0][1], "src1", desc, t, True)
+                b = Operand("v", ops[1][1], "src2", desc, t, True)
+                dst = Operand("v", any_array, "dst", desc, t, False)
+                lcomb = family == "LComb"
+                params = (a.params() + [(t, "scale1" if lcomb else "scale")] + b.params()
+                          + ([(t, "scale2")] if lcomb else []) + dst.params() + [("int", "len")]
+                          + ([("int", "count")] if any_array else []))
+                suffix = "" if desc == "Std" else "_" + desc
+                count = "count" if any_array else "1"
+                args = (f"        {dst.view()},\n        {a.view()},\n        {'scale1' if lcomb else 'scale'},\n"
+                        f"        {b.view()},\n" + ("        scale2,\n" if lcomb else "") + f"        Dims{{len, 1, {count}}});")
+                body = f"return {'linearCombination' if lcomb else 'axpy'}<Group::{group}, Desc::{desc}>(\n" + args
+                out.append((f"omkm{family}_{group}_{ty}{suffix}", family, group, comment, params, body))
     return out
 
 
@@ -768,6 +807,18 @@ POINT_TRANSFORM_NOTE = """\
 """
 
 
+SAXPY_NOTE = """\
+ * Saxpy: dst[k][j] = fma(scale, src1[k][j], src2[k][j]), one rounding. LComb: dst[k][j] =
+ * fma(scale2, src2[k][j], scale1*src1[k][j]) with the first product rounded, so exchanging the
+ * operands with their scales can change the last bit. Every kernel gives the same bits.
+ * Checks: null pointers, count, len, strides, ROI shifts (in that order). An array call runs on the
+ * calling thread while its work, (2*count + 1)*len (vav, vva) or 3*count*len (vava), is at most its
+ * bound (contiguous = all three element strides are the element size / otherwise): Saxpy _32f
+ * 3000/2000, _64f 3000/1200, _32f_L 1500/1000 (vva 1500/1500), _64f_L 1000/1000, _P 1200/1200;
+ * LComb _32f_L 4500/3750, every other array member 4500/4500.
+"""
+
+
 DOT_CROSS_NOTE = """\
  * Dot products write `count` consecutive scalars to pDst. Rounding orders (p_k = a_k*b_k rounded,
  * fma(x, y, z) rounded once): _v2 fma(a0,b0,a1*b1); _v3 fma(a2,b2,fma(a0,b0,a1*b1)); _v4
@@ -942,14 +993,16 @@ def outputs():
     det_inv_qr = det_inv_qr_members()
     dot_cross, norms, gaxpy = dot_cross_members(), norm_members(), gaxpy_members()
     graphics, points = graphics_members(), point_members()
-    names = ["omkmGetLibVersion"] + [m[0] for m in add_sub + mul + scale + dot_cross + norms + gaxpy + solvers
-                                     + det_inv_qr + eigen_sym + graphics + points]
+    saxpy = saxpy_members()
+    names = ["omkmGetLibVersion"] + [m[0] for m in add_sub + saxpy + mul + scale + dot_cross + norms + gaxpy
+                                     + solvers + det_inv_qr + eigen_sym + graphics + points]
     unknown = sorted(set(names) - set(api_names()))
     if unknown or len(set(names)) != len(names):
         raise SystemExit(f"registry names not in tools/exports.txt or repeated: {unknown}")
     files = {
         "include/omkm.h": header([("Add: dst = first + second", add),
                                   ("Sub: dst = first - second, operands in name order", sub),
+                                  ("Saxpy and LComb: scaled sums of vectors", saxpy, SAXPY_NOTE),
                                   ("Mul: dst = first * second, matrices and vectors", mul),
                                   ("Mul by a constant: dst = src * val, one rounding per element", scale),
                                   ("Dot and cross products", dot_cross, DOT_CROSS_NOTE),
@@ -972,6 +1025,8 @@ def outputs():
                                   ("Point transforms", points, POINT_TRANSFORM_NOTE)]),
         "src/elementwise/add_entries.cpp": entries(add, "Add functions", "elementwise/add_sub.h", "omk::addsub"),
         "src/elementwise/sub_entries.cpp": entries(sub, "Sub functions", "elementwise/add_sub.h", "omk::addsub"),
+        "src/elementwise/saxpy_entries.cpp": entries(saxpy, "Saxpy and LComb functions", "elementwise/saxpy.h",
+                                                     "omk::saxpy"),
         "src/products/scale_entries.cpp": entries(scale, "products with a constant", "products/scale.h", "omk::scale"),
         "src/exports.map": export_map(names),
     }

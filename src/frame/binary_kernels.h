@@ -1,8 +1,11 @@
 // Element-wise kernels d(i, j) = op(a(i, j), b(i, j)) over arrays of objects, for any operand views:
-// the sums and differences of Add/Sub and the scaling by a constant share them.
+// the sums and differences of Add/Sub, the scaling by a constant and the scaled sums of Saxpy and
+// LComb share them. An operation is a type with apply (one element) and packed (a vector of
+// lanes); those with scalars of their own (Saxpy's scale) are passed as objects.
 //
-// Each element is one operation in the element type, rounded once, so every path below gives the
-// same bits; the paths differ only in how fast they walk memory:
+// Each element is the same fixed sequence of element-type operations in every lane and every path
+// (packed lanes use the vector form of the scalar operations), so every path below gives the same
+// bits; the paths differ only in how fast they walk memory:
 //   packed    every array is one dense run and every single operand a constant: one long loop;
 //   dense     every object is a dense run of width*height elements: one loop per object;
 //   rows      rows are packed arrays: straight-line code for orders 3 to 6, else a loop per row;
@@ -65,38 +68,38 @@ template <class T> inline T readRun(T x, ptrdiff_t) { return x; }
 
 // d[j] = op(x[j], y[j]) for j < n, four vectors per step while they last.
 template <class Op, class T, class X, class Y>
-void applyRun(T* d, X x, Y y, ptrdiff_t n) {
+void applyRun(T* d, X x, Y y, ptrdiff_t n, const Op& op = Op{}) {
     using S = Simd<T>;
     constexpr int L = S::kLanes;
     ptrdiff_t j = 0;
     for (; j + 4 * L <= n; j += 4 * L) {
-        const auto r0 = Op::template packed<T>(loadRun<T>(x, j), loadRun<T>(y, j));
-        const auto r1 = Op::template packed<T>(loadRun<T>(x, j + L), loadRun<T>(y, j + L));
-        const auto r2 = Op::template packed<T>(loadRun<T>(x, j + 2 * L), loadRun<T>(y, j + 2 * L));
-        const auto r3 = Op::template packed<T>(loadRun<T>(x, j + 3 * L), loadRun<T>(y, j + 3 * L));
+        const auto r0 = op.template packed<T>(loadRun<T>(x, j), loadRun<T>(y, j));
+        const auto r1 = op.template packed<T>(loadRun<T>(x, j + L), loadRun<T>(y, j + L));
+        const auto r2 = op.template packed<T>(loadRun<T>(x, j + 2 * L), loadRun<T>(y, j + 2 * L));
+        const auto r3 = op.template packed<T>(loadRun<T>(x, j + 3 * L), loadRun<T>(y, j + 3 * L));
         S::store(d + j, r0);
         S::store(d + j + L, r1);
         S::store(d + j + 2 * L, r2);
         S::store(d + j + 3 * L, r3);
     }
-    for (; j + L <= n; j += L) S::store(d + j, Op::template packed<T>(loadRun<T>(x, j), loadRun<T>(y, j)));
-    for (; j < n; ++j) d[j] = Op::apply(readRun<T>(x, j), readRun<T>(y, j));
+    for (; j + L <= n; j += L) S::store(d + j, op.template packed<T>(loadRun<T>(x, j), loadRun<T>(y, j)));
+    for (; j < n; ++j) d[j] = op.apply(readRun<T>(x, j), readRun<T>(y, j));
 }
 
 // Whole object, element by element. With W and H non-zero the sizes are compile-time constants and
 // the loops unroll to straight-line code; otherwise the element loop is unrolled by two.
 template <int W, int H, class Op, class DO, class AO, class BO>
-inline void applyObject(const DO& d, const AO& a, const BO& b, int w, int h) {
+inline void applyObject(const DO& d, const AO& a, const BO& b, int w, int h, const Op& op = Op{}) {
     const int ww = W ? W : w, hh = H ? H : h;
 #pragma GCC unroll 6
     for (int i = 0; i < hh; ++i) {
         int j = 0;
 #pragma GCC unroll 3
         for (; j + 1 < ww; j += 2) {
-            d.at(i, j) = Op::apply(a.at(i, j), b.at(i, j));
-            d.at(i, j + 1) = Op::apply(a.at(i, j + 1), b.at(i, j + 1));
+            d.at(i, j) = op.apply(a.at(i, j), b.at(i, j));
+            d.at(i, j + 1) = op.apply(a.at(i, j + 1), b.at(i, j + 1));
         }
-        if (j < ww) d.at(i, j) = Op::apply(a.at(i, j), b.at(i, j));
+        if (j < ww) d.at(i, j) = op.apply(a.at(i, j), b.at(i, j));
     }
 }
 
@@ -131,30 +134,30 @@ template <class V> inline bool denseObjects(const V& v, int32_t w, int32_t h) {
 
 // Serial kernel over objects 0..count-1 of the views.
 template <class Op, class D, class A, class B>
-void binarySerial(const D& d, const A& a, const B& b, int32_t w, int32_t h, int32_t count) {
+void binarySerial(const D& d, const A& a, const B& b, int32_t w, int32_t h, int32_t count, const Op& op = Op{}) {
     constexpr bool noTables = D::kLayout == Layout::Strided && A::kLayout != Layout::Scattered &&
                               B::kLayout != Layout::Scattered;
     if constexpr (noTables) {
         if (unitColumns(d) && unitColumns(a) && unitColumns(b)) {
             if (d.packed(w, h) && a.packed(w, h) && b.packed(w, h)) {
-                applyRun<Op>(runOf(d.obj(0)), runOf(a.obj(0)), runOf(b.obj(0)), ptrdiff_t(count) * w * h);
+                applyRun(runOf(d.obj(0)), runOf(a.obj(0)), runOf(b.obj(0)), ptrdiff_t(count) * w * h, op);
                 return;
             }
             if (denseObjects(d, w, h) && denseObjects(a, w, h) && denseObjects(b, w, h)) {
                 for (int32_t k = 0; k < count; ++k)
-                    applyRun<Op>(runOf(d.obj(k)), runOf(a.obj(k)), runOf(b.obj(k)), ptrdiff_t(w) * h);
+                    applyRun(runOf(d.obj(k)), runOf(a.obj(k)), runOf(b.obj(k)), ptrdiff_t(w) * h, op);
                 return;
             }
             // Vectors with packed elements are dense and never get here.
             if constexpr (D::kMatrix) withShape<true>(w, h, [&](auto W, auto H) {
                 for (int32_t k = 0; k < count; ++k) {
                     if constexpr (W != 0) {
-                        applyObject<W, H, Op>(unitCols(d.obj(k)), unitCols(a.obj(k)), unitCols(b.obj(k)), w, h);
+                        applyObject<W, H>(unitCols(d.obj(k)), unitCols(a.obj(k)), unitCols(b.obj(k)), w, h, op);
                     } else {
                         const auto dk = d.obj(k);
                         const auto ak = a.obj(k);
                         const auto bk = b.obj(k);
-                        for (int32_t i = 0; i < h; ++i) applyRun<Op>(rowRun(dk, i), rowRun(ak, i), rowRun(bk, i), w);
+                        for (int32_t i = 0; i < h; ++i) applyRun(rowRun(dk, i), rowRun(ak, i), rowRun(bk, i), w, op);
                     }
                 }
             });
@@ -162,19 +165,19 @@ void binarySerial(const D& d, const A& a, const B& b, int32_t w, int32_t h, int3
         }
     }
     withShape<D::kMatrix>(w, h, [&](auto W, auto H) {
-        for (int32_t k = 0; k < count; ++k) applyObject<W, H, Op>(d.obj(k), a.obj(k), b.obj(k), w, h);
+        for (int32_t k = 0; k < count; ++k) applyObject<W, H>(d.obj(k), a.obj(k), b.obj(k), w, h, op);
     });
 }
 
 // Runs the serial kernel on the calling thread, or through the parallel driver in slices.
 template <class Op, class D, class A, class B>
-OmkStatus binaryOverObjects(bool parallel, const D& d, const A& a, const B& b, const Dims& s) {
+OmkStatus binaryOverObjects(bool parallel, const D& d, const A& a, const B& b, const Dims& s, const Op& op = Op{}) {
     if (!parallel) {
-        binarySerial<Op>(d, a, b, s.width, s.height, s.count);
+        binarySerial(d, a, b, s.width, s.height, s.count, op);
         return omkStsOk;
     }
     return runOverObjects(s.count, [&](int32_t first, int32_t m, char*) {
-        binarySerial<Op>(d.from(first), a.from(first), b.from(first), s.width, s.height, m);
+        binarySerial(d.from(first), a.from(first), b.from(first), s.width, s.height, m, op);
         return omkStsOk;
     });
 }
