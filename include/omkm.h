@@ -1038,6 +1038,220 @@ OMKM_API OmkStatus omkmLComb_vava_64f_P(const Omk64f** ppSrc1, int src1RoiShift,
                                         int src2Stride0, Omk64f scale2, Omk64f** ppDst, int dstRoiShift,
                                         int dstStride0, int len, int count);
 
+/* ---- Copy, Extract, LoadIdentity and Transpose: data movement ---- */
+
+/*
+ * Elements move as raw 32- or 64-bit words, so every bit pattern (NaN payloads, -0.0) is kept. On the
+ * calling thread only. Source and destination must not overlap unless they are the same memory.
+ * Check orders (N null, S sizes, C count, T strides, E element strides, R ROI shifts, O object
+ * strides, the last tested only when count > 1, so a one-object Copy takes any object stride):
+ *   Copy: N S C E R O; Copy_ma PP, Copy_va PP, Copy_va_32f LP and SP: N S C R E O.
+ *   Extract m, t, v: N S T; their _P: S N R, except Extract_v_32f_P: N S R. Extract ma, ta, va:
+ *   N S C T; their _P and _L: N S C R T. A t operand is extracted as used, that is transposed.
+ *   LoadIdentity: N S C T; _L: N S C T R; _32f_P: N S R C T; _64f_P: N S C R T.
+ *   Transpose m: N S T (_P: N S R); ma: N C S T (_P, _L: N C S R T).
+ * Transpose: 32-bit matrices whose element strides are 4 go in bands of 64 source rows; a call or
+ * matrix larger than the largest cache (omkGetMaxCacheSizeB; arrays with more than 0x20000 bytes of
+ * traffic 8*width*height*count over three quarters of it, single matrices with both sides at least
+ * 129 and 8*width*height over it) is written with non-temporal stores. Every path gives the same
+ * bits.
+ */
+/* Copy ma: each object of an array of matrices from one description to another (source, then destination: S standard, P pointer, L layout) */
+OMKM_API OmkStatus omkmCopy_ma_32f_SS(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                      Omk32f* pDst, int dstStride0, int dstStride1, int dstStride2, int width,
+                                      int height, int count);
+OMKM_API OmkStatus omkmCopy_ma_32f_SP(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                      Omk32f** ppDst, int dstRoiShift, int dstStride0, int width, int height,
+                                      int count);
+OMKM_API OmkStatus omkmCopy_ma_32f_SL(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                      Omk32f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
+                                      int width, int height, int count);
+OMKM_API OmkStatus omkmCopy_ma_32f_PS(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f* pDst,
+                                      int dstStride0, int dstStride1, int dstStride2, int width, int height,
+                                      int count);
+OMKM_API OmkStatus omkmCopy_ma_32f_PP(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f** ppDst,
+                                      int dstRoiShift, int dstStride0, int width, int height, int count);
+OMKM_API OmkStatus omkmCopy_ma_32f_PL(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f** ppDst,
+                                      int dstRoiShift, int dstStride1, int dstStride2, int width, int height,
+                                      int count);
+OMKM_API OmkStatus omkmCopy_ma_32f_LS(const Omk32f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                      Omk32f* pDst, int dstStride0, int dstStride1, int dstStride2, int width,
+                                      int height, int count);
+OMKM_API OmkStatus omkmCopy_ma_32f_LP(const Omk32f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                      Omk32f** ppDst, int dstRoiShift, int dstStride0, int width, int height,
+                                      int count);
+OMKM_API OmkStatus omkmCopy_ma_32f_LL(const Omk32f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                      Omk32f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
+                                      int width, int height, int count);
+OMKM_API OmkStatus omkmCopy_ma_64f_SS(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                      Omk64f* pDst, int dstStride0, int dstStride1, int dstStride2, int width,
+                                      int height, int count);
+OMKM_API OmkStatus omkmCopy_ma_64f_SP(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                      Omk64f** ppDst, int dstRoiShift, int dstStride0, int width, int height,
+                                      int count);
+OMKM_API OmkStatus omkmCopy_ma_64f_SL(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                      Omk64f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
+                                      int width, int height, int count);
+OMKM_API OmkStatus omkmCopy_ma_64f_PS(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f* pDst,
+                                      int dstStride0, int dstStride1, int dstStride2, int width, int height,
+                                      int count);
+OMKM_API OmkStatus omkmCopy_ma_64f_PP(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f** ppDst,
+                                      int dstRoiShift, int dstStride0, int width, int height, int count);
+OMKM_API OmkStatus omkmCopy_ma_64f_PL(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f** ppDst,
+                                      int dstRoiShift, int dstStride1, int dstStride2, int width, int height,
+                                      int count);
+OMKM_API OmkStatus omkmCopy_ma_64f_LS(const Omk64f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                      Omk64f* pDst, int dstStride0, int dstStride1, int dstStride2, int width,
+                                      int height, int count);
+OMKM_API OmkStatus omkmCopy_ma_64f_LP(const Omk64f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                      Omk64f** ppDst, int dstRoiShift, int dstStride0, int width, int height,
+                                      int count);
+OMKM_API OmkStatus omkmCopy_ma_64f_LL(const Omk64f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                      Omk64f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
+                                      int width, int height, int count);
+/* Copy va: each object of an array of vectors from one description to another (source, then destination: S standard, P pointer, L layout) */
+OMKM_API OmkStatus omkmCopy_va_32f_SS(const Omk32f* pSrc, int srcStride0, int srcStride2, Omk32f* pDst,
+                                      int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_32f_SP(const Omk32f* pSrc, int srcStride0, int srcStride2, Omk32f** ppDst,
+                                      int dstRoiShift, int dstStride0, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_32f_SL(const Omk32f* pSrc, int srcStride0, int srcStride2, Omk32f** ppDst,
+                                      int dstRoiShift, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_32f_PS(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f* pDst,
+                                      int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_32f_PP(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f** ppDst,
+                                      int dstRoiShift, int dstStride0, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_32f_PL(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f** ppDst,
+                                      int dstRoiShift, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_32f_LS(const Omk32f** ppSrc, int srcRoiShift, int srcStride2, Omk32f* pDst,
+                                      int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_32f_LP(const Omk32f** ppSrc, int srcRoiShift, int srcStride2, Omk32f** ppDst,
+                                      int dstRoiShift, int dstStride0, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_32f_LL(const Omk32f** ppSrc, int srcRoiShift, int srcStride2, Omk32f** ppDst,
+                                      int dstRoiShift, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_64f_SS(const Omk64f* pSrc, int srcStride0, int srcStride2, Omk64f* pDst,
+                                      int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_64f_SP(const Omk64f* pSrc, int srcStride0, int srcStride2, Omk64f** ppDst,
+                                      int dstRoiShift, int dstStride0, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_64f_SL(const Omk64f* pSrc, int srcStride0, int srcStride2, Omk64f** ppDst,
+                                      int dstRoiShift, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_64f_PS(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f* pDst,
+                                      int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_64f_PP(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f** ppDst,
+                                      int dstRoiShift, int dstStride0, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_64f_PL(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f** ppDst,
+                                      int dstRoiShift, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_64f_LS(const Omk64f** ppSrc, int srcRoiShift, int srcStride2, Omk64f* pDst,
+                                      int dstStride0, int dstStride2, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_64f_LP(const Omk64f** ppSrc, int srcRoiShift, int srcStride2, Omk64f** ppDst,
+                                      int dstRoiShift, int dstStride0, int len, int count);
+OMKM_API OmkStatus omkmCopy_va_64f_LL(const Omk64f** ppSrc, int srcRoiShift, int srcStride2, Omk64f** ppDst,
+                                      int dstRoiShift, int dstStride2, int len, int count);
+/* Extract m: one matrix as used, densely into pDst */
+OMKM_API OmkStatus omkmExtract_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2, Omk32f* pDst,
+                                     int width, int height);
+OMKM_API OmkStatus omkmExtract_m_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f* pDst, int width,
+                                       int height);
+OMKM_API OmkStatus omkmExtract_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2, Omk64f* pDst,
+                                     int width, int height);
+OMKM_API OmkStatus omkmExtract_m_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f* pDst, int width,
+                                       int height);
+/* Extract t: one matrix read transposed as used, densely into pDst */
+OMKM_API OmkStatus omkmExtract_t_32f(const Omk32f* pSrc, int srcStride1, int srcStride2, Omk32f* pDst,
+                                     int width, int height);
+OMKM_API OmkStatus omkmExtract_t_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f* pDst, int width,
+                                       int height);
+OMKM_API OmkStatus omkmExtract_t_64f(const Omk64f* pSrc, int srcStride1, int srcStride2, Omk64f* pDst,
+                                     int width, int height);
+OMKM_API OmkStatus omkmExtract_t_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f* pDst, int width,
+                                       int height);
+/* Extract v: one vector as used, densely into pDst */
+OMKM_API OmkStatus omkmExtract_v_32f(const Omk32f* pSrc, int srcStride2, Omk32f* pDst, int len);
+OMKM_API OmkStatus omkmExtract_v_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f* pDst, int len);
+OMKM_API OmkStatus omkmExtract_v_64f(const Omk64f* pSrc, int srcStride2, Omk64f* pDst, int len);
+OMKM_API OmkStatus omkmExtract_v_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f* pDst, int len);
+/* Extract ma: each matrix of an array as used, densely into pDst */
+OMKM_API OmkStatus omkmExtract_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                      Omk32f* pDst, int width, int height, int count);
+OMKM_API OmkStatus omkmExtract_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f* pDst,
+                                        int width, int height, int count);
+OMKM_API OmkStatus omkmExtract_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                        Omk32f* pDst, int width, int height, int count);
+OMKM_API OmkStatus omkmExtract_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                      Omk64f* pDst, int width, int height, int count);
+OMKM_API OmkStatus omkmExtract_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f* pDst,
+                                        int width, int height, int count);
+OMKM_API OmkStatus omkmExtract_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                        Omk64f* pDst, int width, int height, int count);
+/* Extract ta: each matrix of an array, read transposed as used, densely into pDst */
+OMKM_API OmkStatus omkmExtract_ta_32f(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                      Omk32f* pDst, int width, int height, int count);
+OMKM_API OmkStatus omkmExtract_ta_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f* pDst,
+                                        int width, int height, int count);
+OMKM_API OmkStatus omkmExtract_ta_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                        Omk32f* pDst, int width, int height, int count);
+OMKM_API OmkStatus omkmExtract_ta_64f(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                      Omk64f* pDst, int width, int height, int count);
+OMKM_API OmkStatus omkmExtract_ta_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f* pDst,
+                                        int width, int height, int count);
+OMKM_API OmkStatus omkmExtract_ta_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
+                                        Omk64f* pDst, int width, int height, int count);
+/* Extract va: each vector of an array as used, densely into pDst */
+OMKM_API OmkStatus omkmExtract_va_32f(const Omk32f* pSrc, int srcStride0, int srcStride2, Omk32f* pDst,
+                                      int len, int count);
+OMKM_API OmkStatus omkmExtract_va_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f* pDst,
+                                        int len, int count);
+OMKM_API OmkStatus omkmExtract_va_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride2, Omk32f* pDst,
+                                        int len, int count);
+OMKM_API OmkStatus omkmExtract_va_64f(const Omk64f* pSrc, int srcStride0, int srcStride2, Omk64f* pDst,
+                                      int len, int count);
+OMKM_API OmkStatus omkmExtract_va_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f* pDst,
+                                        int len, int count);
+OMKM_API OmkStatus omkmExtract_va_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride2, Omk64f* pDst,
+                                        int len, int count);
+/* LoadIdentity ma: zeros, and ones on the diagonal of each matrix's leading square part */
+OMKM_API OmkStatus omkmLoadIdentity_ma_32f(Omk32f* pDst, int dstStride0, int dstStride1, int dstStride2,
+                                           int width, int height, int count);
+OMKM_API OmkStatus omkmLoadIdentity_ma_32f_L(Omk32f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
+                                             int width, int height, int count);
+OMKM_API OmkStatus omkmLoadIdentity_ma_32f_P(Omk32f** ppDst, int dstRoiShift, int dstStride0, int width,
+                                             int height, int count);
+OMKM_API OmkStatus omkmLoadIdentity_ma_64f(Omk64f* pDst, int dstStride0, int dstStride1, int dstStride2,
+                                           int width, int height, int count);
+OMKM_API OmkStatus omkmLoadIdentity_ma_64f_L(Omk64f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
+                                             int width, int height, int count);
+OMKM_API OmkStatus omkmLoadIdentity_ma_64f_P(Omk64f** ppDst, int dstRoiShift, int dstStride0, int width,
+                                             int height, int count);
+/* Transpose m: dst (width rows of height) = the transpose of src (height rows of width) */
+OMKM_API OmkStatus omkmTranspose_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2, int width,
+                                       int height, Omk32f* pDst, int dstStride1, int dstStride2);
+OMKM_API OmkStatus omkmTranspose_m_32f_P(const Omk32f** ppSrc, int srcRoiShift, int width, int height,
+                                         Omk32f** ppDst, int dstRoiShift);
+OMKM_API OmkStatus omkmTranspose_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2, int width,
+                                       int height, Omk64f* pDst, int dstStride1, int dstStride2);
+OMKM_API OmkStatus omkmTranspose_m_64f_P(const Omk64f** ppSrc, int srcRoiShift, int width, int height,
+                                         Omk64f** ppDst, int dstRoiShift);
+/* Transpose ma: dst (width rows of height) = the transpose of src (height rows of width), each matrix of an array */
+OMKM_API OmkStatus omkmTranspose_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                        int width, int height, Omk32f* pDst, int dstStride0, int dstStride1,
+                                        int dstStride2, int count);
+OMKM_API OmkStatus omkmTranspose_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1,
+                                          int srcStride2, int width, int height, Omk32f** ppDst,
+                                          int dstRoiShift, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmTranspose_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, int width,
+                                          int height, Omk32f** ppDst, int dstRoiShift, int dstStride0,
+                                          int count);
+OMKM_API OmkStatus omkmTranspose_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                        int width, int height, Omk64f* pDst, int dstStride0, int dstStride1,
+                                        int dstStride2, int count);
+OMKM_API OmkStatus omkmTranspose_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1,
+                                          int srcStride2, int width, int height, Omk64f** ppDst,
+                                          int dstRoiShift, int dstStride1, int dstStride2, int count);
+OMKM_API OmkStatus omkmTranspose_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, int width,
+                                          int height, Omk64f** ppDst, int dstRoiShift, int dstStride0,
+                                          int count);
+/* Transpose m4: 16 contiguous floats, no checks; pDst may be pSrc */
+OMKM_API OmkStatus omkmTranspose_m4_32f(const Omk32f* pSrc, Omk32f* pDst);
+
 /* ---- Mul: dst = first * second, matrices and vectors ---- */
 
 /* Mul mm: matrix times matrix */

@@ -7,6 +7,8 @@ exist. From it this script writes:
   src/elementwise/add_entries.cpp      one thin extern "C" function per Add export
   src/elementwise/sub_entries.cpp      the same for Sub
   src/elementwise/saxpy_entries.cpp    Saxpy and LComb
+  src/elementwise/move_entries.cpp     Copy, Extract and LoadIdentity
+  src/elementwise/transpose_entries.cpp  Transpose
   src/products/mul_*_entries.cpp       the matrix and vector products, in four files
   src/products/scale_entries.cpp       the products with a constant
   src/products/dot_cross_entries.cpp   the dot and cross products
@@ -204,6 +206,94 @@ def saxpy_members():
                         f"        {b.view()},\n" + ("        scale2,\n" if lcomb else "") + f"        Dims{{len, 1, {count}}});")
                 body = f"return {'linearCombination' if lcomb else 'axpy'}<Group::{group}, Desc::{desc}>(\n" + args
                 out.append((f"omkm{family}_{group}_{ty}{suffix}", family, group, comment, params, body))
+    return out
+
+
+# ---- registry: Copy, Extract, LoadIdentity, Transpose ----
+MOVE_DESCS = {"S": "Std", "P": "P", "L": "L"}
+
+
+def move_members():
+    """Copy, Extract and LoadIdentity, as (name, op, group, comment, params, body)."""
+    out = []
+    for kind, group in (("m", "ma"), ("v", "va")):
+        sizes = [("int", "width"), ("int", "height")] if kind == "m" else [("int", "len")]
+        dims = "width, height" if kind == "m" else "len, 1"
+        for ty in ("32f", "64f"):
+            t = TYPES[ty]
+            for sd in "SPL":
+                for dd in "SPL":
+                    src = Operand(kind, True, "src", MOVE_DESCS[sd], t, True)
+                    dst = Operand(kind, True, "dst", MOVE_DESCS[dd], t, False)
+                    params = src.params() + dst.params() + sizes + [("int", "count")]
+                    order = (f"copyOrder({'true' if kind == 'v' else 'false'}, {'true' if ty == '32f' else 'false'}, "
+                             f"Desc::{sd}, Desc::{dd})")
+                    body = (f"return copy({order},\n        {dst.view()},\n        {src.view()},\n"
+                            f"        Dims{{{dims}, count}});")
+                    what = "matrices" if kind == "m" else "vectors"
+                    out.append((f"omkmCopy_{group}_{ty}_{sd}{dd}", "Copy", group,
+                                f"each object of an array of {what} from one description to another (source, "
+                                "then destination: S standard, P pointer, L layout)", params, body))
+    for kind in ("m", "t", "v", "ma", "ta", "va"):
+        array = kind.endswith("a")
+        vector = kind[0] == "v"
+        for ty in ("32f", "64f"):
+            t = TYPES[ty]
+            for desc in ("Std", "P", "L") if array else ("Std", "P"):
+                src = Operand(kind[0], array, "src", desc, t, True)
+                sizes = [("int", "len")] if vector else [("int", "width"), ("int", "height")]
+                params = src.params() + [(f"{t}*", "pDst")] + sizes + ([("int", "count")] if array else [])
+                d = {"Std": "S", "P": "P", "L": "L"}[desc]
+                order = (f"extractOrder({'true' if array else 'false'}, {'true' if vector else 'false'}, "
+                         f"{'true' if ty == '32f' else 'false'}, Desc::{d})")
+                dims = ("len, 1" if vector else "width, height") + (", count" if array else ", 1")
+                body = f"return extract({order},\n        pDst,\n        {src.view()},\n        Dims{{{dims}}});"
+                suffix = "" if desc == "Std" else "_" + desc
+                what = {"m": "one matrix", "t": "one matrix read transposed", "v": "one vector",
+                        "ma": "each matrix of an array", "ta": "each matrix of an array, read transposed",
+                        "va": "each vector of an array"}[kind]
+                out.append((f"omkmExtract_{kind}_{ty}{suffix}", "Extract", kind,
+                            f"{what} as used, densely into pDst", params, body))
+    for ty in ("32f", "64f"):
+        t = TYPES[ty]
+        for desc in ("Std", "L", "P"):
+            dst = Operand("m", True, "dst", desc, t, False)
+            params = dst.params() + [("int", "width"), ("int", "height"), ("int", "count")]
+            d = {"Std": "S", "P": "P", "L": "L"}[desc]
+            body = (f"return loadIdentity(identityOrder({'true' if ty == '32f' else 'false'}, Desc::{d}),\n"
+                    f"        {dst.view()},\n        Dims{{width, height, count}});")
+            suffix = "" if desc == "Std" else "_" + desc
+            out.append((f"omkmLoadIdentity_ma_{ty}{suffix}", "LoadIdentity", "ma",
+                        "zeros, and ones on the diagonal of each matrix's leading square part", params, body))
+    return out
+
+
+def transpose_members():
+    """Every Transpose export, as (name, op, group, comment, params, body)."""
+    out = []
+    for group in ("m", "ma"):
+        array = group == "ma"
+        for ty in ("32f", "64f"):
+            t = TYPES[ty]
+            for desc in ("Std", "L", "P") if array else ("Std", "P"):
+                src = Operand("m", array, "src", desc, t, True)
+                dst = Operand("m", array, "dst", desc, t, False)
+                params = src.params() + [("int", "width"), ("int", "height")] + dst.params()
+                params += [("int", "count")] if array else []
+                if desc == "P":
+                    names = [n for _, n in dst.params()]
+                    dview = f"mat{'Arr' if array else ''}P({', '.join(names)}, height, width)"
+                else:
+                    dview = dst.view()
+                count = "count" if array else "1"
+                body = (f"return transpose(\n        {dview},\n        {src.view()},\n"
+                        f"        Dims{{width, height, {count}}});")
+                suffix = "" if desc == "Std" else "_" + desc
+                out.append((f"omkmTranspose_{group}_{ty}{suffix}", "Transpose", group,
+                            "dst (width rows of height) = the transpose of src (height rows of width)"
+                            + (", each matrix of an array" if array else ""), params, body))
+    out.append(("omkmTranspose_m4_32f", "Transpose", "m4", "16 contiguous floats, no checks; pDst may be pSrc",
+                [("const Omk32f*", "pSrc"), ("Omk32f*", "pDst")], "return transpose4(pSrc, pDst);"))
     return out
 
 
@@ -819,6 +909,24 @@ SAXPY_NOTE = """\
 """
 
 
+MOVE_NOTE = """\
+ * Elements move as raw 32- or 64-bit words, so every bit pattern (NaN payloads, -0.0) is kept. On the
+ * calling thread only. Source and destination must not overlap unless they are the same memory.
+ * Check orders (N null, S sizes, C count, T strides, E element strides, R ROI shifts, O object
+ * strides, the last tested only when count > 1, so a one-object Copy takes any object stride):
+ *   Copy: N S C E R O; Copy_ma PP, Copy_va PP, Copy_va_32f LP and SP: N S C R E O.
+ *   Extract m, t, v: N S T; their _P: S N R, except Extract_v_32f_P: N S R. Extract ma, ta, va:
+ *   N S C T; their _P and _L: N S C R T. A t operand is extracted as used, that is transposed.
+ *   LoadIdentity: N S C T; _L: N S C T R; _32f_P: N S R C T; _64f_P: N S C R T.
+ *   Transpose m: N S T (_P: N S R); ma: N C S T (_P, _L: N C S R T).
+ * Transpose: 32-bit matrices whose element strides are 4 go in bands of 64 source rows; a call or
+ * matrix larger than the largest cache (omkGetMaxCacheSizeB; arrays with more than 0x20000 bytes of
+ * traffic 8*width*height*count over three quarters of it, single matrices with both sides at least
+ * 129 and 8*width*height over it) is written with non-temporal stores. Every path gives the same
+ * bits.
+"""
+
+
 DOT_CROSS_NOTE = """\
  * Dot products write `count` consecutive scalars to pDst. Rounding orders (p_k = a_k*b_k rounded,
  * fma(x, y, z) rounded once): _v2 fma(a0,b0,a1*b1); _v3 fma(a2,b2,fma(a0,b0,a1*b1)); _v4
@@ -994,7 +1102,8 @@ def outputs():
     dot_cross, norms, gaxpy = dot_cross_members(), norm_members(), gaxpy_members()
     graphics, points = graphics_members(), point_members()
     saxpy = saxpy_members()
-    names = ["omkmGetLibVersion"] + [m[0] for m in add_sub + saxpy + mul + scale + dot_cross + norms + gaxpy
+    moves, transposes = move_members(), transpose_members()
+    names = ["omkmGetLibVersion"] + [m[0] for m in add_sub + saxpy + moves + transposes + mul + scale + dot_cross + norms + gaxpy
                                      + solvers + det_inv_qr + eigen_sym + graphics + points]
     unknown = sorted(set(names) - set(api_names()))
     if unknown or len(set(names)) != len(names):
@@ -1003,6 +1112,8 @@ def outputs():
         "include/omkm.h": header([("Add: dst = first + second", add),
                                   ("Sub: dst = first - second, operands in name order", sub),
                                   ("Saxpy and LComb: scaled sums of vectors", saxpy, SAXPY_NOTE),
+                                  ("Copy, Extract, LoadIdentity and Transpose: data movement", moves + transposes,
+                                   MOVE_NOTE),
                                   ("Mul: dst = first * second, matrices and vectors", mul),
                                   ("Mul by a constant: dst = src * val, one rounding per element", scale),
                                   ("Dot and cross products", dot_cross, DOT_CROSS_NOTE),
@@ -1025,6 +1136,10 @@ def outputs():
                                   ("Point transforms", points, POINT_TRANSFORM_NOTE)]),
         "src/elementwise/add_entries.cpp": entries(add, "Add functions", "elementwise/add_sub.h", "omk::addsub"),
         "src/elementwise/sub_entries.cpp": entries(sub, "Sub functions", "elementwise/add_sub.h", "omk::addsub"),
+        "src/elementwise/move_entries.cpp": entries(moves, "Copy, Extract and LoadIdentity functions",
+                                                    "elementwise/data_movement.h", "omk::move"),
+        "src/elementwise/transpose_entries.cpp": entries(transposes, "Transpose functions",
+                                                         "elementwise/transpose.h", "omk::transposition"),
         "src/elementwise/saxpy_entries.cpp": entries(saxpy, "Saxpy and LComb functions", "elementwise/saxpy.h",
                                                      "omk::saxpy"),
         "src/products/scale_entries.cpp": entries(scale, "products with a constant", "products/scale.h", "omk::scale"),
