@@ -918,7 +918,7 @@ MOVE_NOTE = """\
  *   Extract m, t, v: N S T; their _P: S N R, except Extract_v_32f_P: N S R. Extract ma, ta, va:
  *   N S C T; their _P and _L: N S C R T. A t operand is extracted as used, that is transposed.
  *   LoadIdentity: N S C T; _L: N S C T R; _32f_P: N S R C T; _64f_P: N S C R T.
- *   Transpose m: N S T (_P: N S R); ma: N C S T (_P, _L: N C S R T).
+ *   Transpose m: N S T (_P: N S R); ma: N C S T (_P, _L: N C S T R).
  * Transpose: 32-bit matrices whose element strides are 4 go in bands of 64 source rows; a call or
  * matrix larger than the largest cache (omkGetMaxCacheSizeB; arrays with more than 0x20000 bytes of
  * traffic 8*width*height*count over three quarters of it, single matrices with both sides at least

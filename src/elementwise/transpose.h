@@ -38,9 +38,7 @@ inline int32_t maxCacheBytes() {
     return size;
 }
 
-// One band of source rows [r0, r1) of a packed-row matrix into destination columns [r0, r1).
-// Blocks of 4x4 go through registers; the edges element by element. NT selects non-temporal
-// stores (movnti, which needs no alignment).
+// One element's bits to p; NT with a non-temporal store (movnti, which needs no alignment).
 template <bool NT, class T>
 inline void put(T* p, T v) {
     if constexpr (!NT) {
@@ -56,25 +54,54 @@ inline void put(T* p, T v) {
     }
 }
 
+// An 8x8 block of floats through registers: rows r[0..7] in, columns out.
+inline void transpose8(__m256 r[8]) {
+    __m256 t[8], u[8];
+    for (int q = 0; q < 8; q += 2) {
+        t[q] = _mm256_unpacklo_ps(r[q], r[q + 1]);
+        t[q + 1] = _mm256_unpackhi_ps(r[q], r[q + 1]);
+    }
+    for (int q = 0; q < 8; q += 4) {
+        u[q] = _mm256_shuffle_ps(t[q], t[q + 2], 0x44);
+        u[q + 1] = _mm256_shuffle_ps(t[q], t[q + 2], 0xEE);
+        u[q + 2] = _mm256_shuffle_ps(t[q + 1], t[q + 3], 0x44);
+        u[q + 3] = _mm256_shuffle_ps(t[q + 1], t[q + 3], 0xEE);
+    }
+    for (int q = 0; q < 4; ++q) {
+        r[q] = _mm256_permute2f128_ps(u[q], u[q + 4], 0x20);
+        r[q + 4] = _mm256_permute2f128_ps(u[q], u[q + 4], 0x31);
+    }
+}
+
+// One band of source rows [r0, r1) of a packed-row matrix into destination columns [r0, r1):
+// 32-bit elements in 8x8 blocks through registers, the edges (and 64-bit elements) one by one.
+// NT writes with non-temporal stores: whole aligned 32-byte block rows with vmovntps, everything
+// else with movnti, which needs no alignment.
 template <bool NT, class T>
 void band(const StridedObject<const T>& s, const StridedObject<T>& d, int32_t r0, int32_t r1, int32_t w) {
     int32_t j = 0;
-    if constexpr (sizeof(T) == 4 && !NT) {
-        for (; j + 4 <= w; j += 4) {
+    if constexpr (sizeof(T) == 4) {
+        for (; j + 8 <= w; j += 8) {
             int32_t i = r0;
-            for (; i + 4 <= r1; i += 4) {
-                __m128 a = _mm_loadu_ps(reinterpret_cast<const float*>(s.row(i) + j));
-                __m128 b = _mm_loadu_ps(reinterpret_cast<const float*>(s.row(i + 1) + j));
-                __m128 c = _mm_loadu_ps(reinterpret_cast<const float*>(s.row(i + 2) + j));
-                __m128 e = _mm_loadu_ps(reinterpret_cast<const float*>(s.row(i + 3) + j));
-                _MM_TRANSPOSE4_PS(a, b, c, e);
-                _mm_storeu_ps(reinterpret_cast<float*>(d.row(j) + i), a);
-                _mm_storeu_ps(reinterpret_cast<float*>(d.row(j + 1) + i), b);
-                _mm_storeu_ps(reinterpret_cast<float*>(d.row(j + 2) + i), c);
-                _mm_storeu_ps(reinterpret_cast<float*>(d.row(j + 3) + i), e);
+            for (; i + 8 <= r1; i += 8) {
+                __m256 r[8];
+                for (int q = 0; q < 8; ++q) r[q] = _mm256_loadu_ps(reinterpret_cast<const float*>(s.row(i + q) + j));
+                transpose8(r);
+                for (int q = 0; q < 8; ++q) {
+                    float* out = reinterpret_cast<float*>(d.row(j + q) + i);
+                    if (NT && reinterpret_cast<uintptr_t>(out) % 32 == 0) {
+                        _mm256_stream_ps(out, r[q]);
+                    } else if (NT) {
+                        alignas(32) float lanes[8];
+                        _mm256_store_ps(lanes, r[q]);
+                        for (int e = 0; e < 8; ++e) put<true>(reinterpret_cast<T*>(out) + e, T(lanes[e]));
+                    } else {
+                        _mm256_storeu_ps(out, r[q]);
+                    }
+                }
             }
             for (; i < r1; ++i)
-                for (int32_t q = j; q < j + 4; ++q) d.row(q)[i] = s.row(i)[q];
+                for (int32_t q = j; q < j + 8; ++q) put<NT>(d.row(q) + i, s.row(i)[q]);
         }
     }
     for (; j < w; ++j)
