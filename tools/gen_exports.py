@@ -226,8 +226,8 @@ def move_members():
                     src = Operand(kind, True, "src", MOVE_DESCS[sd], t, True)
                     dst = Operand(kind, True, "dst", MOVE_DESCS[dd], t, False)
                     params = src.params() + dst.params() + sizes + [("int", "count")]
-                    order = (f"copyOrder({'true' if kind == 'v' else 'false'}, {'true' if ty == '32f' else 'false'}, "
-                             f"Desc::{sd}, Desc::{dd})")
+                    order = (f"orderOf({{Op::Copy, Kind::{group}, {'true' if ty == '32f' else 'false'}, "
+                             f"Desc::{sd}, Desc::{dd}}})")
                     body = (f"return copy({order},\n        {dst.view()},\n        {src.view()},\n"
                             f"        Dims{{{dims}, count}});")
                     what = "matrices" if kind == "m" else "vectors"
@@ -244,8 +244,7 @@ def move_members():
                 sizes = [("int", "len")] if vector else [("int", "width"), ("int", "height")]
                 params = src.params() + [(f"{t}*", "pDst")] + sizes + ([("int", "count")] if array else [])
                 d = {"Std": "S", "P": "P", "L": "L"}[desc]
-                order = (f"extractOrder({'true' if array else 'false'}, {'true' if vector else 'false'}, "
-                         f"{'true' if ty == '32f' else 'false'}, Desc::{d})")
+                order = f"orderOf({{Op::Extract, Kind::{kind}, {'true' if ty == '32f' else 'false'}, Desc::{d}, Desc::S}})"
                 dims = ("len, 1" if vector else "width, height") + (", count" if array else ", 1")
                 body = f"return extract({order},\n        pDst,\n        {src.view()},\n        Dims{{{dims}}});"
                 suffix = "" if desc == "Std" else "_" + desc
@@ -260,7 +259,8 @@ def move_members():
             dst = Operand("m", True, "dst", desc, t, False)
             params = dst.params() + [("int", "width"), ("int", "height"), ("int", "count")]
             d = {"Std": "S", "P": "P", "L": "L"}[desc]
-            body = (f"return loadIdentity(identityOrder({'true' if ty == '32f' else 'false'}, Desc::{d}),\n"
+            body = (f"return loadIdentity(orderOf({{Op::LoadIdentity, Kind::ma, {'true' if ty == '32f' else 'false'}, "
+                    f"Desc::{d}, Desc::S}}),\n"
                     f"        {dst.view()},\n        Dims{{width, height, count}});")
             suffix = "" if desc == "Std" else "_" + desc
             out.append((f"omkmLoadIdentity_ma_{ty}{suffix}", "LoadIdentity", "ma",

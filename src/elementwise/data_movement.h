@@ -19,40 +19,67 @@ enum class Desc { S, P, L };
 using C = Check;
 
 // ---- check orders ----
-// Copy: null, size, count, element strides, ROI shifts, object strides (only when count > 1).
-inline constexpr CheckOrder kCopyOrder{C::Null, C::Size, C::Count, C::ElementStride, C::RoiShift, C::ObjectStride};
-// Copy_ma PP (both types), Copy_va PP (both types), Copy_va_32f LP and SP: the ROI shifts first.
-inline constexpr CheckOrder kCopyRoiFirst{C::Null, C::Size, C::Count, C::RoiShift, C::ElementStride,
-                                          C::ObjectStride};
+// N null, S sizes, C count, T strides, R ROI shifts; Copy splits the strides into element strides
+// and object strides, the latter tested last and only when count > 1.
+enum class Op : uint8_t { Copy, Extract, LoadIdentity };
+enum class Kind : uint8_t { m, t, v, ma, ta, va };
+// A member: its family, operand kind, element type and description (for Copy, of the source; the
+// destination's is `copyDst`).
+struct Member {
+    Op op;
+    Kind kind;
+    bool f32;
+    Desc desc, copyDst;
+    constexpr bool operator==(const Member& o) const {
+        return op == o.op && kind == o.kind && f32 == o.f32 && desc == o.desc && copyDst == o.copyDst;
+    }
+};
 
-constexpr CheckOrder copyOrder(bool vector, bool f32, Desc src, Desc dst) {
-    if (src == Desc::P && dst == Desc::P) return kCopyRoiFirst;
-    if (vector && f32 && dst == Desc::P && (src == Desc::L || src == Desc::S)) return kCopyRoiFirst;
-    return kCopyOrder;  // the SS members have no ROI shift, so the step passes
+// The families' rules. Copy: N S C T(elements) R T(objects), where the SS members' ROI step passes.
+// Extract single objects: N S T (_P: N S R); arrays N S C T (_P, _L: N S C R T). LoadIdentity:
+// N S C T (_L: N S C T R, _P: N S C R T).
+constexpr CheckOrder regularOrder(const Member& m) {
+    const bool array = m.kind == Kind::ma || m.kind == Kind::ta || m.kind == Kind::va;
+    switch (m.op) {
+    case Op::Copy: return {C::Null, C::Size, C::Count, C::ElementStride, C::RoiShift, C::ObjectStride};
+    case Op::Extract:
+        if (!array)
+            return m.desc == Desc::S ? CheckOrder{C::Null, C::Size, C::Stride} : CheckOrder{C::Null, C::Size, C::RoiShift};
+        return m.desc == Desc::S ? CheckOrder{C::Null, C::Size, C::Count, C::Stride}
+                                 : CheckOrder{C::Null, C::Size, C::Count, C::RoiShift, C::Stride};
+    default:
+        return m.desc == Desc::S   ? CheckOrder{C::Null, C::Size, C::Count, C::Stride}
+               : m.desc == Desc::L ? CheckOrder{C::Null, C::Size, C::Count, C::Stride, C::RoiShift}
+                                   : CheckOrder{C::Null, C::Size, C::Count, C::RoiShift, C::Stride};
+    }
 }
 
-// Extract: single objects null, size, strides (_P: size, null, ROI; but v_32f_P null, size, ROI);
-// arrays null, size, count, strides (_P, _L: ROI before strides).
-constexpr CheckOrder extractOrder(bool array, bool vector, bool f32, Desc d) {
-    if (!array) {
-        if (d == Desc::S) return {C::Null, C::Size, C::Stride};
-        if (vector && f32) return {C::Null, C::Size, C::RoiShift};
-        return {C::Size, C::Null, C::RoiShift};
-    }
-    if (d == Desc::S) return {C::Null, C::Size, C::Count, C::Stride};
-    return {C::Null, C::Size, C::Count, C::RoiShift, C::Stride};
-}
+// The members that depart from their family's rule, one line each.
+struct OrderException {
+    Member member;
+    CheckOrder order;
+};
+inline constexpr CheckOrder kCopyRoiFirst{C::Null, C::Size, C::Count, C::RoiShift, C::ElementStride, C::ObjectStride};
+inline constexpr CheckOrder kSizeBeforeNull{C::Size, C::Null, C::RoiShift};
+constexpr OrderException kOrderExceptions[] = {
+    {{Op::Copy, Kind::ma, true, Desc::P, Desc::P}, kCopyRoiFirst},
+    {{Op::Copy, Kind::ma, false, Desc::P, Desc::P}, kCopyRoiFirst},
+    {{Op::Copy, Kind::va, true, Desc::P, Desc::P}, kCopyRoiFirst},
+    {{Op::Copy, Kind::va, false, Desc::P, Desc::P}, kCopyRoiFirst},
+    {{Op::Copy, Kind::va, true, Desc::L, Desc::P}, kCopyRoiFirst},
+    {{Op::Copy, Kind::va, true, Desc::S, Desc::P}, kCopyRoiFirst},
+    {{Op::Extract, Kind::m, true, Desc::P, Desc::S}, kSizeBeforeNull},
+    {{Op::Extract, Kind::m, false, Desc::P, Desc::S}, kSizeBeforeNull},
+    {{Op::Extract, Kind::t, true, Desc::P, Desc::S}, kSizeBeforeNull},
+    {{Op::Extract, Kind::t, false, Desc::P, Desc::S}, kSizeBeforeNull},
+    {{Op::Extract, Kind::v, false, Desc::P, Desc::S}, kSizeBeforeNull},
+    {{Op::LoadIdentity, Kind::ma, true, Desc::P, Desc::S}, {C::Null, C::Size, C::RoiShift, C::Count, C::Stride}},
+};
 
-// LoadIdentity: null, size, count, strides; _L then ROI; _P 32f ROI before count, _P 64f ROI before
-// strides.
-constexpr CheckOrder identityOrder(bool f32, Desc d) {
-    switch (d) {
-    case Desc::L: return {C::Null, C::Size, C::Count, C::Stride, C::RoiShift};
-    case Desc::P:
-        return f32 ? CheckOrder{C::Null, C::Size, C::RoiShift, C::Count, C::Stride}
-                   : CheckOrder{C::Null, C::Size, C::Count, C::RoiShift, C::Stride};
-    default: return {C::Null, C::Size, C::Count, C::Stride};
-    }
+constexpr CheckOrder orderOf(const Member& m) {
+    for (const OrderException& e : kOrderExceptions)
+        if (e.member == m) return e.order;
+    return regularOrder(m);
 }
 
 // ---- kernels ----

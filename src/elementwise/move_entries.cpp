@@ -11,7 +11,7 @@ extern "C" {
 OMKM_API OmkStatus omkmCopy_ma_32f_SS(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
                                       Omk32f* pDst, int dstStride0, int dstStride1, int dstStride2, int width,
                                       int height, int count) {
-    return copy(copyOrder(false, true, Desc::S, Desc::S),
+    return copy(orderOf({Op::Copy, Kind::ma, true, Desc::S, Desc::S}),
         matArr(pDst, dstStride0, dstStride1, dstStride2),
         matArr(pSrc, srcStride0, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -20,7 +20,7 @@ OMKM_API OmkStatus omkmCopy_ma_32f_SS(const Omk32f* pSrc, int srcStride0, int sr
 OMKM_API OmkStatus omkmCopy_ma_32f_SP(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
                                       Omk32f** ppDst, int dstRoiShift, int dstStride0, int width, int height,
                                       int count) {
-    return copy(copyOrder(false, true, Desc::S, Desc::P),
+    return copy(orderOf({Op::Copy, Kind::ma, true, Desc::S, Desc::P}),
         matArrP(ppDst, dstRoiShift, dstStride0, width, height),
         matArr(pSrc, srcStride0, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -29,7 +29,7 @@ OMKM_API OmkStatus omkmCopy_ma_32f_SP(const Omk32f* pSrc, int srcStride0, int sr
 OMKM_API OmkStatus omkmCopy_ma_32f_SL(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
                                       Omk32f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
                                       int width, int height, int count) {
-    return copy(copyOrder(false, true, Desc::S, Desc::L),
+    return copy(orderOf({Op::Copy, Kind::ma, true, Desc::S, Desc::L}),
         matArrL(ppDst, dstRoiShift, dstStride1, dstStride2),
         matArr(pSrc, srcStride0, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -38,7 +38,7 @@ OMKM_API OmkStatus omkmCopy_ma_32f_SL(const Omk32f* pSrc, int srcStride0, int sr
 OMKM_API OmkStatus omkmCopy_ma_32f_PS(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f* pDst,
                                       int dstStride0, int dstStride1, int dstStride2, int width, int height,
                                       int count) {
-    return copy(copyOrder(false, true, Desc::P, Desc::S),
+    return copy(orderOf({Op::Copy, Kind::ma, true, Desc::P, Desc::S}),
         matArr(pDst, dstStride0, dstStride1, dstStride2),
         matArrP(ppSrc, srcRoiShift, srcStride0, width, height),
         Dims{width, height, count});
@@ -46,7 +46,7 @@ OMKM_API OmkStatus omkmCopy_ma_32f_PS(const Omk32f** ppSrc, int srcRoiShift, int
 
 OMKM_API OmkStatus omkmCopy_ma_32f_PP(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f** ppDst,
                                       int dstRoiShift, int dstStride0, int width, int height, int count) {
-    return copy(copyOrder(false, true, Desc::P, Desc::P),
+    return copy(orderOf({Op::Copy, Kind::ma, true, Desc::P, Desc::P}),
         matArrP(ppDst, dstRoiShift, dstStride0, width, height),
         matArrP(ppSrc, srcRoiShift, srcStride0, width, height),
         Dims{width, height, count});
@@ -55,7 +55,7 @@ OMKM_API OmkStatus omkmCopy_ma_32f_PP(const Omk32f** ppSrc, int srcRoiShift, int
 OMKM_API OmkStatus omkmCopy_ma_32f_PL(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f** ppDst,
                                       int dstRoiShift, int dstStride1, int dstStride2, int width, int height,
                                       int count) {
-    return copy(copyOrder(false, true, Desc::P, Desc::L),
+    return copy(orderOf({Op::Copy, Kind::ma, true, Desc::P, Desc::L}),
         matArrL(ppDst, dstRoiShift, dstStride1, dstStride2),
         matArrP(ppSrc, srcRoiShift, srcStride0, width, height),
         Dims{width, height, count});
@@ -64,7 +64,7 @@ OMKM_API OmkStatus omkmCopy_ma_32f_PL(const Omk32f** ppSrc, int srcRoiShift, int
 OMKM_API OmkStatus omkmCopy_ma_32f_LS(const Omk32f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
                                       Omk32f* pDst, int dstStride0, int dstStride1, int dstStride2, int width,
                                       int height, int count) {
-    return copy(copyOrder(false, true, Desc::L, Desc::S),
+    return copy(orderOf({Op::Copy, Kind::ma, true, Desc::L, Desc::S}),
         matArr(pDst, dstStride0, dstStride1, dstStride2),
         matArrL(ppSrc, srcRoiShift, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -73,7 +73,7 @@ OMKM_API OmkStatus omkmCopy_ma_32f_LS(const Omk32f** ppSrc, int srcRoiShift, int
 OMKM_API OmkStatus omkmCopy_ma_32f_LP(const Omk32f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
                                       Omk32f** ppDst, int dstRoiShift, int dstStride0, int width, int height,
                                       int count) {
-    return copy(copyOrder(false, true, Desc::L, Desc::P),
+    return copy(orderOf({Op::Copy, Kind::ma, true, Desc::L, Desc::P}),
         matArrP(ppDst, dstRoiShift, dstStride0, width, height),
         matArrL(ppSrc, srcRoiShift, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -82,7 +82,7 @@ OMKM_API OmkStatus omkmCopy_ma_32f_LP(const Omk32f** ppSrc, int srcRoiShift, int
 OMKM_API OmkStatus omkmCopy_ma_32f_LL(const Omk32f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
                                       Omk32f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
                                       int width, int height, int count) {
-    return copy(copyOrder(false, true, Desc::L, Desc::L),
+    return copy(orderOf({Op::Copy, Kind::ma, true, Desc::L, Desc::L}),
         matArrL(ppDst, dstRoiShift, dstStride1, dstStride2),
         matArrL(ppSrc, srcRoiShift, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -91,7 +91,7 @@ OMKM_API OmkStatus omkmCopy_ma_32f_LL(const Omk32f** ppSrc, int srcRoiShift, int
 OMKM_API OmkStatus omkmCopy_ma_64f_SS(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
                                       Omk64f* pDst, int dstStride0, int dstStride1, int dstStride2, int width,
                                       int height, int count) {
-    return copy(copyOrder(false, false, Desc::S, Desc::S),
+    return copy(orderOf({Op::Copy, Kind::ma, false, Desc::S, Desc::S}),
         matArr(pDst, dstStride0, dstStride1, dstStride2),
         matArr(pSrc, srcStride0, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -100,7 +100,7 @@ OMKM_API OmkStatus omkmCopy_ma_64f_SS(const Omk64f* pSrc, int srcStride0, int sr
 OMKM_API OmkStatus omkmCopy_ma_64f_SP(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
                                       Omk64f** ppDst, int dstRoiShift, int dstStride0, int width, int height,
                                       int count) {
-    return copy(copyOrder(false, false, Desc::S, Desc::P),
+    return copy(orderOf({Op::Copy, Kind::ma, false, Desc::S, Desc::P}),
         matArrP(ppDst, dstRoiShift, dstStride0, width, height),
         matArr(pSrc, srcStride0, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -109,7 +109,7 @@ OMKM_API OmkStatus omkmCopy_ma_64f_SP(const Omk64f* pSrc, int srcStride0, int sr
 OMKM_API OmkStatus omkmCopy_ma_64f_SL(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
                                       Omk64f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
                                       int width, int height, int count) {
-    return copy(copyOrder(false, false, Desc::S, Desc::L),
+    return copy(orderOf({Op::Copy, Kind::ma, false, Desc::S, Desc::L}),
         matArrL(ppDst, dstRoiShift, dstStride1, dstStride2),
         matArr(pSrc, srcStride0, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -118,7 +118,7 @@ OMKM_API OmkStatus omkmCopy_ma_64f_SL(const Omk64f* pSrc, int srcStride0, int sr
 OMKM_API OmkStatus omkmCopy_ma_64f_PS(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f* pDst,
                                       int dstStride0, int dstStride1, int dstStride2, int width, int height,
                                       int count) {
-    return copy(copyOrder(false, false, Desc::P, Desc::S),
+    return copy(orderOf({Op::Copy, Kind::ma, false, Desc::P, Desc::S}),
         matArr(pDst, dstStride0, dstStride1, dstStride2),
         matArrP(ppSrc, srcRoiShift, srcStride0, width, height),
         Dims{width, height, count});
@@ -126,7 +126,7 @@ OMKM_API OmkStatus omkmCopy_ma_64f_PS(const Omk64f** ppSrc, int srcRoiShift, int
 
 OMKM_API OmkStatus omkmCopy_ma_64f_PP(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f** ppDst,
                                       int dstRoiShift, int dstStride0, int width, int height, int count) {
-    return copy(copyOrder(false, false, Desc::P, Desc::P),
+    return copy(orderOf({Op::Copy, Kind::ma, false, Desc::P, Desc::P}),
         matArrP(ppDst, dstRoiShift, dstStride0, width, height),
         matArrP(ppSrc, srcRoiShift, srcStride0, width, height),
         Dims{width, height, count});
@@ -135,7 +135,7 @@ OMKM_API OmkStatus omkmCopy_ma_64f_PP(const Omk64f** ppSrc, int srcRoiShift, int
 OMKM_API OmkStatus omkmCopy_ma_64f_PL(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f** ppDst,
                                       int dstRoiShift, int dstStride1, int dstStride2, int width, int height,
                                       int count) {
-    return copy(copyOrder(false, false, Desc::P, Desc::L),
+    return copy(orderOf({Op::Copy, Kind::ma, false, Desc::P, Desc::L}),
         matArrL(ppDst, dstRoiShift, dstStride1, dstStride2),
         matArrP(ppSrc, srcRoiShift, srcStride0, width, height),
         Dims{width, height, count});
@@ -144,7 +144,7 @@ OMKM_API OmkStatus omkmCopy_ma_64f_PL(const Omk64f** ppSrc, int srcRoiShift, int
 OMKM_API OmkStatus omkmCopy_ma_64f_LS(const Omk64f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
                                       Omk64f* pDst, int dstStride0, int dstStride1, int dstStride2, int width,
                                       int height, int count) {
-    return copy(copyOrder(false, false, Desc::L, Desc::S),
+    return copy(orderOf({Op::Copy, Kind::ma, false, Desc::L, Desc::S}),
         matArr(pDst, dstStride0, dstStride1, dstStride2),
         matArrL(ppSrc, srcRoiShift, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -153,7 +153,7 @@ OMKM_API OmkStatus omkmCopy_ma_64f_LS(const Omk64f** ppSrc, int srcRoiShift, int
 OMKM_API OmkStatus omkmCopy_ma_64f_LP(const Omk64f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
                                       Omk64f** ppDst, int dstRoiShift, int dstStride0, int width, int height,
                                       int count) {
-    return copy(copyOrder(false, false, Desc::L, Desc::P),
+    return copy(orderOf({Op::Copy, Kind::ma, false, Desc::L, Desc::P}),
         matArrP(ppDst, dstRoiShift, dstStride0, width, height),
         matArrL(ppSrc, srcRoiShift, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -162,7 +162,7 @@ OMKM_API OmkStatus omkmCopy_ma_64f_LP(const Omk64f** ppSrc, int srcRoiShift, int
 OMKM_API OmkStatus omkmCopy_ma_64f_LL(const Omk64f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
                                       Omk64f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
                                       int width, int height, int count) {
-    return copy(copyOrder(false, false, Desc::L, Desc::L),
+    return copy(orderOf({Op::Copy, Kind::ma, false, Desc::L, Desc::L}),
         matArrL(ppDst, dstRoiShift, dstStride1, dstStride2),
         matArrL(ppSrc, srcRoiShift, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -170,7 +170,7 @@ OMKM_API OmkStatus omkmCopy_ma_64f_LL(const Omk64f** ppSrc, int srcRoiShift, int
 
 OMKM_API OmkStatus omkmCopy_va_32f_SS(const Omk32f* pSrc, int srcStride0, int srcStride2, Omk32f* pDst,
                                       int dstStride0, int dstStride2, int len, int count) {
-    return copy(copyOrder(true, true, Desc::S, Desc::S),
+    return copy(orderOf({Op::Copy, Kind::va, true, Desc::S, Desc::S}),
         vecArr(pDst, dstStride0, dstStride2),
         vecArr(pSrc, srcStride0, srcStride2),
         Dims{len, 1, count});
@@ -178,7 +178,7 @@ OMKM_API OmkStatus omkmCopy_va_32f_SS(const Omk32f* pSrc, int srcStride0, int sr
 
 OMKM_API OmkStatus omkmCopy_va_32f_SP(const Omk32f* pSrc, int srcStride0, int srcStride2, Omk32f** ppDst,
                                       int dstRoiShift, int dstStride0, int len, int count) {
-    return copy(copyOrder(true, true, Desc::S, Desc::P),
+    return copy(orderOf({Op::Copy, Kind::va, true, Desc::S, Desc::P}),
         vecArrP(ppDst, dstRoiShift, dstStride0),
         vecArr(pSrc, srcStride0, srcStride2),
         Dims{len, 1, count});
@@ -186,7 +186,7 @@ OMKM_API OmkStatus omkmCopy_va_32f_SP(const Omk32f* pSrc, int srcStride0, int sr
 
 OMKM_API OmkStatus omkmCopy_va_32f_SL(const Omk32f* pSrc, int srcStride0, int srcStride2, Omk32f** ppDst,
                                       int dstRoiShift, int dstStride2, int len, int count) {
-    return copy(copyOrder(true, true, Desc::S, Desc::L),
+    return copy(orderOf({Op::Copy, Kind::va, true, Desc::S, Desc::L}),
         vecArrL(ppDst, dstRoiShift, dstStride2),
         vecArr(pSrc, srcStride0, srcStride2),
         Dims{len, 1, count});
@@ -194,7 +194,7 @@ OMKM_API OmkStatus omkmCopy_va_32f_SL(const Omk32f* pSrc, int srcStride0, int sr
 
 OMKM_API OmkStatus omkmCopy_va_32f_PS(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f* pDst,
                                       int dstStride0, int dstStride2, int len, int count) {
-    return copy(copyOrder(true, true, Desc::P, Desc::S),
+    return copy(orderOf({Op::Copy, Kind::va, true, Desc::P, Desc::S}),
         vecArr(pDst, dstStride0, dstStride2),
         vecArrP(ppSrc, srcRoiShift, srcStride0),
         Dims{len, 1, count});
@@ -202,7 +202,7 @@ OMKM_API OmkStatus omkmCopy_va_32f_PS(const Omk32f** ppSrc, int srcRoiShift, int
 
 OMKM_API OmkStatus omkmCopy_va_32f_PP(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f** ppDst,
                                       int dstRoiShift, int dstStride0, int len, int count) {
-    return copy(copyOrder(true, true, Desc::P, Desc::P),
+    return copy(orderOf({Op::Copy, Kind::va, true, Desc::P, Desc::P}),
         vecArrP(ppDst, dstRoiShift, dstStride0),
         vecArrP(ppSrc, srcRoiShift, srcStride0),
         Dims{len, 1, count});
@@ -210,7 +210,7 @@ OMKM_API OmkStatus omkmCopy_va_32f_PP(const Omk32f** ppSrc, int srcRoiShift, int
 
 OMKM_API OmkStatus omkmCopy_va_32f_PL(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f** ppDst,
                                       int dstRoiShift, int dstStride2, int len, int count) {
-    return copy(copyOrder(true, true, Desc::P, Desc::L),
+    return copy(orderOf({Op::Copy, Kind::va, true, Desc::P, Desc::L}),
         vecArrL(ppDst, dstRoiShift, dstStride2),
         vecArrP(ppSrc, srcRoiShift, srcStride0),
         Dims{len, 1, count});
@@ -218,7 +218,7 @@ OMKM_API OmkStatus omkmCopy_va_32f_PL(const Omk32f** ppSrc, int srcRoiShift, int
 
 OMKM_API OmkStatus omkmCopy_va_32f_LS(const Omk32f** ppSrc, int srcRoiShift, int srcStride2, Omk32f* pDst,
                                       int dstStride0, int dstStride2, int len, int count) {
-    return copy(copyOrder(true, true, Desc::L, Desc::S),
+    return copy(orderOf({Op::Copy, Kind::va, true, Desc::L, Desc::S}),
         vecArr(pDst, dstStride0, dstStride2),
         vecArrL(ppSrc, srcRoiShift, srcStride2),
         Dims{len, 1, count});
@@ -226,7 +226,7 @@ OMKM_API OmkStatus omkmCopy_va_32f_LS(const Omk32f** ppSrc, int srcRoiShift, int
 
 OMKM_API OmkStatus omkmCopy_va_32f_LP(const Omk32f** ppSrc, int srcRoiShift, int srcStride2, Omk32f** ppDst,
                                       int dstRoiShift, int dstStride0, int len, int count) {
-    return copy(copyOrder(true, true, Desc::L, Desc::P),
+    return copy(orderOf({Op::Copy, Kind::va, true, Desc::L, Desc::P}),
         vecArrP(ppDst, dstRoiShift, dstStride0),
         vecArrL(ppSrc, srcRoiShift, srcStride2),
         Dims{len, 1, count});
@@ -234,7 +234,7 @@ OMKM_API OmkStatus omkmCopy_va_32f_LP(const Omk32f** ppSrc, int srcRoiShift, int
 
 OMKM_API OmkStatus omkmCopy_va_32f_LL(const Omk32f** ppSrc, int srcRoiShift, int srcStride2, Omk32f** ppDst,
                                       int dstRoiShift, int dstStride2, int len, int count) {
-    return copy(copyOrder(true, true, Desc::L, Desc::L),
+    return copy(orderOf({Op::Copy, Kind::va, true, Desc::L, Desc::L}),
         vecArrL(ppDst, dstRoiShift, dstStride2),
         vecArrL(ppSrc, srcRoiShift, srcStride2),
         Dims{len, 1, count});
@@ -242,7 +242,7 @@ OMKM_API OmkStatus omkmCopy_va_32f_LL(const Omk32f** ppSrc, int srcRoiShift, int
 
 OMKM_API OmkStatus omkmCopy_va_64f_SS(const Omk64f* pSrc, int srcStride0, int srcStride2, Omk64f* pDst,
                                       int dstStride0, int dstStride2, int len, int count) {
-    return copy(copyOrder(true, false, Desc::S, Desc::S),
+    return copy(orderOf({Op::Copy, Kind::va, false, Desc::S, Desc::S}),
         vecArr(pDst, dstStride0, dstStride2),
         vecArr(pSrc, srcStride0, srcStride2),
         Dims{len, 1, count});
@@ -250,7 +250,7 @@ OMKM_API OmkStatus omkmCopy_va_64f_SS(const Omk64f* pSrc, int srcStride0, int sr
 
 OMKM_API OmkStatus omkmCopy_va_64f_SP(const Omk64f* pSrc, int srcStride0, int srcStride2, Omk64f** ppDst,
                                       int dstRoiShift, int dstStride0, int len, int count) {
-    return copy(copyOrder(true, false, Desc::S, Desc::P),
+    return copy(orderOf({Op::Copy, Kind::va, false, Desc::S, Desc::P}),
         vecArrP(ppDst, dstRoiShift, dstStride0),
         vecArr(pSrc, srcStride0, srcStride2),
         Dims{len, 1, count});
@@ -258,7 +258,7 @@ OMKM_API OmkStatus omkmCopy_va_64f_SP(const Omk64f* pSrc, int srcStride0, int sr
 
 OMKM_API OmkStatus omkmCopy_va_64f_SL(const Omk64f* pSrc, int srcStride0, int srcStride2, Omk64f** ppDst,
                                       int dstRoiShift, int dstStride2, int len, int count) {
-    return copy(copyOrder(true, false, Desc::S, Desc::L),
+    return copy(orderOf({Op::Copy, Kind::va, false, Desc::S, Desc::L}),
         vecArrL(ppDst, dstRoiShift, dstStride2),
         vecArr(pSrc, srcStride0, srcStride2),
         Dims{len, 1, count});
@@ -266,7 +266,7 @@ OMKM_API OmkStatus omkmCopy_va_64f_SL(const Omk64f* pSrc, int srcStride0, int sr
 
 OMKM_API OmkStatus omkmCopy_va_64f_PS(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f* pDst,
                                       int dstStride0, int dstStride2, int len, int count) {
-    return copy(copyOrder(true, false, Desc::P, Desc::S),
+    return copy(orderOf({Op::Copy, Kind::va, false, Desc::P, Desc::S}),
         vecArr(pDst, dstStride0, dstStride2),
         vecArrP(ppSrc, srcRoiShift, srcStride0),
         Dims{len, 1, count});
@@ -274,7 +274,7 @@ OMKM_API OmkStatus omkmCopy_va_64f_PS(const Omk64f** ppSrc, int srcRoiShift, int
 
 OMKM_API OmkStatus omkmCopy_va_64f_PP(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f** ppDst,
                                       int dstRoiShift, int dstStride0, int len, int count) {
-    return copy(copyOrder(true, false, Desc::P, Desc::P),
+    return copy(orderOf({Op::Copy, Kind::va, false, Desc::P, Desc::P}),
         vecArrP(ppDst, dstRoiShift, dstStride0),
         vecArrP(ppSrc, srcRoiShift, srcStride0),
         Dims{len, 1, count});
@@ -282,7 +282,7 @@ OMKM_API OmkStatus omkmCopy_va_64f_PP(const Omk64f** ppSrc, int srcRoiShift, int
 
 OMKM_API OmkStatus omkmCopy_va_64f_PL(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f** ppDst,
                                       int dstRoiShift, int dstStride2, int len, int count) {
-    return copy(copyOrder(true, false, Desc::P, Desc::L),
+    return copy(orderOf({Op::Copy, Kind::va, false, Desc::P, Desc::L}),
         vecArrL(ppDst, dstRoiShift, dstStride2),
         vecArrP(ppSrc, srcRoiShift, srcStride0),
         Dims{len, 1, count});
@@ -290,7 +290,7 @@ OMKM_API OmkStatus omkmCopy_va_64f_PL(const Omk64f** ppSrc, int srcRoiShift, int
 
 OMKM_API OmkStatus omkmCopy_va_64f_LS(const Omk64f** ppSrc, int srcRoiShift, int srcStride2, Omk64f* pDst,
                                       int dstStride0, int dstStride2, int len, int count) {
-    return copy(copyOrder(true, false, Desc::L, Desc::S),
+    return copy(orderOf({Op::Copy, Kind::va, false, Desc::L, Desc::S}),
         vecArr(pDst, dstStride0, dstStride2),
         vecArrL(ppSrc, srcRoiShift, srcStride2),
         Dims{len, 1, count});
@@ -298,7 +298,7 @@ OMKM_API OmkStatus omkmCopy_va_64f_LS(const Omk64f** ppSrc, int srcRoiShift, int
 
 OMKM_API OmkStatus omkmCopy_va_64f_LP(const Omk64f** ppSrc, int srcRoiShift, int srcStride2, Omk64f** ppDst,
                                       int dstRoiShift, int dstStride0, int len, int count) {
-    return copy(copyOrder(true, false, Desc::L, Desc::P),
+    return copy(orderOf({Op::Copy, Kind::va, false, Desc::L, Desc::P}),
         vecArrP(ppDst, dstRoiShift, dstStride0),
         vecArrL(ppSrc, srcRoiShift, srcStride2),
         Dims{len, 1, count});
@@ -306,7 +306,7 @@ OMKM_API OmkStatus omkmCopy_va_64f_LP(const Omk64f** ppSrc, int srcRoiShift, int
 
 OMKM_API OmkStatus omkmCopy_va_64f_LL(const Omk64f** ppSrc, int srcRoiShift, int srcStride2, Omk64f** ppDst,
                                       int dstRoiShift, int dstStride2, int len, int count) {
-    return copy(copyOrder(true, false, Desc::L, Desc::L),
+    return copy(orderOf({Op::Copy, Kind::va, false, Desc::L, Desc::L}),
         vecArrL(ppDst, dstRoiShift, dstStride2),
         vecArrL(ppSrc, srcRoiShift, srcStride2),
         Dims{len, 1, count});
@@ -314,7 +314,7 @@ OMKM_API OmkStatus omkmCopy_va_64f_LL(const Omk64f** ppSrc, int srcRoiShift, int
 
 OMKM_API OmkStatus omkmExtract_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2, Omk32f* pDst,
                                      int width, int height) {
-    return extract(extractOrder(false, false, true, Desc::S),
+    return extract(orderOf({Op::Extract, Kind::m, true, Desc::S, Desc::S}),
         pDst,
         mat(pSrc, srcStride1, srcStride2),
         Dims{width, height, 1});
@@ -322,7 +322,7 @@ OMKM_API OmkStatus omkmExtract_m_32f(const Omk32f* pSrc, int srcStride1, int src
 
 OMKM_API OmkStatus omkmExtract_m_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f* pDst, int width,
                                        int height) {
-    return extract(extractOrder(false, false, true, Desc::P),
+    return extract(orderOf({Op::Extract, Kind::m, true, Desc::P, Desc::S}),
         pDst,
         matP(ppSrc, srcRoiShift, width, height),
         Dims{width, height, 1});
@@ -330,7 +330,7 @@ OMKM_API OmkStatus omkmExtract_m_32f_P(const Omk32f** ppSrc, int srcRoiShift, Om
 
 OMKM_API OmkStatus omkmExtract_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2, Omk64f* pDst,
                                      int width, int height) {
-    return extract(extractOrder(false, false, false, Desc::S),
+    return extract(orderOf({Op::Extract, Kind::m, false, Desc::S, Desc::S}),
         pDst,
         mat(pSrc, srcStride1, srcStride2),
         Dims{width, height, 1});
@@ -338,7 +338,7 @@ OMKM_API OmkStatus omkmExtract_m_64f(const Omk64f* pSrc, int srcStride1, int src
 
 OMKM_API OmkStatus omkmExtract_m_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f* pDst, int width,
                                        int height) {
-    return extract(extractOrder(false, false, false, Desc::P),
+    return extract(orderOf({Op::Extract, Kind::m, false, Desc::P, Desc::S}),
         pDst,
         matP(ppSrc, srcRoiShift, width, height),
         Dims{width, height, 1});
@@ -346,7 +346,7 @@ OMKM_API OmkStatus omkmExtract_m_64f_P(const Omk64f** ppSrc, int srcRoiShift, Om
 
 OMKM_API OmkStatus omkmExtract_t_32f(const Omk32f* pSrc, int srcStride1, int srcStride2, Omk32f* pDst,
                                      int width, int height) {
-    return extract(extractOrder(false, false, true, Desc::S),
+    return extract(orderOf({Op::Extract, Kind::t, true, Desc::S, Desc::S}),
         pDst,
         tmat(pSrc, srcStride1, srcStride2),
         Dims{width, height, 1});
@@ -354,7 +354,7 @@ OMKM_API OmkStatus omkmExtract_t_32f(const Omk32f* pSrc, int srcStride1, int src
 
 OMKM_API OmkStatus omkmExtract_t_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f* pDst, int width,
                                        int height) {
-    return extract(extractOrder(false, false, true, Desc::P),
+    return extract(orderOf({Op::Extract, Kind::t, true, Desc::P, Desc::S}),
         pDst,
         tmatP(ppSrc, srcRoiShift, width, height),
         Dims{width, height, 1});
@@ -362,7 +362,7 @@ OMKM_API OmkStatus omkmExtract_t_32f_P(const Omk32f** ppSrc, int srcRoiShift, Om
 
 OMKM_API OmkStatus omkmExtract_t_64f(const Omk64f* pSrc, int srcStride1, int srcStride2, Omk64f* pDst,
                                      int width, int height) {
-    return extract(extractOrder(false, false, false, Desc::S),
+    return extract(orderOf({Op::Extract, Kind::t, false, Desc::S, Desc::S}),
         pDst,
         tmat(pSrc, srcStride1, srcStride2),
         Dims{width, height, 1});
@@ -370,35 +370,35 @@ OMKM_API OmkStatus omkmExtract_t_64f(const Omk64f* pSrc, int srcStride1, int src
 
 OMKM_API OmkStatus omkmExtract_t_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f* pDst, int width,
                                        int height) {
-    return extract(extractOrder(false, false, false, Desc::P),
+    return extract(orderOf({Op::Extract, Kind::t, false, Desc::P, Desc::S}),
         pDst,
         tmatP(ppSrc, srcRoiShift, width, height),
         Dims{width, height, 1});
 }
 
 OMKM_API OmkStatus omkmExtract_v_32f(const Omk32f* pSrc, int srcStride2, Omk32f* pDst, int len) {
-    return extract(extractOrder(false, true, true, Desc::S),
+    return extract(orderOf({Op::Extract, Kind::v, true, Desc::S, Desc::S}),
         pDst,
         vec(pSrc, srcStride2),
         Dims{len, 1, 1});
 }
 
 OMKM_API OmkStatus omkmExtract_v_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f* pDst, int len) {
-    return extract(extractOrder(false, true, true, Desc::P),
+    return extract(orderOf({Op::Extract, Kind::v, true, Desc::P, Desc::S}),
         pDst,
         vecP(ppSrc, srcRoiShift),
         Dims{len, 1, 1});
 }
 
 OMKM_API OmkStatus omkmExtract_v_64f(const Omk64f* pSrc, int srcStride2, Omk64f* pDst, int len) {
-    return extract(extractOrder(false, true, false, Desc::S),
+    return extract(orderOf({Op::Extract, Kind::v, false, Desc::S, Desc::S}),
         pDst,
         vec(pSrc, srcStride2),
         Dims{len, 1, 1});
 }
 
 OMKM_API OmkStatus omkmExtract_v_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f* pDst, int len) {
-    return extract(extractOrder(false, true, false, Desc::P),
+    return extract(orderOf({Op::Extract, Kind::v, false, Desc::P, Desc::S}),
         pDst,
         vecP(ppSrc, srcRoiShift),
         Dims{len, 1, 1});
@@ -406,7 +406,7 @@ OMKM_API OmkStatus omkmExtract_v_64f_P(const Omk64f** ppSrc, int srcRoiShift, Om
 
 OMKM_API OmkStatus omkmExtract_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
                                       Omk32f* pDst, int width, int height, int count) {
-    return extract(extractOrder(true, false, true, Desc::S),
+    return extract(orderOf({Op::Extract, Kind::ma, true, Desc::S, Desc::S}),
         pDst,
         matArr(pSrc, srcStride0, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -414,7 +414,7 @@ OMKM_API OmkStatus omkmExtract_ma_32f(const Omk32f* pSrc, int srcStride0, int sr
 
 OMKM_API OmkStatus omkmExtract_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f* pDst,
                                         int width, int height, int count) {
-    return extract(extractOrder(true, false, true, Desc::P),
+    return extract(orderOf({Op::Extract, Kind::ma, true, Desc::P, Desc::S}),
         pDst,
         matArrP(ppSrc, srcRoiShift, srcStride0, width, height),
         Dims{width, height, count});
@@ -422,7 +422,7 @@ OMKM_API OmkStatus omkmExtract_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, i
 
 OMKM_API OmkStatus omkmExtract_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
                                         Omk32f* pDst, int width, int height, int count) {
-    return extract(extractOrder(true, false, true, Desc::L),
+    return extract(orderOf({Op::Extract, Kind::ma, true, Desc::L, Desc::S}),
         pDst,
         matArrL(ppSrc, srcRoiShift, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -430,7 +430,7 @@ OMKM_API OmkStatus omkmExtract_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, i
 
 OMKM_API OmkStatus omkmExtract_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
                                       Omk64f* pDst, int width, int height, int count) {
-    return extract(extractOrder(true, false, false, Desc::S),
+    return extract(orderOf({Op::Extract, Kind::ma, false, Desc::S, Desc::S}),
         pDst,
         matArr(pSrc, srcStride0, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -438,7 +438,7 @@ OMKM_API OmkStatus omkmExtract_ma_64f(const Omk64f* pSrc, int srcStride0, int sr
 
 OMKM_API OmkStatus omkmExtract_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f* pDst,
                                         int width, int height, int count) {
-    return extract(extractOrder(true, false, false, Desc::P),
+    return extract(orderOf({Op::Extract, Kind::ma, false, Desc::P, Desc::S}),
         pDst,
         matArrP(ppSrc, srcRoiShift, srcStride0, width, height),
         Dims{width, height, count});
@@ -446,7 +446,7 @@ OMKM_API OmkStatus omkmExtract_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, i
 
 OMKM_API OmkStatus omkmExtract_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
                                         Omk64f* pDst, int width, int height, int count) {
-    return extract(extractOrder(true, false, false, Desc::L),
+    return extract(orderOf({Op::Extract, Kind::ma, false, Desc::L, Desc::S}),
         pDst,
         matArrL(ppSrc, srcRoiShift, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -454,7 +454,7 @@ OMKM_API OmkStatus omkmExtract_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, i
 
 OMKM_API OmkStatus omkmExtract_ta_32f(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
                                       Omk32f* pDst, int width, int height, int count) {
-    return extract(extractOrder(true, false, true, Desc::S),
+    return extract(orderOf({Op::Extract, Kind::ta, true, Desc::S, Desc::S}),
         pDst,
         tmatArr(pSrc, srcStride0, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -462,7 +462,7 @@ OMKM_API OmkStatus omkmExtract_ta_32f(const Omk32f* pSrc, int srcStride0, int sr
 
 OMKM_API OmkStatus omkmExtract_ta_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f* pDst,
                                         int width, int height, int count) {
-    return extract(extractOrder(true, false, true, Desc::P),
+    return extract(orderOf({Op::Extract, Kind::ta, true, Desc::P, Desc::S}),
         pDst,
         tmatArrP(ppSrc, srcRoiShift, srcStride0, width, height),
         Dims{width, height, count});
@@ -470,7 +470,7 @@ OMKM_API OmkStatus omkmExtract_ta_32f_P(const Omk32f** ppSrc, int srcRoiShift, i
 
 OMKM_API OmkStatus omkmExtract_ta_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
                                         Omk32f* pDst, int width, int height, int count) {
-    return extract(extractOrder(true, false, true, Desc::L),
+    return extract(orderOf({Op::Extract, Kind::ta, true, Desc::L, Desc::S}),
         pDst,
         tmatArrL(ppSrc, srcRoiShift, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -478,7 +478,7 @@ OMKM_API OmkStatus omkmExtract_ta_32f_L(const Omk32f** ppSrc, int srcRoiShift, i
 
 OMKM_API OmkStatus omkmExtract_ta_64f(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
                                       Omk64f* pDst, int width, int height, int count) {
-    return extract(extractOrder(true, false, false, Desc::S),
+    return extract(orderOf({Op::Extract, Kind::ta, false, Desc::S, Desc::S}),
         pDst,
         tmatArr(pSrc, srcStride0, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -486,7 +486,7 @@ OMKM_API OmkStatus omkmExtract_ta_64f(const Omk64f* pSrc, int srcStride0, int sr
 
 OMKM_API OmkStatus omkmExtract_ta_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f* pDst,
                                         int width, int height, int count) {
-    return extract(extractOrder(true, false, false, Desc::P),
+    return extract(orderOf({Op::Extract, Kind::ta, false, Desc::P, Desc::S}),
         pDst,
         tmatArrP(ppSrc, srcRoiShift, srcStride0, width, height),
         Dims{width, height, count});
@@ -494,7 +494,7 @@ OMKM_API OmkStatus omkmExtract_ta_64f_P(const Omk64f** ppSrc, int srcRoiShift, i
 
 OMKM_API OmkStatus omkmExtract_ta_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1, int srcStride2,
                                         Omk64f* pDst, int width, int height, int count) {
-    return extract(extractOrder(true, false, false, Desc::L),
+    return extract(orderOf({Op::Extract, Kind::ta, false, Desc::L, Desc::S}),
         pDst,
         tmatArrL(ppSrc, srcRoiShift, srcStride1, srcStride2),
         Dims{width, height, count});
@@ -502,7 +502,7 @@ OMKM_API OmkStatus omkmExtract_ta_64f_L(const Omk64f** ppSrc, int srcRoiShift, i
 
 OMKM_API OmkStatus omkmExtract_va_32f(const Omk32f* pSrc, int srcStride0, int srcStride2, Omk32f* pDst,
                                       int len, int count) {
-    return extract(extractOrder(true, true, true, Desc::S),
+    return extract(orderOf({Op::Extract, Kind::va, true, Desc::S, Desc::S}),
         pDst,
         vecArr(pSrc, srcStride0, srcStride2),
         Dims{len, 1, count});
@@ -510,7 +510,7 @@ OMKM_API OmkStatus omkmExtract_va_32f(const Omk32f* pSrc, int srcStride0, int sr
 
 OMKM_API OmkStatus omkmExtract_va_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0, Omk32f* pDst,
                                         int len, int count) {
-    return extract(extractOrder(true, true, true, Desc::P),
+    return extract(orderOf({Op::Extract, Kind::va, true, Desc::P, Desc::S}),
         pDst,
         vecArrP(ppSrc, srcRoiShift, srcStride0),
         Dims{len, 1, count});
@@ -518,7 +518,7 @@ OMKM_API OmkStatus omkmExtract_va_32f_P(const Omk32f** ppSrc, int srcRoiShift, i
 
 OMKM_API OmkStatus omkmExtract_va_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride2, Omk32f* pDst,
                                         int len, int count) {
-    return extract(extractOrder(true, true, true, Desc::L),
+    return extract(orderOf({Op::Extract, Kind::va, true, Desc::L, Desc::S}),
         pDst,
         vecArrL(ppSrc, srcRoiShift, srcStride2),
         Dims{len, 1, count});
@@ -526,7 +526,7 @@ OMKM_API OmkStatus omkmExtract_va_32f_L(const Omk32f** ppSrc, int srcRoiShift, i
 
 OMKM_API OmkStatus omkmExtract_va_64f(const Omk64f* pSrc, int srcStride0, int srcStride2, Omk64f* pDst,
                                       int len, int count) {
-    return extract(extractOrder(true, true, false, Desc::S),
+    return extract(orderOf({Op::Extract, Kind::va, false, Desc::S, Desc::S}),
         pDst,
         vecArr(pSrc, srcStride0, srcStride2),
         Dims{len, 1, count});
@@ -534,7 +534,7 @@ OMKM_API OmkStatus omkmExtract_va_64f(const Omk64f* pSrc, int srcStride0, int sr
 
 OMKM_API OmkStatus omkmExtract_va_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0, Omk64f* pDst,
                                         int len, int count) {
-    return extract(extractOrder(true, true, false, Desc::P),
+    return extract(orderOf({Op::Extract, Kind::va, false, Desc::P, Desc::S}),
         pDst,
         vecArrP(ppSrc, srcRoiShift, srcStride0),
         Dims{len, 1, count});
@@ -542,7 +542,7 @@ OMKM_API OmkStatus omkmExtract_va_64f_P(const Omk64f** ppSrc, int srcRoiShift, i
 
 OMKM_API OmkStatus omkmExtract_va_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride2, Omk64f* pDst,
                                         int len, int count) {
-    return extract(extractOrder(true, true, false, Desc::L),
+    return extract(orderOf({Op::Extract, Kind::va, false, Desc::L, Desc::S}),
         pDst,
         vecArrL(ppSrc, srcRoiShift, srcStride2),
         Dims{len, 1, count});
@@ -550,42 +550,42 @@ OMKM_API OmkStatus omkmExtract_va_64f_L(const Omk64f** ppSrc, int srcRoiShift, i
 
 OMKM_API OmkStatus omkmLoadIdentity_ma_32f(Omk32f* pDst, int dstStride0, int dstStride1, int dstStride2,
                                            int width, int height, int count) {
-    return loadIdentity(identityOrder(true, Desc::S),
+    return loadIdentity(orderOf({Op::LoadIdentity, Kind::ma, true, Desc::S, Desc::S}),
         matArr(pDst, dstStride0, dstStride1, dstStride2),
         Dims{width, height, count});
 }
 
 OMKM_API OmkStatus omkmLoadIdentity_ma_32f_L(Omk32f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
                                              int width, int height, int count) {
-    return loadIdentity(identityOrder(true, Desc::L),
+    return loadIdentity(orderOf({Op::LoadIdentity, Kind::ma, true, Desc::L, Desc::S}),
         matArrL(ppDst, dstRoiShift, dstStride1, dstStride2),
         Dims{width, height, count});
 }
 
 OMKM_API OmkStatus omkmLoadIdentity_ma_32f_P(Omk32f** ppDst, int dstRoiShift, int dstStride0, int width,
                                              int height, int count) {
-    return loadIdentity(identityOrder(true, Desc::P),
+    return loadIdentity(orderOf({Op::LoadIdentity, Kind::ma, true, Desc::P, Desc::S}),
         matArrP(ppDst, dstRoiShift, dstStride0, width, height),
         Dims{width, height, count});
 }
 
 OMKM_API OmkStatus omkmLoadIdentity_ma_64f(Omk64f* pDst, int dstStride0, int dstStride1, int dstStride2,
                                            int width, int height, int count) {
-    return loadIdentity(identityOrder(false, Desc::S),
+    return loadIdentity(orderOf({Op::LoadIdentity, Kind::ma, false, Desc::S, Desc::S}),
         matArr(pDst, dstStride0, dstStride1, dstStride2),
         Dims{width, height, count});
 }
 
 OMKM_API OmkStatus omkmLoadIdentity_ma_64f_L(Omk64f** ppDst, int dstRoiShift, int dstStride1, int dstStride2,
                                              int width, int height, int count) {
-    return loadIdentity(identityOrder(false, Desc::L),
+    return loadIdentity(orderOf({Op::LoadIdentity, Kind::ma, false, Desc::L, Desc::S}),
         matArrL(ppDst, dstRoiShift, dstStride1, dstStride2),
         Dims{width, height, count});
 }
 
 OMKM_API OmkStatus omkmLoadIdentity_ma_64f_P(Omk64f** ppDst, int dstRoiShift, int dstStride0, int width,
                                              int height, int count) {
-    return loadIdentity(identityOrder(false, Desc::P),
+    return loadIdentity(orderOf({Op::LoadIdentity, Kind::ma, false, Desc::P, Desc::S}),
         matArrP(ppDst, dstRoiShift, dstStride0, width, height),
         Dims{width, height, count});
 }
