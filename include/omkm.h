@@ -2686,6 +2686,230 @@ OMKM_API OmkStatus omkmEigenValuesVectorsSym_ma_64f_P(const Omk64f** ppSrc, int 
                                                       int dstStride0, Omk64f* pDstValues, int widthHeight,
                                                       int count);
 
+/* ---- General eigenproblem: values as real and imaginary parts, vectors as columns ---- */
+
+/*
+ * Reduction to upper Hessenberg form by Householder reflections, then the double-shift QR
+ * iteration. Eigenvalue j is pDstValues[j] + i*pDstValuesIm[j], stored at the row of the reduced
+ * matrix where it deflates (not sorted); a real value has imaginary part 0, a complex conjugate
+ * pair takes two consecutive positions with the positive imaginary part first. Array members
+ * store n values per matrix in each array (matrix k from element k*n).
+ * Eigenvectors are the columns of an n x n destination: a real value's vector in its column, a
+ * pair's vector (of the value with the positive imaginary part) as real part in the first column
+ * and imaginary part in the second. Right vectors satisfy A*v = l*v, left vectors u^H*A = l*u^H.
+ * Each vector (a pair's as one complex vector) has Euclidean norm 1, and its component of largest
+ * modulus (the first on ties) is real and positive. EigenValuesVectors writes the left vectors to
+ * the first destination and the right vectors to the second.
+ * pBuffer: the size the query gives, n*(n + 5) elements for EigenValues and n*(3n + 5) for the
+ * vector members, in bytes; one buffer serves a whole serial array call, and a call that runs on
+ * threads takes its own scratch instead. Its contents on return are unspecified.
+ * Checks: null pointers (every destination and pBuffer included), widthHeight, count, the source's
+ * ROI shift, the source's strides, then the destinations' ROI shifts and then their strides.
+ * Deflation at |h(l,l-1)| <= eps*(|h(l-1,l-1)| + |h(l,l)|), eps = 2^-23 (32f) or 2^-52 (64f);
+ * exceptional shifts at the 10th and 20th step of a block; omkStsNotConverged after 30*n steps
+ * in total per matrix, with the values found so far stored and the vector destinations untouched.
+ * The 32f members compute in single precision throughout. Guards: a Householder column whose
+ * 1-norm is not above 2^-125 (2^-1021 for 64f) is left as it is; a divisor of the eigenvector
+ * substitution below max(eps*|H|, that bound) is raised to it, so that repeated eigenvalues of a
+ * defective matrix give finite (nearly parallel) vectors.
+ * Arrays stop at the first failing matrix on one thread; with threads each slice stops at its own
+ * first failure and the first failing status stored is returned. An array call runs on the calling
+ * thread while n*(n+1)*count < 251 (values) or n*(3n+1)*count < 501 (with vectors).
+ */
+/* EigenValuesGetBufSize size: bytes of pBuffer the members of order widthHeight need */
+OMKM_API OmkStatus omkmEigenValuesGetBufSize_32f(int widthHeight, int* pBufSize);
+OMKM_API OmkStatus omkmEigenValuesGetBufSize_64f(int widthHeight, int* pBufSize);
+OMKM_API OmkStatus omkmEigenValuesVectorsGetBufSize_32f(int widthHeight, int* pBufSize);
+OMKM_API OmkStatus omkmEigenValuesVectorsGetBufSize_64f(int widthHeight, int* pBufSize);
+/* EigenValues m: eigenvalues of one general matrix, real and imaginary parts */
+OMKM_API OmkStatus omkmEigenValues_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2,
+                                         Omk32f* pDstValues, Omk32f* pDstValuesIm, int widthHeight,
+                                         Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValues_m_32f_P(const Omk32f** ppSrc, int srcRoiShift, Omk32f* pDstValues,
+                                           Omk32f* pDstValuesIm, int widthHeight, Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValues_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2,
+                                         Omk64f* pDstValues, Omk64f* pDstValuesIm, int widthHeight,
+                                         Omk64f* pBuffer);
+OMKM_API OmkStatus omkmEigenValues_m_64f_P(const Omk64f** ppSrc, int srcRoiShift, Omk64f* pDstValues,
+                                           Omk64f* pDstValuesIm, int widthHeight, Omk64f* pBuffer);
+/* EigenValues ma: eigenvalues of each general matrix of an array, n per matrix */
+OMKM_API OmkStatus omkmEigenValues_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                          Omk32f* pDstValues, Omk32f* pDstValuesIm, int widthHeight,
+                                          int count, Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValues_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1,
+                                            int srcStride2, Omk32f* pDstValues, Omk32f* pDstValuesIm,
+                                            int widthHeight, int count, Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValues_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0,
+                                            Omk32f* pDstValues, Omk32f* pDstValuesIm, int widthHeight,
+                                            int count, Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValues_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1, int srcStride2,
+                                          Omk64f* pDstValues, Omk64f* pDstValuesIm, int widthHeight,
+                                          int count, Omk64f* pBuffer);
+OMKM_API OmkStatus omkmEigenValues_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1,
+                                            int srcStride2, Omk64f* pDstValues, Omk64f* pDstValuesIm,
+                                            int widthHeight, int count, Omk64f* pBuffer);
+OMKM_API OmkStatus omkmEigenValues_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0,
+                                            Omk64f* pDstValues, Omk64f* pDstValuesIm, int widthHeight,
+                                            int count, Omk64f* pBuffer);
+/* EigenValuesVectorsLeft m: eigenvalues and left eigenvectors of one matrix */
+OMKM_API OmkStatus omkmEigenValuesVectorsLeft_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2,
+                                                    Omk32f* pDstVectors, int dstStride1, int dstStride2,
+                                                    Omk32f* pDstValues, Omk32f* pDstValuesIm, int widthHeight,
+                                                    Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsLeft_m_32f_P(const Omk32f** ppSrc, int srcRoiShift,
+                                                      Omk32f** ppDstVectors, int dstRoiShift,
+                                                      Omk32f* pDstValues, Omk32f* pDstValuesIm,
+                                                      int widthHeight, Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsLeft_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2,
+                                                    Omk64f* pDstVectors, int dstStride1, int dstStride2,
+                                                    Omk64f* pDstValues, Omk64f* pDstValuesIm, int widthHeight,
+                                                    Omk64f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsLeft_m_64f_P(const Omk64f** ppSrc, int srcRoiShift,
+                                                      Omk64f** ppDstVectors, int dstRoiShift,
+                                                      Omk64f* pDstValues, Omk64f* pDstValuesIm,
+                                                      int widthHeight, Omk64f* pBuffer);
+/* EigenValuesVectorsLeft ma: eigenvalues and left eigenvectors of each matrix */
+OMKM_API OmkStatus omkmEigenValuesVectorsLeft_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1,
+                                                     int srcStride2, Omk32f* pDstVectors, int dstStride0,
+                                                     int dstStride1, int dstStride2, Omk32f* pDstValues,
+                                                     Omk32f* pDstValuesIm, int widthHeight, int count,
+                                                     Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsLeft_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1,
+                                                       int srcStride2, Omk32f** ppDstVectors, int dstRoiShift,
+                                                       int dstStride1, int dstStride2, Omk32f* pDstValues,
+                                                       Omk32f* pDstValuesIm, int widthHeight, int count,
+                                                       Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsLeft_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0,
+                                                       Omk32f** ppDstVectors, int dstRoiShift, int dstStride0,
+                                                       Omk32f* pDstValues, Omk32f* pDstValuesIm,
+                                                       int widthHeight, int count, Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsLeft_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1,
+                                                     int srcStride2, Omk64f* pDstVectors, int dstStride0,
+                                                     int dstStride1, int dstStride2, Omk64f* pDstValues,
+                                                     Omk64f* pDstValuesIm, int widthHeight, int count,
+                                                     Omk64f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsLeft_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1,
+                                                       int srcStride2, Omk64f** ppDstVectors, int dstRoiShift,
+                                                       int dstStride1, int dstStride2, Omk64f* pDstValues,
+                                                       Omk64f* pDstValuesIm, int widthHeight, int count,
+                                                       Omk64f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsLeft_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0,
+                                                       Omk64f** ppDstVectors, int dstRoiShift, int dstStride0,
+                                                       Omk64f* pDstValues, Omk64f* pDstValuesIm,
+                                                       int widthHeight, int count, Omk64f* pBuffer);
+/* EigenValuesVectorsRight m: eigenvalues and right eigenvectors of one matrix */
+OMKM_API OmkStatus omkmEigenValuesVectorsRight_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2,
+                                                     Omk32f* pDstVectors, int dstStride1, int dstStride2,
+                                                     Omk32f* pDstValues, Omk32f* pDstValuesIm,
+                                                     int widthHeight, Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsRight_m_32f_P(const Omk32f** ppSrc, int srcRoiShift,
+                                                       Omk32f** ppDstVectors, int dstRoiShift,
+                                                       Omk32f* pDstValues, Omk32f* pDstValuesIm,
+                                                       int widthHeight, Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsRight_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2,
+                                                     Omk64f* pDstVectors, int dstStride1, int dstStride2,
+                                                     Omk64f* pDstValues, Omk64f* pDstValuesIm,
+                                                     int widthHeight, Omk64f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsRight_m_64f_P(const Omk64f** ppSrc, int srcRoiShift,
+                                                       Omk64f** ppDstVectors, int dstRoiShift,
+                                                       Omk64f* pDstValues, Omk64f* pDstValuesIm,
+                                                       int widthHeight, Omk64f* pBuffer);
+/* EigenValuesVectorsRight ma: eigenvalues and right eigenvectors of each matrix */
+OMKM_API OmkStatus omkmEigenValuesVectorsRight_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1,
+                                                      int srcStride2, Omk32f* pDstVectors, int dstStride0,
+                                                      int dstStride1, int dstStride2, Omk32f* pDstValues,
+                                                      Omk32f* pDstValuesIm, int widthHeight, int count,
+                                                      Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsRight_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1,
+                                                        int srcStride2, Omk32f** ppDstVectors,
+                                                        int dstRoiShift, int dstStride1, int dstStride2,
+                                                        Omk32f* pDstValues, Omk32f* pDstValuesIm,
+                                                        int widthHeight, int count, Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsRight_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0,
+                                                        Omk32f** ppDstVectors, int dstRoiShift,
+                                                        int dstStride0, Omk32f* pDstValues,
+                                                        Omk32f* pDstValuesIm, int widthHeight, int count,
+                                                        Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsRight_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1,
+                                                      int srcStride2, Omk64f* pDstVectors, int dstStride0,
+                                                      int dstStride1, int dstStride2, Omk64f* pDstValues,
+                                                      Omk64f* pDstValuesIm, int widthHeight, int count,
+                                                      Omk64f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsRight_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1,
+                                                        int srcStride2, Omk64f** ppDstVectors,
+                                                        int dstRoiShift, int dstStride1, int dstStride2,
+                                                        Omk64f* pDstValues, Omk64f* pDstValuesIm,
+                                                        int widthHeight, int count, Omk64f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectorsRight_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0,
+                                                        Omk64f** ppDstVectors, int dstRoiShift,
+                                                        int dstStride0, Omk64f* pDstValues,
+                                                        Omk64f* pDstValuesIm, int widthHeight, int count,
+                                                        Omk64f* pBuffer);
+/* EigenValuesVectors m: eigenvalues, left and right eigenvectors of one matrix */
+OMKM_API OmkStatus omkmEigenValuesVectors_m_32f(const Omk32f* pSrc, int srcStride1, int srcStride2,
+                                                Omk32f* pDstVectorsLeft, int dstLeftStride1,
+                                                int dstLeftStride2, Omk32f* pDstVectorsRight,
+                                                int dstRightStride1, int dstRightStride2, Omk32f* pDstValues,
+                                                Omk32f* pDstValuesIm, int widthHeight, Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectors_m_32f_P(const Omk32f** ppSrc, int srcRoiShift,
+                                                  Omk32f** ppDstVectorsLeft, int dstLeftRoiShift,
+                                                  Omk32f** ppDstVectorsRight, int dstRightRoiShift,
+                                                  Omk32f* pDstValues, Omk32f* pDstValuesIm, int widthHeight,
+                                                  Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectors_m_64f(const Omk64f* pSrc, int srcStride1, int srcStride2,
+                                                Omk64f* pDstVectorsLeft, int dstLeftStride1,
+                                                int dstLeftStride2, Omk64f* pDstVectorsRight,
+                                                int dstRightStride1, int dstRightStride2, Omk64f* pDstValues,
+                                                Omk64f* pDstValuesIm, int widthHeight, Omk64f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectors_m_64f_P(const Omk64f** ppSrc, int srcRoiShift,
+                                                  Omk64f** ppDstVectorsLeft, int dstLeftRoiShift,
+                                                  Omk64f** ppDstVectorsRight, int dstRightRoiShift,
+                                                  Omk64f* pDstValues, Omk64f* pDstValuesIm, int widthHeight,
+                                                  Omk64f* pBuffer);
+/* EigenValuesVectors ma: eigenvalues, left and right eigenvectors of each matrix */
+OMKM_API OmkStatus omkmEigenValuesVectors_ma_32f(const Omk32f* pSrc, int srcStride0, int srcStride1,
+                                                 int srcStride2, Omk32f* pDstVectorsLeft, int dstLeftStride0,
+                                                 int dstLeftStride1, int dstLeftStride2,
+                                                 Omk32f* pDstVectorsRight, int dstRightStride0,
+                                                 int dstRightStride1, int dstRightStride2, Omk32f* pDstValues,
+                                                 Omk32f* pDstValuesIm, int widthHeight, int count,
+                                                 Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectors_ma_32f_L(const Omk32f** ppSrc, int srcRoiShift, int srcStride1,
+                                                   int srcStride2, Omk32f** ppDstVectorsLeft,
+                                                   int dstLeftRoiShift, int dstLeftStride1,
+                                                   int dstLeftStride2, Omk32f** ppDstVectorsRight,
+                                                   int dstRightRoiShift, int dstRightStride1,
+                                                   int dstRightStride2, Omk32f* pDstValues,
+                                                   Omk32f* pDstValuesIm, int widthHeight, int count,
+                                                   Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectors_ma_32f_P(const Omk32f** ppSrc, int srcRoiShift, int srcStride0,
+                                                   Omk32f** ppDstVectorsLeft, int dstLeftRoiShift,
+                                                   int dstLeftStride0, Omk32f** ppDstVectorsRight,
+                                                   int dstRightRoiShift, int dstRightStride0,
+                                                   Omk32f* pDstValues, Omk32f* pDstValuesIm, int widthHeight,
+                                                   int count, Omk32f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectors_ma_64f(const Omk64f* pSrc, int srcStride0, int srcStride1,
+                                                 int srcStride2, Omk64f* pDstVectorsLeft, int dstLeftStride0,
+                                                 int dstLeftStride1, int dstLeftStride2,
+                                                 Omk64f* pDstVectorsRight, int dstRightStride0,
+                                                 int dstRightStride1, int dstRightStride2, Omk64f* pDstValues,
+                                                 Omk64f* pDstValuesIm, int widthHeight, int count,
+                                                 Omk64f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectors_ma_64f_L(const Omk64f** ppSrc, int srcRoiShift, int srcStride1,
+                                                   int srcStride2, Omk64f** ppDstVectorsLeft,
+                                                   int dstLeftRoiShift, int dstLeftStride1,
+                                                   int dstLeftStride2, Omk64f** ppDstVectorsRight,
+                                                   int dstRightRoiShift, int dstRightStride1,
+                                                   int dstRightStride2, Omk64f* pDstValues,
+                                                   Omk64f* pDstValuesIm, int widthHeight, int count,
+                                                   Omk64f* pBuffer);
+OMKM_API OmkStatus omkmEigenValuesVectors_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, int srcStride0,
+                                                   Omk64f** ppDstVectorsLeft, int dstLeftRoiShift,
+                                                   int dstLeftStride0, Omk64f** ppDstVectorsRight,
+                                                   int dstRightRoiShift, int dstRightStride0,
+                                                   Omk64f* pDstValues, Omk64f* pDstValuesIm, int widthHeight,
+                                                   int count, Omk64f* pBuffer);
+
 /* ---- Vector helpers for 3D graphics ---- */
 
 /*

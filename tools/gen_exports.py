@@ -727,6 +727,58 @@ def eigen_sym_members():
     return out
 
 
+# ---- registry: general eigenproblem ----
+# (family, group, kernel, comment); vector destinations are pDstVectors / ppDstVectors, and in
+# EigenValuesVectors pDstVectorsLeft then pDstVectorsRight (the left vectors first).
+EIGEN_GEN_GROUPS = [
+    ("EigenValues", "m", "values", "eigenvalues of one general matrix, real and imaginary parts"),
+    ("EigenValues", "ma", "values", "eigenvalues of each general matrix of an array, n per matrix"),
+    ("EigenValuesVectorsLeft", "m", "valuesLeft", "eigenvalues and left eigenvectors of one matrix"),
+    ("EigenValuesVectorsLeft", "ma", "valuesLeft", "eigenvalues and left eigenvectors of each matrix"),
+    ("EigenValuesVectorsRight", "m", "valuesRight", "eigenvalues and right eigenvectors of one matrix"),
+    ("EigenValuesVectorsRight", "ma", "valuesRight", "eigenvalues and right eigenvectors of each matrix"),
+    ("EigenValuesVectors", "m", "valuesBoth", "eigenvalues, left and right eigenvectors of one matrix"),
+    ("EigenValuesVectors", "ma", "valuesBoth", "eigenvalues, left and right eigenvectors of each matrix"),
+]
+
+
+def eigen_general_members():
+    """Every general eigenproblem export and the buffer size queries, as (name, op, group, comment,
+    params, body)."""
+    out = []
+    for family, vectors in (("EigenValuesGetBufSize", "false"), ("EigenValuesVectorsGetBufSize", "true")):
+        for ty in ("32f", "64f"):
+            out.append((f"omkm{family}_{ty}", family, "size",
+                        "bytes of pBuffer the members of order widthHeight need",
+                        [("int", "widthHeight"), ("int*", "pBufSize")],
+                        f"return bufferSize<{TYPES[ty]}>(widthHeight, pBufSize, {vectors});"))
+    for family, group, fn, comment in EIGEN_GEN_GROUPS:
+        array = group == "ma"
+        for ty in ("32f", "64f"):
+            for desc in descs(array):
+                t = TYPES[ty]
+                a = Operand("m", array, "src", desc, t, True)
+                params, views = a.params(), [mul_view(a, "widthHeight", "widthHeight")]
+                sides = {"values": [], "valuesLeft": [""], "valuesRight": [""], "valuesBoth": ["Left", "Right"]}[fn]
+                for side in sides:
+                    dst = Operand("m", array, "dst" + side, desc, t, False)
+                    rename = lambda x: x.replace("pDst" + side, "pDstVectors" + side)
+                    params += [(ty_, rename(n)) for ty_, n in dst.params()]
+                    view = mul_view(dst, "widthHeight", "widthHeight")
+                    views.append(view.replace("(pDst" + side, "(pDstVectors" + side)
+                                 .replace("(ppDst" + side, "(ppDstVectors" + side))
+                run = "elemsArr" if array else "elems"
+                params += [(f"{t}*", "pDstValues"), (f"{t}*", "pDstValuesIm"), ("int", "widthHeight")]
+                params += ([("int", "count")] if array else []) + [(f"{t}*", "pBuffer")]
+                views += [f"{run}(pDstValues, widthHeight)", f"{run}(pDstValuesIm, widthHeight)",
+                          "elems(pBuffer, 0)"]
+                suffix = "" if desc == "Std" else "_" + desc
+                body = (f"return {fn}<Group::{group}, Desc::{desc}>(\n        " + ",\n        ".join(views)
+                        + f",\n        Dims{{widthHeight, widthHeight, {'count' if array else '1'}}});")
+                out.append((f"omkm{family}_{group}_{ty}{suffix}", family, group, comment, params, body))
+    return out
+
+
 # ---- registry: 3D graphics helpers ----
 # Vector helpers: (family, parameters after the sources are named, kernel, comment). Sources are
 # const float pointers pSrc1 ... in the order the comment gives.
@@ -1046,6 +1098,35 @@ EIGEN_SYM_NOTE = """\
  * calling thread while n*(n+1)*count < 1001 (values) or n*(2n+1)*count < 701 (values and vectors).
 """
 
+EIGEN_GEN_NOTE = """\
+ * Reduction to upper Hessenberg form by Householder reflections, then the double-shift QR
+ * iteration. Eigenvalue j is pDstValues[j] + i*pDstValuesIm[j], stored at the row of the reduced
+ * matrix where it deflates (not sorted); a real value has imaginary part 0, a complex conjugate
+ * pair takes two consecutive positions with the positive imaginary part first. Array members
+ * store n values per matrix in each array (matrix k from element k*n).
+ * Eigenvectors are the columns of an n x n destination: a real value's vector in its column, a
+ * pair's vector (of the value with the positive imaginary part) as real part in the first column
+ * and imaginary part in the second. Right vectors satisfy A*v = l*v, left vectors u^H*A = l*u^H.
+ * Each vector (a pair's as one complex vector) has Euclidean norm 1, and its component of largest
+ * modulus (the first on ties) is real and positive. EigenValuesVectors writes the left vectors to
+ * the first destination and the right vectors to the second.
+ * pBuffer: the size the query gives, n*(n + 5) elements for EigenValues and n*(3n + 5) for the
+ * vector members, in bytes; one buffer serves a whole serial array call, and a call that runs on
+ * threads takes its own scratch instead. Its contents on return are unspecified.
+ * Checks: null pointers (every destination and pBuffer included), widthHeight, count, the source's
+ * ROI shift, the source's strides, then the destinations' ROI shifts and then their strides.
+ * Deflation at |h(l,l-1)| <= eps*(|h(l-1,l-1)| + |h(l,l)|), eps = 2^-23 (32f) or 2^-52 (64f);
+ * exceptional shifts at the 10th and 20th step of a block; omkStsNotConverged after 30*n steps
+ * in total per matrix, with the values found so far stored and the vector destinations untouched.
+ * The 32f members compute in single precision throughout. Guards: a Householder column whose
+ * 1-norm is not above 2^-125 (2^-1021 for 64f) is left as it is; a divisor of the eigenvector
+ * substitution below max(eps*|H|, that bound) is raised to it, so that repeated eigenvalues of a
+ * defective matrix give finite (nearly parallel) vectors.
+ * Arrays stop at the first failing matrix on one thread; with threads each slice stops at its own
+ * first failure and the first failing status stored is returned. An array call runs on the calling
+ * thread while n*(n+1)*count < 251 (values) or n*(3n+1)*count < 501 (with vectors).
+"""
+
 
 def header(sections):
     """sections: (title, members[, note]) in the order the header lists them."""
@@ -1098,13 +1179,14 @@ def outputs():
     scale = scale_members()
     solvers = solver_members()
     eigen_sym = eigen_sym_members()
+    eigen_gen = eigen_general_members()
     det_inv_qr = det_inv_qr_members()
     dot_cross, norms, gaxpy = dot_cross_members(), norm_members(), gaxpy_members()
     graphics, points = graphics_members(), point_members()
     saxpy = saxpy_members()
     moves, transposes = move_members(), transpose_members()
     names = ["omkmGetLibVersion"] + [m[0] for m in add_sub + saxpy + moves + transposes + mul + scale + dot_cross + norms + gaxpy
-                                     + solvers + det_inv_qr + eigen_sym + graphics + points]
+                                     + solvers + det_inv_qr + eigen_sym + eigen_gen + graphics + points]
     unknown = sorted(set(names) - set(api_names()))
     if unknown or len(set(names)) != len(names):
         raise SystemExit(f"registry names not in tools/exports.txt or repeated: {unknown}")
@@ -1129,6 +1211,8 @@ def outputs():
                                    [m for m in det_inv_qr if m[6] == "qr"], QR_NOTE),
                                   ("Symmetric eigenproblem: values descending, vectors as columns", eigen_sym,
                                    EIGEN_SYM_NOTE),
+                                  ("General eigenproblem: values as real and imaginary parts, vectors as columns",
+                                   eigen_gen, EIGEN_GEN_NOTE),
                                   ("Vector helpers for 3D graphics", [m for m in graphics if m[2][0] == "v"],
                                    VECTOR_HELPER_NOTE),
                                   ("Transform builders for 3D graphics", [m for m in graphics if m[2][0] != "v"],
@@ -1161,6 +1245,8 @@ def outputs():
                                                   "QR decompositions and solvers", "solvers/qr.h", "omk::qr")
     files["src/eigen/eigen_sym_entries.cpp"] = entries(eigen_sym, "symmetric eigenproblems", "eigen/eigen_sym.h",
                                                        "omk::eigensym")
+    files["src/eigen/eigen_general_entries.cpp"] = entries(eigen_gen, "general eigenproblems",
+                                                           "eigen/eigen_general.h", "omk::eigengen")
     files["src/graphics/graphics_entries.cpp"] = entries(graphics, "vector helpers and transform builders",
                                                          "graphics/transforms.h", "omk::graphics")
     files["src/graphics/point_transform_entries.cpp"] = entries(points, "point transforms",
