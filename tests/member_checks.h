@@ -3,6 +3,7 @@
 #pragma once
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -64,8 +65,10 @@ inline char stepOf(ArgKind k) {
     }
 }
 
+// A lower-case step is the same test made later in a member's order (a destination's ROI shift or
+// strides tested after the source's).
 inline OmkStatus statusOf(char step) {
-    switch (step) {
+    switch (std::toupper(static_cast<unsigned char>(step))) {
     case 'N': return omkStsNullPtr;
     case 'C': return omkStsBadCount;
     case 'S': return omkStsBadSize;
@@ -117,6 +120,17 @@ inline void walkFaults(Case& c, const std::string& order, const std::vector<Faul
                 << c.m->name << ": faults at arguments " << f.arg << " and " << g.arg << ", order " << order;
         }
     c.args.args = good;
+}
+
+// Objects that run in each slice of the driver, for `count` objects over a team of `team`: the
+// first object and the length of the slice that holds `object`.
+inline std::pair<int, int> sliceOf(int count, int team, int object) {
+    const int chunk = count / team, rem = count % team;
+    for (int t = 0; t < team; ++t) {
+        const int m = t < rem ? chunk + 1 : chunk, first = t < rem ? (chunk + 1) * t : (chunk + 1) * rem + (t - rem) * chunk;
+        if (object >= first && object < first + m) return {first, m};
+    }
+    return {0, 0};
 }
 
 // ---- serial limits ----

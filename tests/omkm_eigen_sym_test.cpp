@@ -587,16 +587,6 @@ void tridiagonalWalk() {
     }
 }
 
-// Objects that run in each slice of the driver, for `count` objects over a team of `team`.
-std::pair<int, int> sliceOf(int count, int team, int object) {
-    const int chunk = count / team, rem = count % team;
-    for (int t = 0; t < team; ++t) {
-        const int m = t < rem ? chunk + 1 : chunk, first = t < rem ? (chunk + 1) * t : (chunk + 1) * rem + (t - rem) * chunk;
-        if (object >= first && object < first + m) return {first, m};
-    }
-    return {0, 0};
-}
-
 // The calls that put `mats` through member m: one per matrix, or one array call.
 std::vector<std::vector<Mat>> callsFor(const Member& m, const std::vector<Mat>& mats) {
     if (m.hasArray()) return {mats};
