@@ -78,6 +78,10 @@ OmkStatus bufferSize(int32_t n, int32_t* bytes, bool vectors) {
 // step divides by a subnormal number.
 template <class T> constexpr T kEps = sizeof(T) == 4 ? T(0x1p-23) : T(0x1p-52);
 template <class T> constexpr T kSmall = sizeof(T) == 4 ? T(0x1p-125) : T(0x1p-1021);
+// The range in which a QR step takes the length of its 3-element column from the plain sum of
+// squares, far enough from underflow and overflow that no square of a part that matters is lost.
+template <class T> constexpr T kSumLow = sizeof(T) == 4 ? T(0x1p-100) : T(0x1p-900);
+template <class T> constexpr T kSumHigh = sizeof(T) == 4 ? T(0x1p100) : T(0x1p900);
 
 // A row-major n x n matrix in scratch; N > 0 fixes the order at compile time.
 template <int N, class T>
@@ -256,8 +260,8 @@ OmkStatus schur(const Square<N, T>& h, const Square<N, T>& z, T* wr, T* wi) {
             p = (r * s - w) / h(m + 1, m) + h(m, m + 1);
             q = h(m + 1, m + 1) - zz - r - s;
             r = h(m + 2, m + 1);
-            s = std::fabs(p) + std::fabs(q) + std::fabs(r);
-            p = p / s, q = q / s, r = r / s;
+            s = T(1) / (std::fabs(p) + std::fabs(q) + std::fabs(r));
+            p = p * s, q = q * s, r = r * s;
             if (m == l) break;
             const T lhs = std::fabs(h(m, m - 1)) * (std::fabs(q) + std::fabs(r));
             const T rhs = std::fabs(p) * (std::fabs(h(m - 1, m - 1)) + std::fabs(zz) + std::fabs(h(m + 1, m + 1)));
@@ -275,23 +279,32 @@ OmkStatus schur(const Square<N, T>& h, const Square<N, T>& z, T* wr, T* wi) {
                 p = h(k, k - 1);
                 q = h(k + 1, k - 1);
                 r = notLast ? h(k + 2, k - 1) : T(0);
-                x = std::fabs(p) + std::fabs(q) + std::fabs(r);
-                if (x == T(0)) continue;
-                p = p / x, q = q / x, r = r / x;
             }
-            const T s = std::copysign(std::sqrt(p * p + q * q + r * r), p);
+            // The reflection of (p, q, r): the length comes straight from p^2 + q^2 + r^2 while that
+            // sum lies well inside the normal range; otherwise p, q and r are first divided by
+            // x0 = |p| + |q| + |r| (a zero column is skipped).
+            T ss = p * p + q * q + r * r, x0 = T(1);
+            if (!(ss >= kSumLow<T> && ss <= kSumHigh<T>)) {
+                x0 = std::fabs(p) + std::fabs(q) + std::fabs(r);
+                if (k != m && x0 == T(0)) continue;
+                const T scale = T(1) / x0;
+                p = p * scale, q = q * scale, r = r * scale;
+                ss = p * p + q * q + r * r;
+            }
+            const T s = std::copysign(std::sqrt(ss), p);
             if (s == T(0)) continue;
             if (k == m) {
                 if (l != m) h(k, k - 1) = -h(k, k - 1);
             } else {
-                h(k, k - 1) = -s * x;
+                h(k, k - 1) = -s * x0;
             }
             p = p + s;
-            x = p / s;
-            y = q / s;
-            zz = r / s;
-            q = q / p;
-            r = r / p;
+            const T overS = T(1) / s, overP = T(1) / p;
+            x = p * overS;
+            y = q * overS;
+            zz = r * overS;
+            q = q * overP;
+            r = r * overP;
             const int jEnd = Full ? n - 1 : en;
             for (int j = k; j <= jEnd; ++j) {
                 T f = h(k, j) + q * h(k + 1, j);
@@ -328,6 +341,9 @@ OmkStatus schur(const Square<N, T>& h, const Square<N, T>& z, T* wr, T* wi) {
 }
 
 // ---- eigenvectors ----
+
+// The larger of two magnitudes, inlined (std::fmax is a library call); a NaN in a gives b.
+template <class T> inline T larger(T a, T b) { return a > b ? a : b; }
 
 // c = a/b by Smith's method (the larger part of b divides).
 template <class T>
@@ -426,8 +442,8 @@ void substitute(const R& a, int b0, int size, T lr, T li, T smin, T* xr, T* xi) 
                 xr[i0] = n1r / detR;
                 xr[i] = n2r / detR;
             }
-            T big = std::fmax(std::fabs(xr[i0]), std::fabs(xr[i]));
-            if constexpr (Complex) big = std::fmax(big, std::fmax(std::fabs(xi[i0]), std::fabs(xi[i])));
+            T big = larger(std::fabs(xr[i0]), std::fabs(xr[i]));
+            if constexpr (Complex) big = larger(big, larger(std::fabs(xi[i0]), std::fabs(xi[i])));
             rescale(i0, big);
             --i;
         } else {
@@ -442,7 +458,7 @@ void substitute(const R& a, int b0, int size, T lr, T li, T smin, T* xr, T* xi) 
             if constexpr (Complex) complexDivide(rr, ri, dr, di, xr[i], xi[i]);
             else xr[i] = rr / dr;
             T big = std::fabs(xr[i]);
-            if constexpr (Complex) big = std::fmax(big, std::fabs(xi[i]));
+            if constexpr (Complex) big = larger(big, std::fabs(xi[i]));
             rescale(i, big);
         }
     }
@@ -475,8 +491,8 @@ void transformAndStore(const Square<N, T>& z, const T* xr, const T* xi, T* vr, T
     // Scale by the largest part first, so that the sum of squares neither overflows nor underflows.
     T big = T(0);
     for (int i = 0; i < n; ++i) {
-        big = std::fmax(big, std::fabs(vr[i]));
-        if constexpr (Complex) big = std::fmax(big, std::fabs(vi[i]));
+        big = larger(big, std::fabs(vr[i]));
+        if constexpr (Complex) big = larger(big, std::fabs(vi[i]));
     }
     if (big > kSmall<T>) {
         const T f = T(1) / big;
@@ -518,7 +534,7 @@ void vectors(const Square<N, T>& t, const Square<N, T>& z, const T* wr, const T*
     T norm = T(0);
     for (int i = 0; i < n; ++i)
         for (int j = i > 0 ? i - 1 : 0; j < n; ++j) norm = norm + std::fabs(t(i, j));
-    const T smin = std::fmax(kEps<T> * norm, kSmall<T>);
+    const T smin = larger(kEps<T> * norm, kSmall<T>);
     T* xr = work;
     T* xi = work + n;
     T* vr = work + 2 * n;
