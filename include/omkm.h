@@ -12,6 +12,10 @@
  * Object kind letters in a name: m matrix, t matrix read transposed, v vector, c constant; a
  * trailing "a" makes the object an array of `count` objects (ca: one constant per object).
  * Strides and ROI shifts are signed 32-bit byte counts; sizes and counts signed 32-bit.
+ * Pointer tables of sources are `const Omk32f**` (`const Omk64f**`): pass an array of
+ * `const Omk32f*` as it is. A table of plain `Omk32f*` (one shared with a destination, say) is
+ * passed as `(const Omk32f**)table`; C has no implicit conversion for it, and the library neither
+ * writes the table nor writes through a source table. Destination tables are `Omk32f**`.
  *
  * Arguments are checked before any element is read or written; on failure the first failing
  * check's status is returned and nothing is written.
@@ -1254,6 +1258,11 @@ OMKM_API OmkStatus omkmTranspose_m4_32f(const Omk32f* pSrc, Omk32f* pDst);
 
 /* ---- Mul: dst = first * second, matrices and vectors ---- */
 
+/*
+ * The destination must not overlap a source: the kernels write parts of a result while they still
+ * read the sources. omkmMul_mm4x4_32f is the exception: it reads both sources whole first, so
+ * pDst may be either of them.
+ */
 /* Mul mm: matrix times matrix */
 OMKM_API OmkStatus omkmMul_mm_32f(const Omk32f* pSrc1, int src1Stride1, int src1Stride2, int src1Width,
                                   int src1Height, const Omk32f* pSrc2, int src2Stride1, int src2Stride2,
@@ -2506,7 +2515,8 @@ OMKM_API OmkStatus omkmInvert_ma_64f_P(const Omk64f** ppSrc, int srcRoiShift, in
  * implied); width - 1 reflections for a square matrix, width otherwise. A column whose squared
  * norm is below eps (2^-23, 2^-52) stops the decomposition with omkStsDivByZero, the destination
  * partly transformed; a serial array call stops there too. The solver recomputes each reflection's
- * beta from the stored vector and never fails. Serial while the work figure (ma 2*w*h*count; mva
+ * beta from the stored vector and never fails; it writes `width` elements of pDst, the
+ * least-squares solution. Serial while the work figure (ma 2*w*h*count; mva
  * w*h + (w+h)*count; mava (w*(h+1) + h)*count) is below 2801.
  */
 /* QRDecomp m: Householder QR of one matrix, height >= width */

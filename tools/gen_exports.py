@@ -1071,6 +1071,11 @@ DET_INV_NOTE = """\
  * stops at its own. Serial while: Det widthHeight*count < 14401; Invert 2*widthHeight*count <= 3600
  * when every element stride is the element size, else (and _P) <= 2500.
 """
+MUL_NOTE = """\
+ * The destination must not overlap a source: the kernels write parts of a result while they still
+ * read the sources. omkmMul_mm4x4_32f is the exception: it reads both sources whole first, so
+ * pDst may be either of them.
+"""
 QR_NOTE = """\
  * Checks: null pointers (pBuffer included), count, sizes, strides, ROI shifts, then width > height
  * (omkStsSizeMismatch). pBuffer: at least `height` elements of the element type in every member.
@@ -1078,7 +1083,8 @@ QR_NOTE = """\
  * implied); width - 1 reflections for a square matrix, width otherwise. A column whose squared
  * norm is below eps (2^-23, 2^-52) stops the decomposition with omkStsDivByZero, the destination
  * partly transformed; a serial array call stops there too. The solver recomputes each reflection's
- * beta from the stored vector and never fails. Serial while the work figure (ma 2*w*h*count; mva
+ * beta from the stored vector and never fails; it writes `width` elements of pDst, the
+ * least-squares solution. Serial while the work figure (ma 2*w*h*count; mva
  * w*h + (w+h)*count; mava (w*(h+1) + h)*count) is below 2801.
 """
 EIGEN_SYM_NOTE = """\
@@ -1196,7 +1202,7 @@ def outputs():
                                   ("Saxpy and LComb: scaled sums of vectors", saxpy, SAXPY_NOTE),
                                   ("Copy, Extract, LoadIdentity and Transpose: data movement", moves + transposes,
                                    MOVE_NOTE),
-                                  ("Mul: dst = first * second, matrices and vectors", mul),
+                                  ("Mul: dst = first * second, matrices and vectors", mul, MUL_NOTE),
                                   ("Mul by a constant: dst = src * val, one rounding per element", scale),
                                   ("Dot and cross products", dot_cross, DOT_CROSS_NOTE),
                                   ("Norms and trace", norms, NORMS_NOTE),

@@ -1,0 +1,1 @@
+#include "every_family.c"

@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Installs the build into a fresh prefix, then builds and runs one consumer through find_package
+# and one through pkg-config, each from that prefix only (their libomkm must resolve there).
+# usage: check_install.sh <cmake> <build dir> <consumer source dir> <work dir> <C compiler>
+set -euo pipefail
+cmake_bin=$1 build=$2 src=$3 work=$4 cc=$5
+rm -rf "$work"
+mkdir -p "$work"
+prefix=$work/prefix
+"$cmake_bin" --install "$build" --prefix "$prefix" >/dev/null
+
+from_prefix() {  # the program's libomkm and libomkcore come from the prefix
+  local deps
+  deps=$(ldd "$1")
+  for lib in libomkm.so libomkcore.so; do
+    if ! grep "$lib" <<<"$deps" | grep -q "=> $prefix/"; then
+      echo "$1 does not take $lib from $prefix:"
+      echo "$deps"
+      return 1
+    fi
+  done
+}
+
+echo "== find_package(omkm CONFIG) =="
+"$cmake_bin" -S "$src" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" >/dev/null
+"$cmake_bin" --build "$work/cmake-consumer" >/dev/null
+from_prefix "$work/cmake-consumer/consumer"
+"$work/cmake-consumer/consumer"
+
+echo "== pkg-config omkm =="
+pcdir=$(dirname "$(find "$prefix" -name omkm.pc)")
+export PKG_CONFIG_PATH=$pcdir
+# shellcheck disable=SC2046
+"$cc" -std=c99 -Wall -Wextra -pedantic -Werror "$src/consumer.c" -o "$work/pc-consumer" \
+  $(pkg-config --cflags --libs omkm) -Wl,-rpath,"$(pkg-config --variable=libdir omkm)"
+from_prefix "$work/pc-consumer"
+"$work/pc-consumer"
