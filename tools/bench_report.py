@@ -1,0 +1,826 @@
+#!/usr/bin/python3
+"""Runs omkm_bench once and writes docs/benchmarks.md and the count-sweep plots docs/sweep_*.png.
+
+Every row of omkm_bench is named BM_<who>_<operation>/<shape>/<count>[/threads:<budget>]. Rows
+that differ only in <who> (omkm, plain, eigen, glm, xsmm, lapacke and their variants) form one
+workload; the report gives, per workload, the median time per object of omkm and of every peer
+present and the ratio omkm / best peer. Rows whose operation ends in "Sweep" repeat five workloads
+at 1 to 1000000 objects and are drawn as log-log plots.
+
+Usage (normally through bench/report.sh, which builds build-bench/ first):
+    tools/bench_report.py [--build build-bench] [--docs docs] [--repetitions 3] [--min-time 0.2]
+                          [--filter REGEX] [--wait-idle MINUTES] [--from-json FILE]
+
+--wait-idle N polls every 30 s, for at most N minutes, until the 1-minute load average is below
+1.0 and no compiler (cc1plus) runs, then starts the measurement. --from-json rewrites the report
+from the JSON of an earlier run (build-bench/omkm_bench_report.json) without running anything.
+Needs python3 with matplotlib (Debian: python3-matplotlib).
+"""
+
+import argparse
+import datetime
+import json
+import os
+import platform
+import re
+import subprocess
+import sys
+import time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+
+# Peer families: the column a row of <who> goes to, and the tag that names a variant of the family.
+FAMILIES = [
+    ("plain", "plain loop"),
+    ("eigen", "Eigen"),
+    ("glm", "glm"),
+    ("xsmm", "libxsmm"),
+    ("lapacke", "LAPACKE"),
+]
+WHO_FAMILY = {
+    "plain": ("plain", None),
+    "memcpy": ("plain", "memcpy"),
+    "eigen": ("eigen", None),
+    "eigenDirect": ("eigen", "computeDirect"),
+    "glm": ("glm", None),
+    "glmSimd": ("glm", "SIMD"),
+    "xsmm": ("xsmm", None),
+    "lapacke": ("lapacke", None),
+}
+FAMILY_NAME = dict(FAMILIES)
+
+# omkm rows that time another entry point of the same workload: operation -> (operation of the
+# workload, label of the variant).
+OMKM_ALIASES = {
+    "Mul_mm4x4_32f": ("Mul_mama_32f", "omkmMul_mm4x4_32f, one call per object"),
+    "Transform_m4v3_32f": ("Transform_m4v3a_32f", "omkmAffineTransform_m4v3_32f, one call per point"),
+}
+# omkm rows whose first argument names the entry point (m4: one call per object, ma: array call).
+OMKM_FORMS = {"m4": "one call per object", "ma": "array call"}
+
+# Sections of the report: title and the operations it holds, in order. Operations not listed go to
+# "Other".
+SECTIONS = [
+    ("Element-wise and scaled sums", ["Add_mama_32f", "Add_vava_64f", "Saxpy_vava_32f"]),
+    ("Products and small reductions",
+     ["Mul_mama_32f", "Mul_mama_64f", "Mul_mm_32f", "Gaxpy_mva_32f", "Dot_vava_32f", "Cross_vava_32f",
+      "L2Norm_va_32f"]),
+    ("Solvers, inverses and determinants",
+     ["LUSolve_32f", "LUSolve_64f", "Cholesky_64f", "QRSolve_64f", "Invert4_32f", "Det4_32f"]),
+    ("Eigenproblems", ["EigenSym_32f", "EigenSym_64f", "EigenGenValues_32f", "EigenGenVectorsRight_64f"]),
+    ("Point transforms", ["Transform_m4v3a_32f"]),
+    ("Data movement", ["Transpose_32f", "CopyAoS_32f"]),
+]
+DESCRIPTIONS = {
+    "Add_mama_32f": "d = a + b, 4x4 float matrices",
+    "Add_vava_64f": "d = a + b, length-16 double vectors",
+    "Saxpy_vava_32f": "d = s*x + y, length-16 float vectors",
+    "Mul_mama_32f": "d = a * b, float matrices",
+    "Mul_mama_64f": "d = a * b, double matrices",
+    "Mul_mm_32f": "one 4x4 float product, single call",
+    "Gaxpy_mva_32f": "y = A*x + b, one 4x4 float matrix, packed 4-vectors",
+    "Dot_vava_32f": "dot products of float 3-vectors",
+    "Cross_vava_32f": "cross products of float 3-vectors",
+    "L2Norm_va_32f": "norms of float 3-vectors",
+    "LUSolve_32f": "LU factorisation and one solve, float",
+    "LUSolve_64f": "LU factorisation and one solve, double",
+    "Cholesky_64f": "Cholesky factorisation, double",
+    "QRSolve_64f": "QR factorisation and least-squares solve, double",
+    "Invert4_32f": "4x4 float inverse",
+    "Det4_32f": "4x4 float determinant",
+    "EigenSym_32f": "symmetric eigenvalues and eigenvectors, float",
+    "EigenSym_64f": "symmetric eigenvalues and eigenvectors, double",
+    "EigenGenValues_32f": "general eigenvalues, float",
+    "EigenGenVectorsRight_64f": "general eigenvalues and right eigenvectors, double",
+    "Transform_m4v3a_32f": "points (x, y, z, 1) * M, 4x4 float transform",
+    "Transpose_32f": "transpose of one N x N float matrix (time per matrix)",
+    "CopyAoS_32f": "4x4 float matrices out of an array of 96-byte records",
+}
+SWEEP_TITLES = {
+    "AddSweep_mama_32f/4x4": "omkmAdd_mama_32f: d = a + b, 4x4 float",
+    "MulSweep_mama_32f/4x4": "omkmMul_mama_32f: d = a * b, 4x4 float",
+    "LUSolveSweep_64f/3x3": "omkmLUDecomp_ma_64f + omkmLUBackSubst_mava_64f: 3x3 double",
+    "TransformSweep_m4v3a_32f": "omkmAffineTransform_m4v3a_32f: points through a 4x4",
+    "EigenSymSweep_64f/3x3": "omkmEigenValuesVectorsSym_ma_64f: 3x3 symmetric double",
+}
+# Operations whose last argument is the matrix order N of a single N x N matrix, not a count.
+SINGLE_MATRIX = {"Transpose_32f"}
+# ratio <= LEAD: omkm leads; ratio >= TRAIL: omkm trails; between: level.
+LEAD, TRAIL = 0.95, 1.05
+# A coefficient of variation above this over the repetitions marks a comparison as noisy.
+NOISY = 0.10
+
+PEER_PACKAGES = ["libeigen3-dev", "libglm-dev", "libxsmm-dev", "liblapacke-dev", "libopenblas-dev",
+                 "libopenblas0", "libblas-dev", "libblas3", "libbenchmark-dev"]
+
+
+# ---- machine and software ----
+
+def read(path, default=""):
+    try:
+        with open(path, encoding="utf-8", errors="replace") as f:
+            return f.read()
+    except OSError:
+        return default
+
+
+def run_text(cmd):
+    try:
+        return subprocess.run(cmd, capture_output=True, text=True, check=False).stdout
+    except OSError:
+        return ""
+
+
+def machine_info():
+    cpuinfo = read("/proc/cpuinfo")
+    models = re.findall(r"^model name\s*:\s*(.+)$", cpuinfo, re.M)
+    flags = re.search(r"^flags\s*:\s*(.+)$", cpuinfo, re.M)
+    flags = flags.group(1).split() if flags else []
+    mem = re.search(r"^MemTotal:\s*(\d+)\s*kB", read("/proc/meminfo"), re.M)
+    return {
+        "cpu": models[0].strip() if models else platform.processor() or "unknown",
+        "cores": len(models) or os.cpu_count() or 0,
+        "virtual": "hypervisor" in flags,
+        "avx512": "avx512f" in flags,
+        "memory_gib": int(mem.group(1)) / 2 ** 20 if mem else 0.0,
+        "kernel": platform.release(),
+    }
+
+
+def cmake_cache(build):
+    cache = {}
+    for line in read(os.path.join(build, "CMakeCache.txt")).splitlines():
+        m = re.match(r"^([A-Za-z0-9_]+):[A-Z]+=(.*)$", line)
+        if m:
+            cache[m.group(1)] = m.group(2)
+    return cache
+
+
+def software_info(build, bench):
+    cache = cmake_cache(build)
+    compiler = cache.get("CMAKE_CXX_COMPILER", "c++")
+    version = run_text([compiler, "--version"]).splitlines()
+    top = read(os.path.join(ROOT, "CMakeLists.txt"))
+    omkm = re.search(r"project\(\s*omkm\s+VERSION\s+([0-9.]+)", top)
+    arch = re.search(r"set\(OMKM_ARCH_FLAGS\s+([^)]*)\)", top)
+    build_type = cache.get("CMAKE_BUILD_TYPE", "")
+    flags = cache.get("CMAKE_CXX_FLAGS_" + build_type.upper(), "") if build_type else ""
+    packages = []
+    out = run_text(["dpkg-query", "-W", "-f", "${Package}\t${Version}\t${db:Status-Abbrev}\n"] + PEER_PACKAGES)
+    for line in out.splitlines():
+        fields = line.split("\t")
+        if len(fields) == 3 and fields[2].startswith("ii"):
+            packages.append((fields[0].split(":")[0], fields[1]))
+    linked = []
+    for line in run_text(["ldd", bench]).splitlines():
+        m = re.match(r"\s*(\S+)\s+=>\s+(\S+)", line)
+        if m and re.search(r"blas|lapack|xsmm|benchmark|gomp", m.group(1)):
+            linked.append(os.path.realpath(m.group(2)))
+    commit = run_text(["git", "-C", ROOT, "rev-parse", "--short", "HEAD"]).strip()
+    dirty = bool(run_text(["git", "-C", ROOT, "status", "--porcelain", "--untracked-files=no"]).strip())
+    return {
+        "compiler": version[0].strip() if version else compiler,
+        "build_type": build_type,
+        "flags": " ".join(x for x in [flags, arch.group(1).strip() if arch else ""] if x),
+        "omkm": omkm.group(1) if omkm else "unknown",
+        "packages": packages,
+        "linked": linked,
+        "commit": commit + (" with local changes" if commit and dirty else ""),
+    }
+
+
+def compiler_running():
+    for pid in os.listdir("/proc"):
+        if pid.isdigit() and read(os.path.join("/proc", pid, "comm")).strip() == "cc1plus":
+            return True
+    return False
+
+
+def wait_idle(minutes):
+    """Polls every 30 s until load(1 min) < 1.0 and no cc1plus runs; gives up after `minutes`."""
+    deadline = time.time() + 60 * minutes
+    while True:
+        load = os.getloadavg()[0]
+        busy = compiler_running()
+        if load < 1.0 and not busy:
+            print(f"bench_report: machine idle (load {load:.2f}), starting", file=sys.stderr)
+            return True
+        if time.time() >= deadline:
+            print(f"bench_report: still busy after {minutes} min (load {load:.2f}, compiler running: {busy}), "
+                  "starting anyway", file=sys.stderr)
+            return False
+        print(f"bench_report: waiting, load {load:.2f}, compiler running: {busy}", file=sys.stderr)
+        time.sleep(30)
+
+
+# ---- the run ----
+
+def run_bench(bench, repetitions, min_time, filt):
+    cmd = [bench, "--benchmark_format=json", f"--benchmark_repetitions={repetitions}",
+           f"--benchmark_min_time={min_time}", "--benchmark_report_aggregates_only=true",
+           "--benchmark_enable_random_interleaving=true"]
+    if filt:
+        cmd.append(f"--benchmark_filter={filt}")
+    print("bench_report: " + " ".join(cmd), file=sys.stderr)
+    start = time.time()
+    proc = subprocess.run(cmd, stdout=subprocess.PIPE, text=True, check=False)
+    seconds = time.time() - start
+    if proc.returncode != 0:
+        sys.exit(f"bench_report: omkm_bench exited with status {proc.returncode}")
+    data = json.loads(proc.stdout)
+    data["report_seconds"] = seconds
+    data["report_command"] = " ".join(os.path.relpath(c, ROOT) if c == bench else c for c in cmd)
+    return data
+
+
+# ---- rows and workloads ----
+
+SUFFIX = re.compile(r"/(min_time:[^/]+|min_warmup_time:[^/]+|real_time|manual_time|iterations:\d+|repeats:\d+)")
+
+
+class Row:
+    def __init__(self, name):
+        self.name = name
+        self.ns = None      # median wall time per object, ns
+        self.cv = None      # coefficient of variation of the wall time over the repetitions
+        self.threads = None
+        self.bytes_per_second = None
+        self.error = None
+        self.min_time = None  # the row's own minimum time per repetition, if it sets one
+        m = re.match(r"BM_([A-Za-z0-9]+)_([^/]+)(/.*)?$", name)
+        self.who, op = (m.group(1), m.group(2)) if m else ("?", name)
+        args = [a for a in (m.group(3) or "").split("/") if a] if m else []
+        self.budget = None  # "1", "default" or another number for omkm rows
+        if args and args[-1].startswith("threads:"):
+            self.budget = args.pop()[len("threads:"):]
+        self.variant = None
+        if self.who == "omkm" and op in OMKM_ALIASES:
+            op, self.variant = OMKM_ALIASES[op]
+        elif self.who == "omkm" and args and args[0] in OMKM_FORMS:
+            self.variant = OMKM_FORMS[args.pop(0)]
+        if op in SINGLE_MATRIX and args and args[-1].isdigit():
+            args = args[:-1] + [f"{args[-1]}x{args[-1]}", "1"]
+        self.op = op
+        self.args = args
+        self.sweep = op.endswith("Sweep") or "Sweep_" in op
+        self.count = int(args[-1]) if args and args[-1].isdigit() else None
+        if self.who == "stream" or (self.who == "memcpy" and op == "copy"):
+            self.kind = "reference"
+        elif self.who == "omkm":
+            self.kind = "omkm"
+        else:
+            self.kind = "peer"
+        self.family, self.tag = WHO_FAMILY.get(self.who, (self.who, None))
+        if self.who == "stream" and op == "Mul_limit_32f":
+            self.op = "Mul_mama_32f"  # the memory limit of that product, shown beside it
+
+    @property
+    def key(self):
+        return "/".join([self.op] + self.args)
+
+    @property
+    def shape(self):
+        return "/".join(self.args[:-1]) if self.count is not None else "/".join(self.args)
+
+    def label(self):
+        if self.kind == "omkm":
+            return "omkm" + (f", {self.variant}" if self.variant else "")
+        if self.kind == "reference":
+            return f"{self.who} ({self.op}), memory limit"
+        return FAMILY_NAME.get(self.family, self.who) + (f" ({self.tag})" if self.tag else "")
+
+    def budget_label(self, default_threads):
+        if self.kind != "omkm":
+            return "1 (calling thread)"
+        if self.budget == "default":
+            return f"default ({default_threads})"
+        return self.budget or "1 (calling thread)"
+
+    def one_thread(self):
+        return self.threads is not None and self.threads <= 1
+
+
+def to_ns(value, unit):
+    return value * {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}[unit]
+
+
+def parse(data):
+    rows = {}
+    for b in data.get("benchmarks", []):
+        raw = b.get("run_name", b["name"])
+        name = SUFFIX.sub("", raw)
+        row = rows.setdefault(name, Row(name))
+        mt = re.search(r"/min_time:([0-9.]+)", raw)
+        row.min_time = float(mt.group(1)) if mt else None
+        if b.get("error_occurred"):
+            row.error = b.get("error_message", "error")
+            continue
+        agg = b.get("aggregate_name")
+        if b.get("run_type") == "aggregate" and agg not in ("median", "cv"):
+            continue
+        if agg == "cv":
+            row.cv = b.get("real_time")
+            continue
+        if "time_per_obj" in b:
+            row.ns = b["time_per_obj"] * 1e9
+        else:
+            row.ns = to_ns(b["real_time"], b.get("time_unit", "ns"))
+        row.threads = b.get("threads", row.threads)
+        row.bytes_per_second = b.get("bytes_per_second")
+    return list(rows.values())
+
+
+class Workload:
+    def __init__(self, key):
+        self.key = key
+        self.omkm, self.peers, self.refs = [], [], []
+
+    def add(self, row):
+        {"omkm": self.omkm, "peer": self.peers, "reference": self.refs}[row.kind].append(row)
+
+    @staticmethod
+    def best(rows):
+        ok = [r for r in rows if r.ns is not None]
+        return min(ok, key=lambda r: r.ns) if ok else None
+
+    def best_peer(self):
+        return self.best(self.peers)
+
+    def omkm_one(self):
+        return self.best([r for r in self.omkm if r.one_thread()])
+
+    def omkm_default(self):
+        return self.best([r for r in self.omkm if r.budget == "default"])
+
+    def family_best(self, family):
+        return self.best([r for r in self.peers if r.family == family])
+
+    def ratio(self, row):
+        peer = self.best_peer()
+        if row is None or peer is None or row.ns is None:
+            return None
+        return row.ns / peer.ns
+
+    @property
+    def sample(self):
+        return (self.omkm + self.peers + self.refs)[0]
+
+
+def group(rows):
+    workloads = {}
+    for r in rows:
+        if r.kind == "reference" and r.op not in ("Mul_mama_32f",):
+            continue
+        workloads.setdefault(r.key, Workload(r.key)).add(r)
+    return workloads
+
+
+# ---- formatting ----
+
+def fmt_ns(ns):
+    if ns is None:
+        return "–"
+    if ns >= 1000:
+        return f"{ns:,.0f}"
+    if ns >= 100:
+        return f"{ns:.0f}"
+    if ns >= 10:
+        return f"{ns:.1f}"
+    if ns >= 1:
+        return f"{ns:.2f}"
+    return f"{ns:.3f}"
+
+
+def fmt_ratio(r):
+    return "–" if r is None else f"{r:.2f}"
+
+
+def fmt_count(c):
+    return "–" if c is None else f"{c:,}"
+
+
+def fmt_cv(cv):
+    return "–" if cv is None else f"{100 * cv:.1f} %"
+
+
+def section_of(op):
+    for i, (_, ops) in enumerate(SECTIONS):
+        if op in ops:
+            return i, ops.index(op)
+    return len(SECTIONS), 0
+
+
+def natural(text):
+    return [int(t) if t.isdigit() else t for t in re.split(r"(\d+)", text)]
+
+
+def workload_order(w):
+    s = w.sample
+    return (section_of(s.op), s.op, natural(s.shape), s.count or 0)
+
+
+def workload_title(w):
+    s = w.sample
+    return f"`{s.op}`" + (f" {s.shape}" if s.shape else "")
+
+
+# ---- report pieces ----
+
+def summary_table(workloads, default_threads):
+    """The main table, one line per workload, one section per kind of operation."""
+    lines = []
+    by_section = {}
+    for w in sorted(workloads, key=workload_order):
+        by_section.setdefault(section_of(w.sample.op)[0], []).append(w)
+    for idx in sorted(by_section):
+        ws = by_section[idx]
+        title = SECTIONS[idx][0] if idx < len(SECTIONS) else "Other"
+        families = [f for f, _ in FAMILIES if any(w.family_best(f) for w in ws)]
+        lines += [f"### {title}", ""]
+        ops = []
+        for w in ws:
+            if w.sample.op not in ops:
+                ops.append(w.sample.op)
+        lines += [f"- `{op}`: {DESCRIPTIONS[op]}" for op in ops if op in DESCRIPTIONS] + [""]
+        head = ["workload", "objects", "omkm, 1 thread", f"omkm, default budget ({default_threads})"]
+        head += [FAMILY_NAME[f] for f in families] + ["best peer", "omkm 1 thread / best", "omkm default / best"]
+        lines.append("| " + " | ".join(head) + " |")
+        lines.append("|" + "|".join(["---", "---:"] + ["---:"] * (len(head) - 2)) + "|")
+        notes = []
+        for w in ws:
+            one, dflt, peer = w.omkm_one(), w.omkm_default(), w.best_peer()
+            cells = [workload_title(w), fmt_count(w.sample.count)]
+            c = fmt_ns(one.ns) if one else "–"
+            if one and one.variant and one.variant != "array call":
+                c += f" ({one.variant.split(',')[-1].strip()})"
+            cells += [c, fmt_ns(dflt.ns) if dflt else "–"]
+            for f in families:
+                r = w.family_best(f)
+                cells.append("–" if r is None else fmt_ns(r.ns) + (f" ({r.tag})" if r.tag else ""))
+            cells.append(peer.label() if peer else "none")
+            cells += [fmt_ratio(w.ratio(one)), fmt_ratio(w.ratio(dflt))]
+            lines.append("| " + " | ".join(cells) + " |")
+            for ref in w.refs:
+                notes.append(f"{workload_title(w)}, {fmt_count(w.sample.count)} objects: the STREAM-like add over "
+                             f"the same arrays takes {fmt_ns(ref.ns)} ns per object on {int(ref.threads or 1)} "
+                             f"thread(s), the memory or cache limit of this product.")
+        lines.append("")
+        lines += [f"- {n}" for n in notes]
+        if notes:
+            lines.append("")
+    return lines
+
+
+def sweep_groups(rows):
+    sweeps = {}
+    for r in rows:
+        if r.sweep and r.count is not None:
+            sweeps.setdefault("/".join([r.op] + r.args[:-1]), []).append(r)
+    return sweeps
+
+
+def series_name(r):
+    if r.kind == "omkm":
+        return "omkm, 1 thread" if r.budget == "1" else f"omkm, default budget" if r.budget == "default" else r.label()
+    return r.label()
+
+
+def series_order(name):
+    """omkm first, then the peers in the order of FAMILIES, variants after their family."""
+    if name.startswith("omkm"):
+        return (0, 0, name)
+    for i, (_, fam) in enumerate(FAMILIES):
+        if name == fam or name.startswith(fam + " ("):
+            return (1, i, name)
+    return (2, 0, name)
+
+
+def sweep_table(key, rows, default_threads):
+    counts = sorted({r.count for r in rows})
+    series = {}
+    for r in rows:
+        series.setdefault(series_name(r), {})[r.count] = r
+    order = sorted(series, key=series_order)
+    lines = ["| implementation | " + " | ".join(fmt_count(c) for c in counts) + " |",
+             "|---|" + "---:|" * len(counts)]
+    for s in order:
+        name = s.replace("default budget", f"default budget ({default_threads})")
+        lines.append(f"| {name} | " + " | ".join(fmt_ns(series[s][c].ns) if c in series[s] else "–" for c in counts) + " |")
+    peers = [s for s in order if not s.startswith("omkm")]
+    best = {}
+    for c in counts:
+        cand = [series[s][c] for s in peers if c in series[s] and series[s][c].ns is not None]
+        best[c] = min(cand, key=lambda r: r.ns) if cand else None
+    lines.append("| best peer | " + " | ".join(best[c].label() if best[c] else "–" for c in counts) + " |")
+    ratios = {}
+    for s in order:
+        if not s.startswith("omkm"):
+            continue
+        vals = []
+        for c in counts:
+            r = series[s].get(c)
+            v = r.ns / best[c].ns if r and r.ns is not None and best[c] else None
+            ratios.setdefault(s, {})[c] = v
+            vals.append(fmt_ratio(v))
+        lines.append(f"| {s} / best peer | " + " | ".join(vals) + " |")
+    return lines, ratios, counts
+
+
+STYLE = {
+    "omkm, 1 thread": dict(color="#c0392b", linestyle="-", marker="o", linewidth=2.2),
+    "omkm, default budget": dict(color="#e67e22", linestyle="--", marker="o", linewidth=2.2),
+    "plain loop": dict(color="#7f8c8d", linestyle="-", marker="s"),
+    "Eigen": dict(color="#2471a3", linestyle="-", marker="^"),
+    "Eigen (computeDirect)": dict(color="#5dade2", linestyle=":", marker="^"),
+    "glm": dict(color="#229954", linestyle="-", marker="D"),
+    "libxsmm": dict(color="#8e44ad", linestyle="-", marker="v"),
+    "LAPACKE": dict(color="#34495e", linestyle="-.", marker="x"),
+}
+
+
+def plot_sweep(key, rows, path, default_threads):
+    import matplotlib
+    matplotlib.use("Agg")
+    import matplotlib.pyplot as plt
+    from matplotlib.ticker import FixedLocator, FixedFormatter, NullLocator
+
+    series = {}
+    for r in rows:
+        if r.ns is not None:
+            series.setdefault(series_name(r), []).append((r.count, r.ns))
+    fig, ax = plt.subplots(figsize=(6.4, 4.2), dpi=100)
+    for s in sorted(series, key=series_order):
+        pts = sorted(series[s])
+        style = dict(STYLE.get(s, dict(marker=".")))
+        label = s.replace("default budget", f"default budget ({default_threads})")
+        ax.plot([p[0] for p in pts], [p[1] for p in pts], label=label, markersize=4, **style)
+    counts = sorted({r.count for r in rows})
+    ax.set_xscale("log")
+    ax.set_yscale("log")
+    ax.xaxis.set_major_locator(FixedLocator(counts))
+    ax.xaxis.set_major_formatter(FixedFormatter([f"{c:,}" if c < 1000000 else "1e6" for c in counts]))
+    ax.xaxis.set_minor_locator(NullLocator())
+    ax.set_xlabel("objects per call")
+    ax.set_ylabel("ns per object (median of repetitions)")
+    ax.set_title(SWEEP_TITLES.get(key, key), fontsize=10)
+    ax.grid(True, which="both", linewidth=0.4, alpha=0.5)
+    ax.legend(fontsize=7, loc="best", framealpha=0.85)
+    fig.tight_layout()
+    fig.savefig(path, dpi=100)
+    plt.close(fig)
+
+
+def ranges(counts):
+    return ", ".join(fmt_count(c) for c in counts) if counts else "no count"
+
+
+def leads_and_trails(workloads, sweeps_ratios):
+    """Per section: how many workloads omkm (one thread) leads, matches and trails, its largest lead,
+    then every workload it trails, then each sweep's counts on either side."""
+    judged = []
+    for w in sorted(workloads, key=workload_order):
+        one, dflt, peer = w.omkm_one(), w.omkm_default(), w.best_peer()
+        r = w.ratio(one)
+        if r is not None:
+            judged.append((w, r, w.ratio(dflt), one, peer))
+
+    def describe(w, r, rd, one, peer):
+        n = w.sample.count
+        extra = f"; default budget {rd:.2f}" if rd is not None else ""
+        spread = max((x.cv for x in (one, peer) if x.cv is not None), default=None)
+        if spread is not None and spread > NOISY:
+            extra += f"; spread up to {100 * spread:.0f} %, not a firm figure"
+        return (f"{workload_title(w)}, {fmt_count(n)} object{'' if n == 1 else 's'}: {r:.2f} "
+                f"({fmt_ns(one.ns)} ns against {fmt_ns(peer.ns)} ns, {peer.label()}{extra})")
+
+    lead = [j for j in judged if j[1] <= LEAD]
+    trail = [j for j in judged if j[1] >= TRAIL]
+    lines = ["## Where omkm leads and where it trails", "",
+             f"Computed from the ratios above: omkm on one thread over the fastest peer; at most {LEAD} omkm "
+             f"leads, at least {TRAIL} it trails, in between the two are level. Of {len(judged)} workloads with a "
+             f"peer, omkm leads in {len(lead)}, is level in {len(judged) - len(lead) - len(trail)} and trails in "
+             f"{len(trail)}.", ""]
+    by_section = {}
+    for j in judged:
+        by_section.setdefault(section_of(j[0].sample.op)[0], []).append(j)
+    for idx in sorted(by_section):
+        js = by_section[idx]
+        title = SECTIONS[idx][0] if idx < len(SECTIONS) else "Other"
+        nl = sum(1 for j in js if j[1] <= LEAD)
+        nt = sum(1 for j in js if j[1] >= TRAIL)
+        best = min(js, key=lambda j: j[1])
+        text = f"- **{title}**: leads in {nl} of {len(js)}, level in {len(js) - nl - nt}, trails in {nt}"
+        if best[1] <= LEAD:
+            text += f"; largest lead {describe(*best)}"
+        lines.append(text + ".")
+    lines += ["", f"Every workload where omkm trails ({len(trail)}):", ""]
+    lines += [f"- {describe(*j)}" for j in sorted(trail, key=lambda j: -j[1])] or ["- none"]
+    lines.append("")
+    if sweeps_ratios:
+        lines += ["Count sweeps (ratio to the fastest peer at each count):", ""]
+        for key, (ratios, counts) in sweeps_ratios.items():
+            pieces = []
+            for name, byc in ratios.items():
+                vals = {c: byc[c] for c in counts if byc.get(c) is not None}
+                if not vals:
+                    continue
+                led = [c for c in vals if vals[c] <= LEAD]
+                trailed = [c for c in vals if vals[c] >= TRAIL]
+                pieces.append(f"{name} {min(vals.values()):.2f} to {max(vals.values()):.2f}, leads at "
+                             f"{ranges(led)}, trails at {ranges(trailed)}")
+            lines.append(f"- {SWEEP_TITLES.get(key, key)}: " + "; ".join(pieces) + ".")
+        lines.append("")
+    return lines
+
+
+def all_rows_table(rows, default_threads):
+    lines = ["| row | ns per object (median) | spread (CV) | threads | budget |", "|---|---:|---:|---:|---|"]
+    for r in sorted(rows, key=lambda r: r.name):
+        if r.error:
+            lines.append(f"| `{r.name}` | error: {r.error} | | | |")
+            continue
+        t = "–" if r.threads is None else f"{r.threads:g}"
+        lines.append(f"| `{r.name}` | {fmt_ns(r.ns)} | {fmt_cv(r.cv)} | {t} | {r.budget_label(default_threads)} |")
+    return lines
+
+
+def sweep_min_times(rows):
+    by_time = {}
+    for r in rows:
+        if r.sweep and r.min_time is not None and r.count is not None:
+            by_time.setdefault(r.min_time, set()).add(r.count)
+    if not by_time:
+        return ""
+    pieces = [f"{t:g} s for {fmt_count(min(c))} to {fmt_count(max(c))} objects" for t, c in sorted(
+        by_time.items(), key=lambda kv: min(kv[1]))]
+    return (" Count-sweep rows set their own minimum: " + ", ".join(pieces) +
+            "; a row whose single call takes longer runs one iteration per repetition.")
+
+
+def wait_note(data):
+    w = data.get("report_wait")
+    if not w:
+        return ""
+    if w["idle"]:
+        return f" (after waiting {w['minutes']:.1f} min for load below 1.0 and no compiler running)"
+    return f" (the machine was still busy after waiting {w['minutes']:.1f} min)"
+
+
+def write_report(data, args, machine, software, start_load):
+    rows = parse(data)
+    ctx = data.get("context", {})
+    default_threads = ctx.get("omkm_threads_default", "?")
+    errors = [r for r in rows if r.error]
+    fixed = [r for r in rows if not r.sweep]
+    workloads = list(group(fixed).values())
+    sweeps = sweep_groups([r for r in rows if not r.error])
+    docs = args.docs
+
+    date = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC")
+    kind = "virtual machine" if machine["virtual"] else "machine"
+    cores = machine["cores"]
+    minutes = data.get("report_seconds", 0) / 60
+    lines = [
+        "# omkm benchmarks",
+        "",
+        f"Generated by `bench/report.sh` (`tools/bench_report.py`) on {date}; rerun it to refresh this page "
+        "and its plots. Every number below is computed from one run of `omkm_bench`.",
+        "",
+        f"**The figures come from one {cores}-core {kind}, so they show ratios, not absolute speed on other "
+        "machines.** Compare implementations within a row; do not carry the nanoseconds elsewhere.",
+        "",
+        "## Machine and software",
+        "",
+        "| | |",
+        "|---|---|",
+        f"| CPU | {machine['cpu']} ({cores} cores{', virtual machine' if machine['virtual'] else ''}"
+        f"{', AVX-512 present' if machine['avx512'] else ''}) |",
+        f"| clock (as Google Benchmark reads it) | {ctx.get('mhz_per_cpu', '?')} MHz, frequency scaling "
+        f"{'on' if ctx.get('cpu_scaling_enabled') else 'off'} |",
+        f"| memory | {machine['memory_gib']:.1f} GiB |",
+        f"| kernel | Linux {machine['kernel']} |",
+        f"| load average at start (1, 5, 15 min) | {', '.join(f'{x:.2f}' for x in start_load)}{wait_note(data)} |",
+        f"| compiler | {software['compiler']} |",
+        f"| build | {software['build_type']}, `{software['flags']}` (library and benchmarks) |",
+        f"| omkm | {software['omkm']}" + (f" (commit {software['commit']})" if software['commit'] else "") + " |",
+    ]
+    for pkg, ver in software["packages"]:
+        lines.append(f"| {pkg} | {ver} |")
+    if ctx.get("library_build_type"):
+        lines.append(f"| Google Benchmark library build | {ctx['library_build_type']} (the timing harness only) |")
+    if software["linked"]:
+        lines.append("| linked | " + ", ".join(f"`{os.path.basename(p)}`" for p in software["linked"]) + " |")
+    lines += [
+        f"| run | `{data.get('report_command', '')}` |",
+        f"| run time | {minutes:.1f} min |",
+        f"| measured | {ctx.get('date', date)} |",
+        "",
+        "## Method",
+        "",
+        f"- Every row runs {args.repetitions} times (repetitions in random order across all rows); the tables "
+        "give the median. Times are wall-clock (the library may run an OpenMP team).",
+        "- ns per object is the `time_per_obj` counter: wall time of one call over the whole array divided by "
+        "the number of objects (for `Transpose_32f`, per matrix).",
+        f"- omkm runs with a thread budget of 1 (`omkSetNumThreads(1)`, column *omkm, 1 thread*) and, where the "
+        f"row exists, with the library's default budget (the OpenMP maximum, {default_threads} here). Below its "
+        "work limits an array call runs on the calling thread under either budget. *omkm, 1 thread* is the "
+        "fastest one-thread omkm row of the workload; when that is a per-object entry point, its name follows "
+        "the time.",
+        "- Peers run on the calling thread: a plain loop written as a user would (compiled with the library's "
+        "flags), Eigen fixed-size types over mapped memory, glm, a libxsmm JIT kernel per object, LAPACKE per "
+        "object. *best peer* is the fastest of them; the ratio omkm / best peer is below 1 where omkm is faster.",
+        "- Every row checks its results once before timing (bit for bit, or against a double-precision "
+        "reference); a row that fails is reported as an error and not timed.",
+        f"- Fixed-count rows: at least {args.min_time} s per repetition.{sweep_min_times(rows)}",
+        "",
+    ]
+    if errors:
+        lines += ["## Rows that failed", ""] + [f"- `{r.name}`: {r.error}" for r in errors] + [""]
+
+    lines += ["## Ratios per workload", "",
+              "ns per object, median; the last two columns are omkm / best peer.", ""]
+    lines += summary_table(workloads, default_threads)
+
+    sweep_ratios = {}
+    if sweeps:
+        lines += ["## Time per object against the number of objects", "",
+                  "Each plot and table sweeps one workload over 1 to 1,000,000 objects per call "
+                  "(rows `BM_*_*Sweep_*`). Log-log; lower is faster.", ""]
+        order = [k for k in SWEEP_TITLES if k in sweeps] + sorted(k for k in sweeps if k not in SWEEP_TITLES)
+        for key in order:
+            fname = "sweep_" + re.sub(r"[^a-z0-9]+", "_", key.lower().replace("sweep", "")).strip("_") + ".png"
+            plot_sweep(key, sweeps[key], os.path.join(docs, fname), default_threads)
+            table, ratios, counts = sweep_table(key, sweeps[key], default_threads)
+            sweep_ratios[key] = (ratios, counts)
+            lines += [f"### {SWEEP_TITLES.get(key, key)}", "", f"![{key}]({fname})", "", "ns per object:", ""]
+            lines += table + [""]
+
+    refs = [r for r in rows if r.kind == "reference" and not r.error and r.op != "Mul_mama_32f"]
+    if refs:
+        lines += ["## Memory bandwidth in the same run", "", "| row | GB/s |", "|---|---:|"]
+        for r in sorted(refs, key=lambda r: r.name):
+            gbs = "–" if r.bytes_per_second is None else f"{r.bytes_per_second / 1e9:.1f}"
+            lines.append(f"| `{r.name}` | {gbs} |")
+        lines.append("")
+
+    lines += leads_and_trails(workloads, sweep_ratios)
+
+    lines += ["## Every row", "", "<details><summary>Median, spread and thread count of every row</summary>", ""]
+    lines += all_rows_table(rows, default_threads)
+    lines += ["", "</details>", ""]
+
+    with open(os.path.join(docs, "benchmarks.md"), "w", encoding="utf-8") as f:
+        f.write("\n".join(lines))
+    return errors
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("--build", default=os.path.join(ROOT, "build-bench"))
+    ap.add_argument("--docs", default=os.path.join(ROOT, "docs"))
+    ap.add_argument("--repetitions", type=int, default=3)
+    ap.add_argument("--min-time", type=float, default=0.3, help="seconds per repetition of the fixed-count rows")
+    ap.add_argument("--filter", default="", help="regular expression passed as --benchmark_filter")
+    ap.add_argument("--wait-idle", type=float, default=0, metavar="MINUTES")
+    ap.add_argument("--from-json", default="", help="write the report from an earlier run's JSON")
+    args = ap.parse_args()
+
+    os.makedirs(args.docs, exist_ok=True)
+    bench = os.path.join(args.build, "bench", "omkm_bench")
+    machine = machine_info()
+    software = software_info(args.build, bench)
+    if args.from_json:
+        with open(args.from_json, encoding="utf-8") as f:
+            data = json.load(f)
+        start_load = data.get("report_start_load", data.get("context", {}).get("load_avg", [0, 0, 0]))
+    else:
+        if not os.access(bench, os.X_OK):
+            sys.exit(f"bench_report: {bench} not found; build it first (bench/report.sh does)")
+        waited = time.time()
+        idle = wait_idle(args.wait_idle) if args.wait_idle > 0 else None
+        waited = time.time() - waited
+        start_load = list(os.getloadavg())
+        out_json = os.path.join(args.build, "omkm_bench_report.json")
+        data = run_bench(bench, args.repetitions, args.min_time, args.filter)
+        data["report_start_load"] = start_load
+        data["report_wait"] = None if idle is None else {"idle": idle, "minutes": waited / 60}
+        data["report_repetitions"] = args.repetitions
+        data["report_min_time"] = args.min_time
+        with open(out_json, "w", encoding="utf-8") as f:
+            json.dump(data, f, indent=1)
+        print(f"bench_report: omkm_bench ran {data['report_seconds'] / 60:.1f} min; JSON in {out_json}",
+              file=sys.stderr)
+    args.repetitions = data.get("report_repetitions", args.repetitions)
+    args.min_time = data.get("report_min_time", args.min_time)
+    errors = write_report(data, args, machine, software, start_load)
+    print(f"bench_report: wrote {os.path.join(args.docs, 'benchmarks.md')}", file=sys.stderr)
+    if errors:
+        print(f"bench_report: {len(errors)} row(s) failed their check:", file=sys.stderr)
+        for r in errors:
+            print(f"  {r.name}: {r.error}", file=sys.stderr)
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
