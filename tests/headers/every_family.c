@@ -58,9 +58,9 @@ int main(void) {
     CALL(omkmLen_v3_32f(v, &s));
     {
         const Omk32f eye[3] = {0, 0, -5}, at[3] = {0, 0, 0}, up[3] = {0, 1, 0};
-        Omk32f view[16], points[2][3] = {{1, 2, 3}, {4, 5, 6}}, moved[2][3];
+        Omk32f view[16], points[2][3] = {{1, 2, 3}, {4, 5, 6}}, moved[2][4]; /* x, y, z, w out */
         CALL(omkmLookAtRH_m4_32f(eye, at, up, view));
-        CALL(omkmAffineTransform_m4v3a_32f(view, &points[0][0], 3 * f, &moved[0][0], 3 * f, 2));
+        CALL(omkmAffineTransform_m4v3a_32f(view, &points[0][0], 3 * f, &moved[0][0], 4 * f, 2));
     }
     {
         int threads = 0, cache = 0;
