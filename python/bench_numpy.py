@@ -1,0 +1,158 @@
+#!/usr/bin/python3
+"""omkm against numpy on stacks of small matrices: ns per object and the speed-up.
+
+    OMKM_LIBRARY=/work/main/build/libomkm.so /usr/bin/python3 python/bench_numpy.py \
+        [--dtype float64] [--counts 1,10,100,1000,10000,100000] [--threads N] [--png out.png]
+
+Both sides allocate their results, as a numpy user calls them: omkm.matmul(a, b) against
+np.matmul(a, b), omkm.solve(a, b) against np.linalg.solve(a, b[..., None])[..., 0], and so on.
+Each figure is the best of several repeats of a loop that runs for at least --min-time seconds.
+"""
+import argparse
+import os
+import sys
+import time
+
+import numpy as np
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import omkm  # noqa: E402
+
+OPS = {
+    # name: (kind of input matrices, omkm call, numpy call)
+    "matmul": ("general", lambda a, b: omkm.matmul(a, a), lambda a, b: np.matmul(a, a)),
+    "inv": ("wellcond", lambda a, b: omkm.inv(a), lambda a, b: np.linalg.inv(a)),
+    "solve": ("wellcond", lambda a, b: omkm.solve(a, b), lambda a, b: np.linalg.solve(a, b[..., None])[..., 0]),
+    "cholesky": ("spd", lambda a, b: omkm.cholesky(a), lambda a, b: np.linalg.cholesky(a)),
+    "det": ("wellcond", lambda a, b: omkm.det(a), lambda a, b: np.linalg.det(a)),
+    "eigh": ("spd", lambda a, b: omkm.eigh(a), lambda a, b: np.linalg.eigh(a)),
+}
+ORDERS = (3, 4, 6)
+
+
+def matrices(rng, kind, count, n, dt):
+    a = rng.standard_normal((count, n, n))
+    if kind == "wellcond":
+        a += n * np.eye(n)
+    elif kind == "spd":
+        a = a @ np.swapaxes(a, 1, 2) + n * np.eye(n)
+    b = rng.standard_normal((count, n))
+    if count == 1:                        # one object: no leading axis, the single-object members
+        a, b = a[0], b[0]
+    return a.astype(dt), b.astype(dt)
+
+
+def best_time(f, a, b, min_time, repeats=5):
+    """Best seconds per call over `repeats` loops of at least min_time each."""
+    f(a, b)
+    number, t = 1, 0.0
+    while True:
+        t0 = time.perf_counter()
+        for _ in range(number):
+            f(a, b)
+        t = time.perf_counter() - t0
+        if t >= min_time:
+            break
+        number *= 2 if t == 0 else max(2, min(10, int(1.5 * min_time / t)))
+    best = t / number
+    for _ in range(repeats - 1):
+        t0 = time.perf_counter()
+        for _ in range(number):
+            f(a, b)
+        best = min(best, (time.perf_counter() - t0) / number)
+    return best
+
+
+def run(dt, counts, min_time, ops):
+    rng = np.random.default_rng(7)
+    rows = []
+    for op in ops:
+        kind, f_omkm, f_np = OPS[op]
+        for n in ORDERS:
+            for count in counts:
+                a, b = matrices(rng, kind, count, n, dt)
+                t_o = best_time(f_omkm, a, b, min_time)
+                t_n = best_time(f_np, a, b, min_time)
+                rows.append((op, n, count, t_o / count * 1e9, t_n / count * 1e9))
+    return rows
+
+
+def print_table(rows, count):
+    print(f"\n{count:,} objects: ns per object (speed-up = numpy / omkm)")
+    print(f"{'op':<10}" + "".join(f"{f'{n}x{n} omkm':>12}{'numpy':>10}{'x':>7}" for n in ORDERS))
+    for op in dict.fromkeys(r[0] for r in rows):
+        line = f"{op:<10}"
+        for n in ORDERS:
+            for r in rows:
+                if r[0] == op and r[1] == n and r[2] == count:
+                    line += f"{r[3]:12.1f}{r[4]:10.1f}{r[4] / r[3]:7.1f}"
+        print(line)
+
+
+def overhead(dt, min_time):
+    """Microseconds per call on one 3x3 matrix, against a direct ctypes call of the same member."""
+    import ctypes
+    a, b = matrices(np.random.default_rng(1), "spd", 1, 3, dt)
+    print(f"\nOne 3x3 object ({np.dtype(dt).name}): microseconds per call")
+    print(f"{'op':<10}{'omkm':>8}{'numpy':>8}")
+    for op, (_, f_omkm, f_np) in OPS.items():
+        print(f"{op:<10}{best_time(f_omkm, a, b, min_time) * 1e6:8.2f}{best_time(f_np, a, b, min_time) * 1e6:8.2f}")
+    lib = ctypes.CDLL(omkm.library_path)
+    f = lib.omkmMul_mm_64f if np.dtype(dt) == np.float64 else lib.omkmMul_mm_32f
+    f.restype = ctypes.c_int
+    f.argtypes = [ctypes.c_void_p] + [ctypes.c_int] * 4 + [ctypes.c_void_p] + [ctypes.c_int] * 4 + \
+                 [ctypes.c_void_p, ctypes.c_int, ctypes.c_int]
+    out = np.empty_like(a)
+    pa, po, isz = a.ctypes.data, out.ctypes.data, a.itemsize
+    args = (pa, 3 * isz, isz, 3, 3, pa, 3 * isz, isz, 3, 3, po, 3 * isz, isz)
+    t = best_time(lambda x, y: f(*args), a, b, min_time)
+    print(f"{'Mul_mm by ctypes alone':<22}{t * 1e6:8.2f}")
+
+
+def plot(rows, path, dt):
+    import matplotlib
+    matplotlib.use("Agg")
+    import matplotlib.pyplot as plt
+    ops = list(dict.fromkeys(r[0] for r in rows))
+    fig, axes = plt.subplots(2, (len(ops) + 1) // 2, figsize=(5 * ((len(ops) + 1) // 2), 8), squeeze=False)
+    for ax, op in zip(axes.flat, ops):
+        for n, color in zip(ORDERS, ("tab:blue", "tab:orange", "tab:green")):
+            sel = [r for r in rows if r[0] == op and r[1] == n]
+            counts = [r[2] for r in sel]
+            ax.loglog(counts, [r[3] for r in sel], "-o", color=color, label=f"omkm {n}x{n}")
+            ax.loglog(counts, [r[4] for r in sel], "--s", color=color, label=f"numpy {n}x{n}", alpha=0.7)
+        ax.set_title(op)
+        ax.set_xlabel("objects per call")
+        ax.set_ylabel("ns per object")
+        ax.grid(True, which="both", alpha=0.3)
+    axes.flat[0].legend(fontsize=7)
+    fig.suptitle(f"omkm vs numpy, {np.dtype(dt).name}, {omkm.get_num_threads()} thread(s)")
+    fig.tight_layout()
+    fig.savefig(path, dpi=90)
+    print(f"\nwrote {path}")
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    ap.add_argument("--dtype", default="float64", choices=["float32", "float64"])
+    ap.add_argument("--counts", default="1,10,100,1000,10000,100000")
+    ap.add_argument("--ops", default=",".join(OPS))
+    ap.add_argument("--threads", type=int, default=0, help="omkm thread budget (0: the default)")
+    ap.add_argument("--min-time", type=float, default=0.02, help="seconds per timed loop")
+    ap.add_argument("--png", help="write a plot of ns per object against count")
+    args = ap.parse_args()
+    omkm.set_num_threads(args.threads)
+    dt = np.dtype(args.dtype)
+    counts = [int(c) for c in args.counts.split(",")]
+    print(f"omkm {omkm.library_path}, numpy {np.__version__}, {dt.name}, "
+          f"omkm threads {omkm.get_num_threads()}")
+    rows = run(dt, counts, args.min_time, args.ops.split(","))
+    for count in counts:
+        print_table(rows, count)
+    overhead(dt, args.min_time)
+    if args.png:
+        plot(rows, args.png, dt)
+
+
+if __name__ == "__main__":
+    main()

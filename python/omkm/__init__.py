@@ -1,0 +1,27 @@
+"""omkm for numpy: arithmetic on stacks of small matrices and vectors through libomkm.
+
+Arrays of shape (..., h, w) are stacks of matrices and (..., n) stacks of vectors, float32 or
+float64; the leading axes are the batch, done in one library call. Operands are read where they
+lie: numpy's byte strides go to the library as they are, so views, slices, transposed views and
+the fields of structured arrays need no copy. Anything else (negative or zero strides, misaligned
+data, other dtypes) is copied once into a contiguous array of the working type; copy=False makes
+that a ValueError instead. Every function takes out= to write into the caller's array.
+
+The library is found through $OMKM_LIBRARY (the full path of libomkm.so), the package's lib
+directory, the source tree's build directory, then the system loader.
+"""
+from ._lib import (DivByZeroError, NotConvergedError, NotPosDefiniteError, OmkmError,
+                   SingularMatrixError, get_num_threads, set_num_threads)
+from ._lib import path as library_path
+from ._products import add, cross, dot, matmul, matvec, norm, scale, subtract, trace, vecmat
+from ._linalg import (cho_lower, cho_solve, cholesky, det, eig, eigh, eigvals, eigvalsh, inv,
+                      lu_factor, lu_solve, qr, qr_solve, solve)
+from ._graphics import look_at, perspective, transform_points
+
+__all__ = [
+    "add", "subtract", "scale", "matmul", "matvec", "vecmat", "dot", "cross", "norm", "trace",
+    "lu_factor", "lu_solve", "solve", "cholesky", "cho_lower", "cho_solve", "qr", "qr_solve",
+    "det", "inv", "eigvalsh", "eigh", "eigvals", "eig", "transform_points", "look_at",
+    "perspective", "set_num_threads", "get_num_threads", "library_path", "OmkmError",
+    "SingularMatrixError", "NotPosDefiniteError", "DivByZeroError", "NotConvergedError",
+]

@@ -1,0 +1,379 @@
+"""Factorizations, solvers, determinant, inverse and eigenproblems of stacks of small matrices."""
+import ctypes
+import math
+
+import numpy as np
+
+from ._core import (COUNT, F32, INT, asarray, batch_of, check_sizes, operand, output,
+                    planned, result_type, run)
+from ._lib import fn, raise_status
+
+
+def _square(name, a):
+    x = asarray(a, name)
+    if x.ndim < 2 or x.shape[-1] != x.shape[-2]:
+        raise ValueError(f"{name}: a must hold square matrices (..., n, n), got shape {x.shape}")
+    check_sizes(name, x.shape[-1])
+    return x, result_type(x), x.shape[-1]
+
+
+def _outs(name, out, k):
+    """`out` as a tuple of k entries (None for each when out is None)."""
+    if out is None:
+        return (None,) * k
+    if not isinstance(out, tuple) or len(out) != k:
+        raise TypeError(f"{name}: out must be a tuple of {k} arrays")
+    return out
+
+
+def _scratch(nbytes):
+    """A run() piece for a new scratch buffer of nbytes (at least 1)."""
+    return output(None, (max(int(nbytes), 1),), np.dtype(np.uint8), 1, "scratch"), "p"
+
+
+def _rhs(name, f, b, nrow):
+    """The right-hand sides: vectors b (..., nrow) against factors f (..., h, w)."""
+    y = asarray(b, name)
+    if y.ndim < 1 or y.shape[-1] != nrow:
+        raise ValueError(f"{name}: b must hold vectors of length {nrow} (..., {nrow}), got shape {y.shape}")
+    return y, batch_of(name, f.shape[:-2], y.shape[:-1])
+
+
+def _solve_args(p, extra, q, o, sizes, arr):
+    """Arguments of the BackSubst members: factor, extra (index array or buffer), b, x, sizes."""
+    return [(p, "m")] + extra + [(q, "v"), (o, "v")] + sizes + [COUNT] * arr
+
+
+def _vectors(y, dt, copy, name, batch, p):
+    """The right-hand sides as an Operand; one vector against an array of factors is repeated
+    for each (the library has no member for that), which is a copy."""
+    if p.count > 1 and math.prod(y.shape[:-1]) == 1:
+        y = np.broadcast_to(y, batch + y.shape[-1:])
+    return operand(y, 1, dt, copy, name + ": b", batch)
+
+
+def _member(base, p, q, arr):
+    return base + ("_mava" if arr and p.count > 1 else "_mva" if arr else "_mv")
+
+
+# ---- LU ----
+
+@planned
+def lu_factor(a, out=None, *, copy=True):
+    """LU decomposition with partial pivoting by rows of each matrix (..., n, n).
+
+    Returns (lu, piv) in the library's layout: rows never move; piv (..., n) of int32 holds the
+    row order, and row piv[k] of lu holds U(k, j) for j >= k and the multiplier L(k, j) for j < k
+    (the unit diagonal of L is not stored), so a[piv] = L @ U. out: (lu, piv) or None. Raises
+    SingularMatrixError when a pivot falls below the library's threshold."""
+    name = "lu_factor"
+    x, dt, n = _square(name, a)
+    o_lu, o_piv = _outs(name, out, 2)
+    o = output(o_lu, x.shape, dt, 2, name, inputs=(x,))
+    piv = output(o_piv, x.shape[:-1], INT, 1, name + " (piv)", packed=True, inputs=(x, o.a))
+    if o.count == 0:
+        return o.a, piv.a
+    p = operand(x, 2, dt, copy, name)
+    arr = o.count > 1
+    run(f"LUDecomp_m{'a' * arr}", dt, [(p, "m"), (piv, "p"), (o, "m"), n] + [COUNT] * arr, o.count)
+    return o.a, piv.a
+
+
+def _lu_run(name, dt, lu, piv, y, batch, n, out, copy, inputs):
+    o = output(out, batch + (n,), dt, 1, name, inputs=inputs)
+    if o.count == 0:
+        return o.a
+    p = operand(lu, 2, dt, copy, name + ": lu", batch)
+    ip = operand(piv, 1, INT, copy, name + ": piv", batch)
+    q = _vectors(y, dt, copy, name, batch, p)
+    arr = o.count > 1
+    run(_member("LUBackSubst", p, q, arr), dt,
+        _solve_args(p, [(ip, "p")], q, o, [n], arr), o.count)
+    return o.a
+
+
+def lu_solve(lu_and_piv, b, out=None, *, copy=True):
+    """Solves a x = b from lu_factor's (lu, piv) for vectors b (..., n) -> x (..., n); one factor
+    against a stack of vectors uses LUBackSubst_mva. For a right-hand-side matrix B (n, k), pass
+    B.T: its columns are read in place as k vectors, and the result is X.T."""
+    name = "lu_solve"
+    lu, piv = lu_and_piv
+    lu, dt, n = _square(name, lu)
+    piv = np.asarray(piv)
+    if piv.shape != lu.shape[:-1]:
+        raise ValueError(f"{name}: piv has shape {piv.shape}, expected {lu.shape[:-1]}")
+    if piv.dtype.kind not in "iu" or (piv.size and (piv.min() < 0 or piv.max() >= n)):
+        raise ValueError(f"{name}: piv must hold row indices 0 ... {n - 1}")
+    if piv.dtype != INT or not piv.flags.c_contiguous:
+        if not copy:
+            raise ValueError(f"{name}: piv cannot be read in place: the library reads contiguous "
+                             f"int32 index arrays (copy=False)")
+        piv = np.ascontiguousarray(piv, INT)
+    y, batch = _rhs(name, lu, b, n)
+    dt = result_type(lu, y)
+    return _lu_run(name, dt, lu, piv, y, batch, n, out, copy, (lu, piv, y))
+
+
+@planned
+def solve(a, b, out=None, *, copy=True):
+    """x with a x = b for each matrix a (..., n, n) and vector b (..., n) -> (..., n), by
+    LUDecomp and LUBackSubst (as numpy.linalg.solve(a, b[..., None])[..., 0]). One matrix against
+    a stack of vectors is factored once. Raises SingularMatrixError."""
+    name = "solve"
+    x, _, n = _square(name, a)
+    y, batch = _rhs(name, x, b, n)
+    dt = result_type(x, y)
+    o = output(out, batch + (n,), dt, 1, name, inputs=(x, y))
+    if o.count == 0:
+        return o.a
+    p = operand(x, 2, dt, copy, name + ": a", batch)
+    lead = p.a.shape[:-2]
+    lu = output(None, lead + (n, n), dt, 2, name)
+    piv = output(None, lead + (n,), INT, 1, name)
+    arr = lu.count > 1
+    run(f"LUDecomp_m{'a' * arr}", dt, [(p, "m"), (piv, "p"), (lu, "m"), n] + [COUNT] * arr, lu.count)
+    q = _vectors(y, dt, copy, name, batch, lu)
+    arr = o.count > 1
+    run(_member("LUBackSubst", lu, q, arr), dt, _solve_args(lu, [(piv, "p")], q, o, [n], arr), o.count)
+    return o.a
+
+
+# ---- Cholesky ----
+
+@planned
+def cholesky(a, out=None, *, copy=True):
+    """Cholesky factor A = L L^T of each symmetric positive definite matrix (..., n, n), in the
+    library's layout: L(i, j) below the diagonal and 1/L(i, i) on it; only the lower triangle of a
+    is read and the strict upper triangle of the result is never written (zeros in a new array;
+    cho_lower() gives L). Raises NotPosDefiniteError when a pivot is not positive."""
+    name = "cholesky"
+    x, dt, n = _square(name, a)
+    o = output(out, x.shape, dt, 2, name, inputs=(x,), alloc=np.zeros)
+    if o.count == 0:
+        return o.a
+    p = operand(x, 2, dt, copy, name)
+    arr = o.count > 1
+    run(f"CholeskyDecomp_m{'a' * arr}", dt, [(p, "m"), (o, "m"), n] + [COUNT] * arr, o.count)
+    return o.a
+
+
+def cho_lower(c):
+    """L from a cholesky() factor: its strict lower triangle and the reciprocal of its diagonal."""
+    c = np.asarray(c)
+    low = np.tril(c, -1)
+    i = np.arange(c.shape[-1])
+    low[..., i, i] = 1 / c[..., i, i]
+    return low
+
+
+@planned
+def cho_solve(c, b, out=None, *, copy=True):
+    """Solves A x = b from a cholesky() factor c (..., n, n) for vectors b (..., n)."""
+    name = "cho_solve"
+    f, _, n = _square(name, c)
+    y, batch = _rhs(name, f, b, n)
+    dt = result_type(f, y)
+    o = output(out, batch + (n,), dt, 1, name, inputs=(f, y))
+    if o.count == 0:
+        return o.a
+    p = operand(f, 2, dt, copy, name + ": c", batch)
+    q = _vectors(y, dt, copy, name, batch, p)
+    arr = o.count > 1
+    run(_member("CholeskyBackSubst", p, q, arr), dt, _solve_args(p, [], q, o, [n], arr), o.count)
+    return o.a
+
+
+# ---- QR ----
+
+@planned
+def qr(a, out=None, *, copy=True):
+    """Householder QR of each matrix (..., h, w), h >= w, in the library's layout: R on and above
+    the diagonal, the Householder vectors below it (leading 1 implied). Raises DivByZeroError for a
+    column of negligible norm."""
+    name = "qr"
+    x = asarray(a, name)
+    if x.ndim < 2 or x.shape[-2] < x.shape[-1]:
+        raise ValueError(f"{name}: a must hold matrices (..., h, w) with h >= w, got shape {x.shape}")
+    h, w = x.shape[-2:]
+    check_sizes(name, h, w)
+    dt = result_type(x)
+    o = output(out, x.shape, dt, 2, name, inputs=(x,))
+    if o.count == 0:
+        return o.a
+    p = operand(x, 2, dt, copy, name)
+    buf = _scratch(h * dt.itemsize)
+    arr = o.count > 1
+    run(f"QRDecomp_m{'a' * arr}", dt, [(p, "m"), buf, (o, "m"), w, h] + [COUNT] * arr, o.count)
+    return o.a
+
+
+@planned
+def qr_solve(f, b, out=None, *, copy=True):
+    """The least-squares solution x (..., w) of a x = b from a qr() factor f (..., h, w) and
+    vectors b (..., h)."""
+    name = "qr_solve"
+    fa = asarray(f, name)
+    if fa.ndim < 2 or fa.shape[-2] < fa.shape[-1]:
+        raise ValueError(f"{name}: f must hold qr() factors (..., h, w) with h >= w, got shape {fa.shape}")
+    h, w = fa.shape[-2:]
+    check_sizes(name, h, w)
+    y, batch = _rhs(name, fa, b, h)
+    dt = result_type(fa, y)
+    o = output(out, batch + (w,), dt, 1, name, inputs=(fa, y))
+    if o.count == 0:
+        return o.a
+    p = operand(fa, 2, dt, copy, name + ": f", batch)
+    q = _vectors(y, dt, copy, name, batch, p)
+    buf = _scratch(h * dt.itemsize)
+    arr = o.count > 1
+    run(_member("QRBackSubst", p, q, arr), dt, _solve_args(p, [buf], q, o, [w, h], arr), o.count)
+    return o.a
+
+
+# ---- determinant and inverse ----
+
+@planned
+def det(a, out=None, *, copy=True):
+    """The determinant of each matrix (..., n, n) -> (...); out must be C-contiguous. Never
+    raises for a singular matrix (orders above 4 give 0 below the library's tolerance)."""
+    name = "det"
+    x, dt, n = _square(name, a)
+    o = output(out, x.shape[:-2], dt, 0, name, packed=True, inputs=(x,))
+    if o.count == 0:
+        return o.a
+    p = operand(x, 2, dt, copy, name)
+    buf = _scratch(n * n * dt.itemsize + 4 * n)
+    arr = o.count > 1
+    run(f"Det_m{'a' * arr}", dt, [(p, "m"), n, buf, (o, "p")] + [COUNT] * arr, o.count)
+    return o.a if out is not None or o.a.ndim else o.a[()]
+
+
+@planned
+def inv(a, out=None, *, copy=True):
+    """The inverse of each matrix (..., n, n). Raises SingularMatrixError when |det| is below the
+    library's tolerance; out must not overlap a."""
+    name = "inv"
+    x, dt, n = _square(name, a)
+    o = output(out, x.shape, dt, 2, name, inputs=(x,))
+    if o.count == 0:
+        return o.a
+    p = operand(x, 2, dt, copy, name)
+    buf = _scratch(n * n * dt.itemsize + 4 * n)
+    arr = o.count > 1
+    run(f"Invert_m{'a' * arr}", dt, [(p, "m"), buf, (o, "m"), n] + [COUNT] * arr, o.count)
+    return o.a
+
+
+# ---- symmetric eigenproblem ----
+
+@planned
+def eigvalsh(a, out=None, *, copy=True):
+    """Eigenvalues of each symmetric matrix (..., n, n) -> (..., n), in DESCENDING order
+    (numpy.linalg.eigvalsh gives ascending). Raises SingularMatrixError when the product of the
+    values is at most eps in magnitude (n >= 3; n = 2: |det| <= eps), NotConvergedError."""
+    return _eigsym("eigvalsh", a, (out, None), copy, False)[0]
+
+
+@planned
+def eigh(a, out=None, *, copy=True):
+    """(w, v): eigenvalues (..., n), descending, and eigenvectors as the columns of v (..., n, n),
+    a v[..., :, j] = w[..., j] v[..., :, j]. out: (w, v) or None. Errors as eigvalsh()."""
+    return _eigsym("eigh", a, _outs("eigh", out, 2), copy, True)
+
+
+def _eigsym(name, a, outs, copy, vectors):
+    x, dt, n = _square(name, a)
+    w = output(outs[0], x.shape[:-1], dt, 1, name + " (w)", packed=True, inputs=(x,))
+    v = output(outs[1], x.shape, dt, 2, name + " (v)", inputs=(x, w.a)) if vectors else None
+    if w.count == 0:
+        return w.a, v and v.a
+    p = operand(x, 2, dt, copy, name)
+    buf = _scratch(n * n * dt.itemsize)
+    arr = w.count > 1
+    a_ = "a" * arr
+    if vectors:
+        run(f"EigenValuesVectorsSym_m{a_}", dt, [(p, "m"), buf, (v, "m"), (w, "p"), n] + [COUNT] * arr,
+            w.count)
+        return w.a, v.a
+    run(f"EigenValuesSym_m{a_}", dt, [(p, "m"), buf, (w, "p"), n] + [COUNT] * arr, w.count)
+    return w.a, None
+
+
+# ---- general eigenproblem ----
+
+_bufsize = {}
+
+
+def _eig_buffer(dt, n, vectors):
+    key = (dt, n, vectors)
+    nbytes = _bufsize.get(key)
+    if nbytes is None:
+        size = ctypes.c_int(0)
+        f = fn("EigenValuesVectorsGetBufSize" if vectors else "EigenValuesGetBufSize", dt)
+        st = f(n, ctypes.addressof(size))
+        if st:
+            raise_status(st, f.__name__)
+        nbytes = _bufsize[key] = size.value
+    return _scratch(nbytes)
+
+
+def _complex_vectors(v, im, dst):
+    """dst (complex) from the library's real layout: a real value's vector in its column, a
+    pair's vector with its real values in the first column and imaginary values in the second; the
+    second value of a pair (negative imaginary component) takes the conjugate."""
+    pos = (im > 0)[..., None, :]
+    neg = (im < 0)[..., None, :]
+    nxt = np.roll(v, -1, axis=-1)
+    prv = np.roll(v, 1, axis=-1)
+    dst.real[...] = np.where(neg, prv, v)
+    dst.imag[...] = np.where(pos, nxt, np.where(neg, -v, 0))
+    return dst
+
+
+def eigvals(a, out=None, *, copy=True):
+    """Eigenvalues of each general matrix (..., n, n) -> complex (..., n) (complex64 for float32),
+    in the order the library finds them (not sorted; a conjugate pair consecutive, positive
+    imaginary component first). Raises NotConvergedError."""
+    return eig(a, left=False, right=False, out=out, copy=copy)
+
+
+def eig(a, left=False, right=True, out=None, *, copy=True):
+    """Eigenvalues and eigenvectors of each general matrix (..., n, n), as scipy.linalg.eig:
+    returns w, then vl if left, then vr if right (w alone when neither). Right vectors satisfy
+    a vr[..., :, j] = w[j] vr[..., :, j], left vectors vl^H a = w vl^H; each has norm 1 with its
+    largest component real and positive. All results are complex (complex64 for float32); out is
+    a tuple of complex arrays for them (w alone for eigvals). Raises NotConvergedError."""
+    name = "eig" if left or right else "eigvals"
+    x, dt, n = _square(name, a)
+    cdt = np.dtype(np.complex64 if dt == F32 else np.complex128)
+    k = 1 + bool(left) + bool(right)
+    outs = _outs(name, out if k > 1 or out is None or isinstance(out, tuple) else (out,), k)
+    shapes = [x.shape[:-1]] + [x.shape] * (k - 1)
+    res = []
+    for o, shape in zip(outs, shapes):
+        if o is None:
+            o = np.empty(shape, cdt)
+        elif not isinstance(o, np.ndarray) or o.dtype != cdt:
+            raise TypeError(f"{name}: out arrays must be {cdt} numpy arrays")
+        elif o.shape != shape:
+            raise ValueError(f"{name}: out has shape {o.shape}, the result has {shape}")
+        elif not o.flags.writeable or np.may_share_memory(o, x):
+            raise ValueError(f"{name}: out must be writeable and not overlap a")
+        res.append(o)
+    re = output(None, x.shape[:-1], dt, 1, name)
+    im = output(None, x.shape[:-1], dt, 1, name)
+    vs = [output(None, x.shape, dt, 2, name) for _ in range(k - 1)]
+    if re.count:
+        p = operand(x, 2, dt, copy, name)
+        buf = _eig_buffer(dt, n, k > 1)
+        arr = re.count > 1
+        member = {(False, False): "EigenValues", (True, False): "EigenValuesVectorsLeft",
+                  (False, True): "EigenValuesVectorsRight", (True, True): "EigenValuesVectors"}
+        run(f"{member[bool(left), bool(right)]}_m{'a' * arr}", dt,
+            [(p, "m")] + [(v, "m") for v in vs] + [(re, "p"), (im, "p"), n] + [COUNT] * arr + [buf],
+            re.count)
+    res[0].real[...] = re.a
+    res[0].imag[...] = im.a
+    for v, dst in zip(vs, res[1:]):
+        _complex_vectors(v.a, im.a[..., :], dst)
+    return res[0] if k == 1 else tuple(res)

@@ -1,0 +1,302 @@
+"""Element-wise operations, products, dot and cross products, norms and trace."""
+
+from ._core import (COUNT, asarray, batch_of, check_sizes, no_replay, operand, output, planned,
+                    result_type, run)
+
+
+def _kinds(*ops, arr):
+    """The kind letters of a member name: 'ma' + 'v' -> 'mav' in an array call."""
+    if not arr:
+        return "".join(k for _, k in ops)
+    return "".join(k + "a" if op.count > 1 else k for op, k in ops)
+
+
+def _stored(p, trans):
+    """(name letter, run kind, stored width, stored height) reading matrix U of `p` as U (trans
+    False) or as U^T (trans True). A transposed view (a column's elements one item from each other) is
+    read through its transpose, the stored matrix, so that its rows are packed."""
+    h, w = p.a.shape[-2:]
+    if p.transposed:
+        return ("m" if trans else "t"), "T", h, w
+    return ("t" if trans else "m"), "m", w, h
+
+
+def _addsub(op, name, a, b, out, copy):
+    x, y = asarray(a, name), asarray(b, name)
+    arrays = [z for z in (x, y) if z.ndim]
+    if not arrays:
+        raise ValueError(f"{name}: at least one operand must be an array")
+    dt = result_type(*arrays)
+    if x.ndim >= 2 and y.ndim >= 2:
+        if x.shape[-2:] != y.shape[-2:]:
+            raise ValueError(f"{name}: matrices of shapes {x.shape[-2:]} and {y.shape[-2:]} differ")
+        h, w = x.shape[-2:]
+        check_sizes(name, h, w)
+        batch = batch_of(name, x.shape[:-2], y.shape[:-2])
+        o = output(out, batch + (h, w), dt, 2, name)
+        if o.count == 0:
+            return o.a
+        p = operand(x, 2, dt, copy, name + ": a", batch)
+        q = operand(y, 2, dt, copy, name + ": b", batch)
+        arr = o.count > 1
+        first = (p, "t" if p.transposed else "m")
+        second = (q, "t" if q.transposed else "m")
+        # Add has no member with a single first operand against an array, nor m before t
+        # (mt, mata): addition commutes exactly, so the operands change places.
+        if op == "Add" and ((arr and q.count > 1 and p.count == 1) or
+                            ((p.count > 1) == (q.count > 1) and first[1] == "m" and second[1] == "t")):
+            first, second = second, first
+        kinds = _kinds(first, second, arr=arr)
+        pieces = [(first[0], "T" if first[1] == "t" else "m"), (second[0], "T" if second[1] == "t" else "m"),
+                 (o, "m"), w, h]
+        run(f"{op}_{kinds}", dt, pieces + [COUNT] * arr, o.count)
+        return o.a
+    if x.ndim == 0 or y.ndim == 0:                         # one constant
+        no_replay()                                        # the constant goes by value
+        v, c, cfirst = (y, x, True) if x.ndim == 0 else (x, y, False)
+        n = v.shape[-1]
+        check_sizes(name, n)
+        o = output(out, v.shape, dt, 1, name)
+        if o.count == 0:
+            return o.a
+        p = operand(v, 1, dt, copy, name)
+        arr = o.count > 1
+        kinds = ("cv" if op == "Sub" and cfirst else "vc").replace("v", "va" if arr else "v")
+        run(f"{op}_{kinds}", dt, [(p, "v"), float(c), (o, "v"), n] + [COUNT] * arr, o.count)
+        return o.a
+    if x.shape[-1] != y.shape[-1]:                         # vectors
+        raise ValueError(f"{name}: vectors of lengths {x.shape[-1]} and {y.shape[-1]} differ")
+    n = x.shape[-1]
+    check_sizes(name, n)
+    batch = batch_of(name, x.shape[:-1], y.shape[:-1])
+    o = output(out, batch + (n,), dt, 1, name)
+    if o.count == 0:
+        return o.a
+    p = operand(x, 1, dt, copy, name + ": a", batch)
+    q = operand(y, 1, dt, copy, name + ": b", batch)
+    arr = o.count > 1
+    if op == "Add" and arr and p.count == 1:
+        p, q = q, p
+    run(f"{op}_{_kinds((p, 'v'), (q, 'v'), arr=arr)}", dt,
+        [(p, "v"), (q, "v"), (o, "v"), n] + [COUNT] * arr, o.count)
+    return o.a
+
+
+@planned
+def add(a, b, out=None, *, copy=True):
+    """a + b on matrices (..., h, w), vectors (..., n) or with one scalar constant.
+
+    Two arrays of two or more axes are stacks of matrices; a 1-D operand makes both stacks of
+    vectors (the rows of the other); a scalar is a constant added to every element. Leading axes
+    broadcast; a single object against a stack uses the library's single-operand members, and a
+    transposed view is read in place by the t members."""
+    return _addsub("Add", "add", a, b, out, copy)
+
+
+@planned
+def subtract(a, b, out=None, *, copy=True):
+    """a - b, with the operands of add()."""
+    return _addsub("Sub", "subtract", a, b, out, copy)
+
+
+def scale(a, c, out=None, *, copy=True):
+    """a * c for a scalar c (matrices (..., h, w) or a vector (n,)), or c with one constant per
+    vector of a (..., n): c of shape a.shape[:-1], numpy's a * c[..., None]. Each element is
+    rounded once."""
+    name = "scale"
+    x, k = asarray(a, name), asarray(c, name)
+    dt = result_type(x)
+    if x.ndim == 0:
+        raise ValueError(f"{name}: a must be a matrix or vector array")
+    if k.ndim == 0 and x.ndim >= 2:
+        h, w = x.shape[-2:]
+        check_sizes(name, h, w)
+        o = output(out, x.shape, dt, 2, name)
+        if o.count == 0:
+            return o.a
+        p = operand(x, 2, dt, copy, name)
+        arr = o.count > 1
+        letter = "t" if p.transposed else "m"
+        run(f"Mul_{letter}{'a' * arr}c", dt,
+            [(p, "T" if p.transposed else "m"), float(k), (o, "m"), w, h] + [COUNT] * arr, o.count)
+        return o.a
+    n = x.shape[-1]
+    check_sizes(name, n)
+    batch = batch_of(name, x.shape[:-1], k.shape)
+    o = output(out, batch + (n,), dt, 1, name)
+    if o.count == 0:
+        return o.a
+    p = operand(x, 1, dt, copy, name + ": a", batch)
+    arr = o.count > 1
+    q = operand(k, 0, dt, copy, name + ": c", batch) if k.ndim else None
+    if q is None or q.count == 1:
+        val = float(k.reshape(-1)[0])
+        run(f"Mul_v{'a' * arr}c", dt, [(p, "v"), val, (o, "v"), n] + [COUNT] * arr, o.count)
+    else:
+        run(f"Mul_v{'a' * (p.count > 1)}ca", dt, [(p, "v"), (q, "c"), (o, "v"), n, COUNT], o.count)
+    return o.a
+
+
+@planned
+def matmul(a, b, out=None, *, copy=True):
+    """a @ b as numpy.matmul: stacks of matrices (..., h, k) @ (..., k, w) -> (..., h, w); a 1-D
+    operand is a vector (see matvec and vecmat). Transposed views are read in place by the
+    library's t members (Mul_mt, Mul_tama, ...); one matrix against a stack uses Mul_mma / Mul_mam.
+    out must not overlap a or b."""
+    name = "matmul"
+    x, y = asarray(a, name), asarray(b, name)
+    if x.ndim == 0 or y.ndim == 0:
+        raise ValueError(f"{name}: operands must have at least one axis")
+    if x.ndim == 1 and y.ndim == 1:
+        return dot(x, y, out=out, copy=copy)
+    if y.ndim == 1:
+        return matvec(x, y, out=out, copy=copy)
+    if x.ndim == 1:
+        return vecmat(x, y, out=out, copy=copy)
+    dt = result_type(x, y)
+    (h, k), (k2, w) = x.shape[-2:], y.shape[-2:]
+    if k != k2:
+        raise ValueError(f"{name}: shapes {x.shape} and {y.shape} do not fit: {k} != {k2}")
+    check_sizes(name, h, k, w)
+    batch = batch_of(name, x.shape[:-2], y.shape[:-2])
+    o = output(out, batch + (h, w), dt, 2, name, inputs=(x, y))
+    if o.count == 0:
+        return o.a
+    p = operand(x, 2, dt, copy, name + ": a", batch)
+    q = operand(y, 2, dt, copy, name + ": b", batch)
+    arr = o.count > 1
+    lp, kp, wp, hp = _stored(p, False)
+    lq, kq, wq, hq = _stored(q, False)
+    run(f"Mul_{_kinds((p, lp), (q, lq), arr=arr)}", dt,
+        [(p, kp), wp, hp, (q, kq), wq, hq, (o, "m")] + [COUNT] * arr, o.count)
+    return o.a
+
+
+def _matvec(name, a, v, trans, out, copy):
+    x, y = asarray(a, name), asarray(v, name)
+    if x.ndim < 2 or y.ndim < 1:
+        raise ValueError(f"{name}: needs matrices (..., h, w) and vectors (..., n)")
+    dt = result_type(x, y)
+    h, w = x.shape[-2:]
+    n, m = (h, w) if trans else (w, h)
+    if y.shape[-1] != n:
+        raise ValueError(f"{name}: vectors of length {y.shape[-1]} do not fit matrices {x.shape[-2:]}")
+    check_sizes(name, h, w)
+    batch = batch_of(name, x.shape[:-2], y.shape[:-1])
+    o = output(out, batch + (m,), dt, 1, name, inputs=(x, y))
+    if o.count == 0:
+        return o.a
+    p = operand(x, 2, dt, copy, name + ": matrix", batch)
+    q = operand(y, 1, dt, copy, name + ": vector", batch)
+    arr = o.count > 1
+    lp, kp, wp, hp = _stored(p, trans)
+    run(f"Mul_{_kinds((p, lp), (q, 'v'), arr=arr)}", dt,
+        [(p, kp), wp, hp, (q, "v"), n, (o, "v")] + [COUNT] * arr, o.count)
+    return o.a
+
+
+@planned
+def matvec(a, x, out=None, *, copy=True):
+    """a @ x for each matrix of a (..., h, w) and vector of x (..., w) -> (..., h); leading axes
+    broadcast (Mul_mv, Mul_mva, Mul_mav, Mul_mava; t members for transposed views)."""
+    return _matvec("matvec", a, x, False, out, copy)
+
+
+@planned
+def vecmat(x, a, out=None, *, copy=True):
+    """x @ a, that is a^T x, for each vector of x (..., h) and matrix of a (..., h, w) ->
+    (..., w); a is read transposed in place (Mul_tv, Mul_tava, ...)."""
+    return _matvec("vecmat", a, x, True, out, copy)
+
+
+def _vector_pair(name, a, b, n_fixed=None):
+    x, y = asarray(a, name), asarray(b, name)
+    if x.ndim < 1 or y.ndim < 1:
+        raise ValueError(f"{name}: operands must be vectors (..., n)")
+    if x.shape[-1] != y.shape[-1] or (n_fixed and x.shape[-1] != n_fixed):
+        want = f" (must be {n_fixed})" if n_fixed else ""
+        raise ValueError(f"{name}: vectors of lengths {x.shape[-1]} and {y.shape[-1]}{want}")
+    check_sizes(name, x.shape[-1])
+    return x, y, result_type(x, y), batch_of(name, x.shape[:-1], y.shape[:-1])
+
+
+@planned
+def dot(a, b, out=None, *, copy=True):
+    """The dot product of each pair of vectors of a and b (..., n) -> (...), as numpy.vecdot
+    (np.sum(a * b, axis=-1)); out must be C-contiguous."""
+    name = "dot"
+    x, y, dt, batch = _vector_pair(name, a, b)
+    n = x.shape[-1]
+    o = output(out, batch, dt, 0, name, packed=True, inputs=(x, y))
+    if o.count == 0:
+        return o.a
+    p = operand(x, 1, dt, copy, name + ": a", batch)
+    q = operand(y, 1, dt, copy, name + ": b", batch)
+    arr = o.count > 1
+    if arr and p.count == 1:
+        p, q = q, p
+    run(f"DotProduct_{_kinds((p, 'v'), (q, 'v'), arr=arr)}", dt,
+        [(p, "v"), (q, "v"), (o, "p"), n] + [COUNT] * arr, o.count)
+    return o.a if out is not None or o.a.ndim else o.a[()]
+
+
+@planned
+def cross(a, b, out=None, *, copy=True):
+    """The cross product of each pair of 3-vectors of a and b (..., 3) -> (..., 3)."""
+    name = "cross"
+    x, y, dt, batch = _vector_pair(name, a, b, 3)
+    o = output(out, batch + (3,), dt, 1, name, inputs=(x, y))
+    if o.count == 0:
+        return o.a
+    p = operand(x, 1, dt, copy, name + ": a", batch)
+    q = operand(y, 1, dt, copy, name + ": b", batch)
+    arr = o.count > 1
+    run(f"CrossProduct_{_kinds((p, 'v'), (q, 'v'), arr=arr)}", dt,
+        [(p, "v"), (q, "v"), (o, "v")] + [COUNT] * arr, o.count)
+    return o.a
+
+
+@planned
+def norm(a, axis=-1, out=None, *, copy=True):
+    """Euclidean norm of each vector (axis=-1, (..., n) -> (...)) or Frobenius norm of each matrix
+    (axis=(-2, -1), (..., h, w) -> (...)), as numpy.linalg.norm with that axis. out must be
+    C-contiguous."""
+    name = "norm"
+    x = asarray(a, name)
+    dt = result_type(x)
+    nd = {-1: 1, (-2, -1): 2}.get(axis if not isinstance(axis, list) else tuple(axis))
+    if nd is None:
+        raise ValueError(f"{name}: axis must be -1 (vectors) or (-2, -1) (matrices), got {axis!r}")
+    if x.ndim < nd:
+        raise ValueError(f"{name}: a needs at least {nd} axes")
+    check_sizes(name, *x.shape[x.ndim - nd:])
+    o = output(out, x.shape[:x.ndim - nd], dt, 0, name, packed=True, inputs=(x,))
+    if o.count == 0:
+        return o.a
+    p = operand(x, nd, dt, copy, name)
+    arr = o.count > 1
+    if nd == 1:
+        run(f"L2Norm_v{'a' * arr}", dt, [(p, "v"), (o, "p"), x.shape[-1]] + [COUNT] * arr, o.count)
+    else:
+        h, w = x.shape[-2:]
+        run(f"FrobNorm_m{'a' * arr}", dt, [(p, "m"), w, h, (o, "p")] + [COUNT] * arr, o.count)
+    return o.a if out is not None or o.a.ndim else o.a[()]
+
+
+@planned
+def trace(a, out=None, *, copy=True):
+    """The sum of the diagonal of each square matrix (..., n, n) -> (...); out C-contiguous."""
+    name = "trace"
+    x = asarray(a, name)
+    dt = result_type(x)
+    if x.ndim < 2 or x.shape[-1] != x.shape[-2]:
+        raise ValueError(f"{name}: a must hold square matrices (..., n, n), got shape {x.shape}")
+    n = x.shape[-1]
+    check_sizes(name, n)
+    o = output(out, x.shape[:-2], dt, 0, name, packed=True, inputs=(x,))
+    if o.count == 0:
+        return o.a
+    p = operand(x, 2, dt, copy, name)
+    arr = o.count > 1
+    run(f"Trace_m{'a' * arr}", dt, [(p, "m"), n, (o, "p")] + [COUNT] * arr, o.count)
+    return o.a if out is not None or o.a.ndim else o.a[()]
