@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Configures a Release build with the benchmarks in build-bench/ (as bench/run.sh does), builds
-# omkm_bench and runs it once through tools/bench_report.py, which writes docs/benchmarks.md and the
-# count-sweep plots docs/sweep_*.png; the run's JSON stays in build-bench/omkm_bench_report.json.
+# omkm_bench, runs python/bench_numpy.py (docs/python_numpy.md and its plots) and then omkm_bench
+# once through tools/bench_report.py, which writes docs/benchmarks.md and the count-sweep plots
+# docs/sweep_*.png; the run's JSON stays in build-bench/omkm_bench_report.json.
 # JOBS sets the build's parallel jobs (default 2). Extra arguments go to tools/bench_report.py, for
 # example --wait-idle 20 (start only once the load is below 1.0 and no compiler runs, waiting at
 # most 20 minutes) or --min-time 0.1. Needs python3-matplotlib for /usr/bin/python3.
@@ -9,4 +10,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake -S . -B build-bench -DOMKM_BUILD_BENCH=ON -DOMKM_BUILD_TESTS=OFF -DCMAKE_BUILD_TYPE=Release
 cmake --build build-bench --target omkm_bench -j"${JOBS:-2}"
+# The Python binding against numpy first (docs/python_numpy.md and its plots), so that the report
+# links the page of this run.
+OMKM_LIBRARY=$PWD/build-bench/libomkm.so /usr/bin/python3 python/bench_numpy.py --markdown docs/python_numpy.md
 exec /usr/bin/python3 tools/bench_report.py --build build-bench --docs docs "$@"

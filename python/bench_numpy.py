@@ -95,8 +95,10 @@ def overhead(dt, min_time):
     a, b = matrices(np.random.default_rng(1), "spd", 1, 3, dt)
     print(f"\nOne 3x3 object ({np.dtype(dt).name}): microseconds per call")
     print(f"{'op':<10}{'omkm':>8}{'numpy':>8}")
+    result = []
     for op, (_, f_omkm, f_np) in OPS.items():
-        print(f"{op:<10}{best_time(f_omkm, a, b, min_time) * 1e6:8.2f}{best_time(f_np, a, b, min_time) * 1e6:8.2f}")
+        result.append((op, best_time(f_omkm, a, b, min_time) * 1e6, best_time(f_np, a, b, min_time) * 1e6))
+        print(f"{op:<10}{result[-1][1]:8.2f}{result[-1][2]:8.2f}")
     lib = ctypes.CDLL(omkm.library_path)
     f = lib.omkmMul_mm_64f if np.dtype(dt) == np.float64 else lib.omkmMul_mm_32f
     f.restype = ctypes.c_int
@@ -107,6 +109,7 @@ def overhead(dt, min_time):
     args = (pa, 3 * isz, isz, 3, 3, pa, 3 * isz, isz, 3, 3, po, 3 * isz, isz)
     t = best_time(lambda x, y: f(*args), a, b, min_time)
     print(f"{'Mul_mm by ctypes alone':<22}{t * 1e6:8.2f}")
+    return result, t * 1e6
 
 
 def plot(rows, path, dt):
@@ -132,6 +135,62 @@ def plot(rows, path, dt):
     print(f"\nwrote {path}")
 
 
+def markdown(path, counts, min_time, ops):
+    """The report page: for both element types, ns per object over the counts with the default
+    budget and with one thread, the speed-up at 1,000 objects, the per-call overhead on one
+    object, and one plot per element type beside the page."""
+    import platform
+    docs = os.path.dirname(os.path.abspath(path))
+    stem = os.path.splitext(os.path.basename(path))[0]
+    default_threads = omkm.get_num_threads()
+    lines = ["# omkm for numpy against numpy", "",
+             "Written by `python/bench_numpy.py --markdown` (run by `bench/report.sh`). Both sides allocate "
+             "their results, as a numpy user calls them; each figure is the best of five loops of at least "
+             f"{min_time} s. numpy {np.__version__}, Python {platform.python_version()}, omkm "
+             f"`{os.path.basename(omkm.library_path)}`; the default thread budget is {default_threads}.", ""]
+    for dt in (np.dtype(np.float32), np.dtype(np.float64)):
+        omkm.set_num_threads(0)
+        rows = run(dt, counts, min_time, ops)
+        omkm.set_num_threads(1)
+        one = {(r[0], r[1], r[2]): r[3] for r in run(dt, [c for c in counts if c >= 100], min_time, ops)}
+        ov, ctypes_us = overhead(dt, min_time)
+        omkm.set_num_threads(0)
+        png = f"{stem}_{dt.name}.png"
+        plot(rows, os.path.join(docs, png), dt)
+        lines += [f"## {dt.name}", "", f"![omkm against numpy, {dt.name}]({png})", "",
+                  "### 1,000 objects", "",
+                  "ns per object; *x* is numpy / omkm (above 1 where omkm is faster); *1 thread* is omkm "
+                  "with a budget of 1.", "",
+                  "| op | " + " | ".join(f"{n}x{n} omkm | 1 thread | numpy | x | x, 1 thread" for n in ORDERS) + " |",
+                  "|---|" + "---:|" * (5 * len(ORDERS))]
+        for op in ops:
+            cells = []
+            for n in ORDERS:
+                r = next((r for r in rows if r[0] == op and r[1] == n and r[2] == 1000), None)
+                o1 = one.get((op, n, 1000))
+                if r is None or o1 is None:
+                    cells += ["–"] * 5
+                    continue
+                cells += [f"{r[3]:.1f}", f"{o1:.1f}", f"{r[4]:.1f}", f"{r[4] / r[3]:.1f}", f"{r[4] / o1:.1f}"]
+            lines.append(f"| {op} | " + " | ".join(cells) + " |")
+        lines += ["", "### Every count, default budget", "", "ns per object, omkm / numpy.", "",
+                  "| op | order | " + " | ".join(f"{c:,}" for c in counts) + " |",
+                  "|---|---|" + "---:|" * len(counts)]
+        for op in ops:
+            for n in ORDERS:
+                cells = []
+                for c in counts:
+                    r = next(r for r in rows if r[0] == op and r[1] == n and r[2] == c)
+                    cells.append(f"{r[3]:.0f} / {r[4]:.0f}")
+                lines.append(f"| {op} | {n}x{n} | " + " | ".join(cells) + " |")
+        lines += ["", "### One 3x3 object: microseconds per call", "", "| op | omkm | numpy |", "|---|---:|---:|"]
+        lines += [f"| {op} | {o:.2f} | {nn:.2f} |" for op, o, nn in ov]
+        lines += [f"| `omkmMul_mm` called by ctypes alone | {ctypes_us:.2f} | |", ""]
+    with open(path, "w", encoding="utf-8") as f:
+        f.write("\n".join(lines))
+    print(f"wrote {path}")
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     ap.add_argument("--dtype", default="float64", choices=["float32", "float64"])
@@ -140,7 +199,11 @@ def main():
     ap.add_argument("--threads", type=int, default=0, help="omkm thread budget (0: the default)")
     ap.add_argument("--min-time", type=float, default=0.02, help="seconds per timed loop")
     ap.add_argument("--png", help="write a plot of ns per object against count")
+    ap.add_argument("--markdown", help="write the report page (both element types, plots beside it)")
     args = ap.parse_args()
+    if args.markdown:
+        markdown(args.markdown, [int(c) for c in args.counts.split(",")], args.min_time, args.ops.split(","))
+        return
     omkm.set_num_threads(args.threads)
     dt = np.dtype(args.dtype)
     counts = [int(c) for c in args.counts.split(",")]

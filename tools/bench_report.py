@@ -765,6 +765,11 @@ def write_report(data, args, machine, software, start_load):
 
     lines += leads_and_trails(workloads, sweep_ratios)
 
+    if os.path.exists(os.path.join(docs, "python_numpy.md")):
+        lines += ["## The Python binding against numpy", "",
+                  "[python_numpy.md](python_numpy.md): `omkm.matmul`, `inv`, `solve`, `cholesky`, `det` and `eigh` "
+                  "against numpy on stacks of 1 to 100,000 3x3, 4x4 and 6x6 matrices, in both element types.", ""]
+
     lines += ["## Every row", "", "<details><summary>Median, spread and thread count of every row</summary>", ""]
     lines += all_rows_table(rows, default_threads)
     lines += ["", "</details>", ""]

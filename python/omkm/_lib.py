@@ -21,6 +21,12 @@ def _candidates():
         yield "$OMKM_LIBRARY", env
     for name in ("libomkm.so", _SONAME):
         yield "the package's lib directory", os.path.join(_HERE, "lib", name)
+    try:  # present in an installed package only
+        from ._installed import LIBDIR
+    except ImportError:
+        LIBDIR = None
+    if LIBDIR is not None:
+        yield "the install's library directory", os.path.normpath(os.path.join(_HERE, LIBDIR, _SONAME))
     yield "the source tree's build directory", os.path.normpath(
         os.path.join(_HERE, "..", "..", "build", "libomkm.so"))
     found = ctypes.util.find_library("omkm")
@@ -35,18 +41,22 @@ def _load():
         if os.sep in path and not os.path.exists(path):
             tried.append(f"{what}: {path} (no such file)")
             continue
+        # libomkcore is libomkm's own dependency. A copy beside libomkm is loaded first: the loader
+        # then resolves libomkm's dependency to it by name, which an installed libomkm (no run
+        # path) in a prefix outside the loader's search path needs.
         try:
+            core = None
+            if os.sep in path:
+                for name in ("libomkcore.so.7", "libomkcore.so"):
+                    sibling = os.path.join(os.path.dirname(path), name)
+                    if os.path.exists(sibling):
+                        core = ctypes.CDLL(sibling)
+                        break
             lib = ctypes.CDLL(path)
+            if core is None:
+                core = ctypes.CDLL("libomkcore.so.7")
         except OSError as e:
             tried.append(f"{what}: {path} ({e})")
-            continue
-        # libomkcore is libomkm's own dependency; take the copy beside it when there is one, so
-        # that both handles name the library already loaded.
-        sibling = os.path.join(os.path.dirname(path), "libomkcore.so") if os.sep in path else ""
-        try:
-            core = ctypes.CDLL(sibling if sibling and os.path.exists(sibling) else "libomkcore.so.7")
-        except OSError as e:
-            tried.append(f"{what}: {path} loaded, but libomkcore was not found ({e})")
             continue
         return lib, core, path
     raise ImportError("omkm: libomkm could not be loaded; looked in:\n  " + "\n  ".join(tried)

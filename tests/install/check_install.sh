@@ -35,3 +35,23 @@ export PKG_CONFIG_PATH=$pcdir
   $(pkg-config --cflags --libs omkm) -Wl,-rpath,"$(pkg-config --variable=libdir omkm)"
 from_prefix "$work/pc-consumer"
 "$work/pc-consumer"
+
+echo "== python3 -c 'import omkm' from the prefix =="
+# The installed package, on PYTHONPATH only, must load the libomkm installed beside it (not the
+# build tree's, nor one named by OMKM_LIBRARY), and compute with it.
+if /usr/bin/python3 -c 'import numpy' 2>/dev/null; then
+  pydir=$(dirname "$(find "$prefix" -path '*/omkm/__init__.py')")
+  env -u OMKM_LIBRARY PYTHONPATH="$(dirname "$pydir")" PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 - "$prefix" <<'PY'
+import os, sys
+import numpy as np
+import omkm
+prefix = os.path.realpath(sys.argv[1])
+assert os.path.realpath(omkm.__file__).startswith(prefix), omkm.__file__
+assert os.path.realpath(omkm.library_path).startswith(prefix), omkm.library_path
+a = np.arange(2 * 9, dtype=np.float64).reshape(2, 3, 3)
+assert np.array_equal(omkm.add(a, a), a + a)
+print("omkm", omkm.__file__, "uses", omkm.library_path)
+PY
+else
+  echo "numpy is not installed for /usr/bin/python3; skipped"
+fi
