@@ -102,6 +102,26 @@ TEST(ParallelDriver, InsideAParallelRegionATeamOfOneDoesEverything) {
     }
 }
 
+// A test program compiled with -fopenmp and the library share one OpenMP runtime (libgomp, or
+// libomp when the build links LLVM's): two runtimes in one process would each keep their own
+// notion of the enclosing region, and a call from inside the program's region would open a second
+// team instead of running on a team of one.
+TEST(ParallelDriver, OneOpenMPRuntimeInTheProcess) {
+    std::ifstream maps("/proc/self/maps");
+    std::set<std::string> runtimes;
+    for (std::string line; std::getline(maps, line);) {
+        const size_t slash = line.rfind('/');
+        if (slash == std::string::npos) continue;
+        const std::string file = line.substr(slash + 1);
+        if (file.rfind("libgomp", 0) == 0) runtimes.insert("GNU libgomp");
+        if (file.rfind("libiomp", 0) == 0) runtimes.insert("Intel libiomp");
+        if ((file.rfind("libomp.so", 0) == 0 || file.rfind("libomp-", 0) == 0)) runtimes.insert("LLVM libomp");
+    }
+    std::string names;
+    for (const std::string& r : runtimes) names += " " + r;
+    EXPECT_EQ(runtimes.size(), 1u) << "OpenMP runtimes mapped:" << names;
+}
+
 TEST(ParallelDriver, FirstFailureStoredWinsAndEverySliceRuns) {
     probe::Budget four(4);
     OmkStatus st = omkStsOk;

@@ -51,15 +51,13 @@ OmkStatus runOverObjects(int32_t count, Body&& body, size_t scratchPerThread = 0
     }
 
     OmkStatus result = omkStsOk;
-    Split split{1, count, 0};
 #pragma omp parallel num_threads(requested)
     {
-        // The master publishes the split over the team the runtime granted.
-#pragma omp master
-        split = Split::over(count, omp_get_num_threads());
-#pragma omp barrier
+        // Every thread derives the split over the team the runtime granted from the team size it
+        // sees, which all threads of the team see alike: the same slices a published split would
+        // give, without a barrier before the work.
         const int32_t t = omp_get_thread_num();
-        const Slice s = split.of(t);
+        const Slice s = Split::over(count, omp_get_num_threads()).of(t);
         const OmkStatus st = body(s.first, s.count, scratch ? scratch + size_t(t) * scratchPerThread : nullptr);
         if (st != omkStsOk) {
 #pragma omp critical(omk_status_merge)
