@@ -219,8 +219,9 @@ def run_bench(bench, repetitions, min_time, filt):
     cmd = [bench, "--benchmark_format=json", f"--benchmark_repetitions={repetitions}",
            f"--benchmark_min_time={min_time}", "--benchmark_report_aggregates_only=true",
            "--benchmark_enable_random_interleaving=true"]
-    if filt:
-        cmd.append(f"--benchmark_filter={filt}")
+    # The parallel driver's rows have their own page (tools/driver_report.py); the report's run
+    # leaves them out unless a filter asks for them.
+    cmd.append(f"--benchmark_filter={filt or '-BM_(Omp|DriverCost)'}")
     print("bench_report: " + " ".join(cmd), file=sys.stderr)
     start = time.time()
     proc = subprocess.run(cmd, stdout=subprocess.PIPE, text=True, check=False)
@@ -764,6 +765,23 @@ def write_report(data, args, machine, software, start_load):
         lines.append("")
 
     lines += leads_and_trails(workloads, sweep_ratios)
+
+    driver_page = os.path.join(docs, "parallel_driver.md")
+    if os.path.exists(driver_page):
+        with open(driver_page, encoding="utf-8") as f:
+            page = f.read().splitlines()
+        table = [ln for ln in page[next((i for i, ln in enumerate(page) if ln.startswith("| runtime")), len(page)):]]
+        table = table[:next((i for i, ln in enumerate(table) if not ln.startswith("|")), len(table))]
+        crossings = [ln for ln in page if ln.startswith("| **crossover**")]
+        lines += ["## The parallel driver's fixed cost", "",
+                  "From [parallel_driver.md](parallel_driver.md), which has the definitions and the crossover "
+                  "tables: the cost of a parallel call just above its serial limit beyond its work split in "
+                  "half, against an empty parallel region of each OpenMP runtime.", ""] + table + [""]
+        if crossings:
+            lines += ["Crossover (objects from which a budget of 2 beats a budget of 1): packed 4x4 Add "
+                      + crossings[0].replace("| **crossover** |", "").replace("|", " ").strip()
+                      + (("; Mul " + crossings[1].replace("| **crossover** |", "").replace("|", " ").strip())
+                         if len(crossings) > 1 else "") + " (one figure per runtime, in the order of the table).", ""]
 
     if os.path.exists(os.path.join(docs, "python_numpy.md")):
         lines += ["## The Python binding against numpy", "",

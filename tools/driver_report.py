@@ -1,0 +1,128 @@
+#!/usr/bin/env python3
+"""Runs the parallel-driver rows of omkm_bench (BM_Omp*, BM_DriverCost_*) for each OpenMP runtime
+build given and writes docs/parallel_driver.md: the cost of an empty parallel region, the driver's
+fixed cost per call and the crossover counts of packed 4x4 Add and Mul of two arrays.
+
+    tools/driver_report.py --build gnu=build-bench --build llvm=build-bench-llvm [--docs docs]
+
+The fixed cost of a call is t(budget 2) - t(budget 1) / 2 at the first count above the serial
+limit: what the call costs beyond its work split in half. The crossover is the smallest count
+from which the budget-2 call is faster than the budget-1 call at that count and every larger one.
+"""
+import argparse
+import json
+import os
+import re
+import subprocess
+import sys
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+RUNTIMES = {"gnu": "GNU libgomp", "llvm": "LLVM libomp"}
+
+
+def run(build, repetitions, min_time):
+    bench = os.path.join(build, "bench", "omkm_bench")
+    cmd = [bench, "--benchmark_filter=BM_(Omp|DriverCost)", "--benchmark_format=json",
+           f"--benchmark_repetitions={repetitions}", f"--benchmark_min_time={min_time}",
+           "--benchmark_report_aggregates_only=true", "--benchmark_enable_random_interleaving=true"]
+    print("driver_report: " + " ".join(cmd), file=sys.stderr)
+    out = subprocess.run(cmd, stdout=subprocess.PIPE, text=True, check=True).stdout
+    times = {}
+    for b in json.loads(out)["benchmarks"]:
+        if b.get("aggregate_name") != "median":
+            continue
+        name = b["run_name"].replace("/real_time", "")
+        times[name] = b["real_time"] * {"ns": 1, "us": 1e3, "ms": 1e6}[b["time_unit"]]
+    return times
+
+
+def linked_runtime(build):
+    deps = subprocess.run(["ldd", os.path.join(build, "libomkm.so")], stdout=subprocess.PIPE, text=True).stdout
+    m = re.search(r"(lib[gi]?omp[^ ]*) => (\S+)", deps)
+    return f"`{m.group(2)}`" if m else "?"
+
+
+def driver_rows(times, op):
+    """{count: (t budget 1, t budget 2)} of one BM_DriverCost_<op> workload, in ns per call."""
+    rows = {}
+    for name, t in times.items():
+        m = re.match(rf"BM_DriverCost_{op}/count:(\d+)/budget:(\d)$", name)
+        if m:
+            rows.setdefault(int(m.group(1)), [None, None])[int(m.group(2)) - 1] = t
+    return dict(sorted(rows.items()))
+
+
+def crossover(rows):
+    counts = list(rows)
+    for i, c in enumerate(counts):
+        if all(rows[k][1] < rows[k][0] for k in counts[i:]):
+            return c
+    return None
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("--build", action="append", required=True, metavar="RUNTIME=DIR")
+    ap.add_argument("--docs", default=os.path.join(ROOT, "docs"))
+    ap.add_argument("--repetitions", type=int, default=5)
+    ap.add_argument("--min-time", type=float, default=0.3)
+    args = ap.parse_args()
+    results = []
+    for spec in args.build:
+        rt, build = spec.split("=", 1)
+        results.append((rt, build, run(build, args.repetitions, args.min_time)))
+
+    ops = ["Add_mama_32f_4x4", "Mul_mama_32f_4x4"]
+    lines = ["# The parallel driver's fixed cost", "",
+             "Written by `tools/driver_report.py` (run by `bench/report.sh`). Every figure is the median of "
+             f"{args.repetitions} repetitions of at least {args.min_time} s, wall time per call, with the "
+             "runtimes' wait policies at their defaults, on the machine of [benchmarks.md](benchmarks.md).", "",
+             "- *empty region*: `#pragma omp parallel num_threads(2) {}`; *publish + barrier*: the same region "
+             "in which the master publishes a value and all threads meet at a barrier before the work.",
+             "- *fixed cost*: t(budget 2) − t(budget 1) / 2 at the first count above the member's serial limit "
+             "(63 objects for Add, 53 for Mul): what the parallel call costs beyond its work split in half. "
+             "Each thread derives its slice from the team size itself, so the driver has no barrier before "
+             "the work.",
+             "- *halves in a bare region*: a bare `omp parallel num_threads(2)` region in which each thread "
+             "calls the member on its half of the same arrays (inside a region the member runs on the calling "
+             "thread): the floor of any parallel call of this work, the region, each half's work and the "
+             "second core fetching operands that the first core's cache holds. *driver over it* is the "
+             "budget-2 call of the whole array less that floor: what the driver itself adds.", "",
+             "| runtime | linked | empty region | publish + barrier | " +
+             " | ".join(f"{op} fixed cost | ratio to empty region | halves in a bare region | budget 2 | "
+                        "driver over it" for op in ops) + " |",
+             "|---|---|---:|---:|" + "---:|---:|---:|---:|---:|" * len(ops)]
+    for rt, build, times in results:
+        empty = times.get("BM_OmpEmptyRegion/2")
+        cells = [RUNTIMES.get(rt, rt), linked_runtime(build), f"{empty:.0f} ns",
+                 f"{times.get('BM_OmpRegionPublishBarrier/2', float('nan')):.0f} ns"]
+        for op in ops:
+            rows = driver_rows(times, op)
+            first = min(rows)
+            fixed = rows[first][1] - rows[first][0] / 2
+            halves = times.get(f"BM_OmpRegionHalves_{op}/count:{first}", float("nan"))
+            cells += [f"{fixed:.0f} ns", f"{fixed / empty:.2f}", f"{halves:.0f} ns", f"{rows[first][1]:.0f} ns",
+                      f"{rows[first][1] - halves:.0f} ns"]
+        lines.append("| " + " | ".join(cells) + " |")
+    lines += ["", "## Crossover", "",
+              "ns per call with a budget of 1 and of 2; the crossover is the smallest count from which the "
+              "budget-2 call is faster at that count and every larger one.", ""]
+    for op in ops:
+        lines += [f"### {op.replace('_4x4', '')}, packed 4x4", ""]
+        header = "| count | " + " | ".join(f"{RUNTIMES.get(rt, rt)}, budget 1 | budget 2" for rt, _, _ in results) + " |"
+        lines += [header, "|---:|" + "---:|---:|" * len(results)]
+        per = [driver_rows(times, op) for _, _, times in results]
+        for c in per[0]:
+            lines.append(f"| {c:,} | " + " | ".join(f"{r[c][0]:.0f} | {r[c][1]:.0f}" for r in per) + " |")
+        lines.append("| **crossover** | " + " | ".join(
+            f"| {crossover(r):,} objects" if crossover(r) else "| none" for r in per).lstrip("| ") + " |")
+        lines.append("")
+    os.makedirs(args.docs, exist_ok=True)
+    path = os.path.join(args.docs, "parallel_driver.md")
+    with open(path, "w", encoding="utf-8") as f:
+        f.write("\n".join(lines))
+    print(f"driver_report: wrote {path}", file=sys.stderr)
+
+
+if __name__ == "__main__":
+    main()
