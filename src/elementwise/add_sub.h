@@ -120,6 +120,23 @@ OmkStatus addSub(const D& d, const A& a, const B& b, const Dims& dims) {
     constexpr CheckOrder order = orderOf(G, Dsc);
     if (const OmkStatus st = firstFailure(order, dims, a, b, d)) return st;
     using T = std::remove_const_t<typename D::Elem>;
+    if constexpr (&ruleOf(G) == &kSingle && D::kLayout == Layout::Strided && A::kLayout != Layout::Scattered &&
+                  B::kLayout != Layout::Scattered) {
+        // One square matrix or vector of order 3 or 4 with packed rows goes straight to its
+        // unrolled kernel, inlined into the exported function: the call costs the checks and the
+        // arithmetic, as the operation written inline would. Both operands are read whole before
+        // the destination is written, so a destination equal to an operand gives the same result.
+        const int32_t w = dims.width, h = dims.height;
+        if ((D::kMatrix ? w == h : h == 1) && (w == 3 || w == 4) && unitColumns(d) && unitColumns(a) &&
+            unitColumns(b)) {
+            const auto da = unitCols(d.obj(0));
+            const auto aa = unitCols(a.obj(0));
+            const auto ba = unitCols(b.obj(0));
+            if (w == 3) applyObjectReadFirst<3, D::kMatrix ? 3 : 1>(da, aa, ba, Op{});
+            else applyObjectReadFirst<4, D::kMatrix ? 4 : 1>(da, aa, ba, Op{});
+            return omkStsOk;
+        }
+    }
     const bool contiguous = elementsContiguous(d, a, b);
     return binaryOverObjects<Op>(goesParallel<T>(ruleOf(G), Dsc, contiguous, dims), d, a, b, dims);
 }

@@ -103,6 +103,23 @@ inline void applyObject(const DO& d, const AO& a, const BO& b, int w, int h, con
     }
 }
 
+// One object of compile-time shape W x H, all of both operands read before any element of the
+// destination is written: with no store between the loads the compiler keeps the rows in vector
+// registers, and a destination that coincides with an operand is still read whole first.
+template <int W, int H, class Op, class DO, class AO, class BO>
+inline void applyObjectReadFirst(const DO& d, const AO& a, const BO& b, const Op& op = Op{}) {
+    using T = std::remove_cv_t<std::remove_reference_t<decltype(d.at(0, 0))>>;
+    T r[H][W];
+#pragma GCC unroll 6
+    for (int i = 0; i < H; ++i)
+#pragma GCC unroll 6
+        for (int j = 0; j < W; ++j) r[i][j] = op.apply(T(a.at(i, j)), T(b.at(i, j)));
+#pragma GCC unroll 6
+    for (int i = 0; i < H; ++i)
+#pragma GCC unroll 6
+        for (int j = 0; j < W; ++j) d.at(i, j) = r[i][j];
+}
+
 // Calls f with the compile-time shape of the straight-line kernels — square orders 3 to 6 for
 // matrices, lengths 3 to 6 for vectors — or with <0, 0> for every other shape.
 template <bool Matrix, class F>

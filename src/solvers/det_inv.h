@@ -74,11 +74,19 @@ T minorOf(const B& b, int i, int j) {
     return detExpand<N - 1, T>(Picked<T, B>{b, rows, cols});
 }
 
+// -x, also for a zero. The value passes through an empty asm first: once inlined, the compiler
+// would otherwise fold -fma(a, b, -c) into fma(-a, b, c), which gives +0 where -(+0) = -0 is due.
+template <class T>
+inline T negateExactly(T x) {
+    asm("" : "+x"(x));
+    return -x;
+}
+
 // Signed cofactor C(i, j) = (-1)^(i+j) * minor, the sign applied exactly.
 template <int N, class T, class B>
 T cofactor(const B& b, int i, int j) {
     const T m = minorOf<N, T>(b, i, j);
-    return (i + j) % 2 ? -m : m;
+    return (i + j) % 2 ? negateExactly(m) : m;
 }
 
 // Orders 2 and 3 as above; order 4 fma(b00, C00, b01*C01) + fma(b02, C02, b03*C03); orders 5 and 6
@@ -362,8 +370,19 @@ OmkStatus invertFixed(const DO& d, const SO& a) {
         return omkStsOk;
     }
     T c[N][N];
-    for (int i = 0; i < N; ++i)
-        for (int j = 0; j < N; ++j) c[i][j] = cofactor<N, T>(l, i, j);
+    if constexpr (N == 3) {
+        // The nine 2x2 minors written out (rows r0 < r1 and columns c0 < c1 of the minor, the
+        // same fused expression as det2), so that a single 3x3 call is straight-line code.
+        const auto m = [&](int r0, int r1, int c0, int c1) {
+            return fms(l.v[r0][c0], l.v[r1][c1], l.v[r0][c1] * l.v[r1][c0]);
+        };
+        c[0][0] = m(1, 2, 1, 2), c[0][1] = negateExactly(m(1, 2, 0, 2)), c[0][2] = m(1, 2, 0, 1);
+        c[1][0] = negateExactly(m(0, 2, 1, 2)), c[1][1] = m(0, 2, 0, 2), c[1][2] = negateExactly(m(0, 2, 0, 1));
+        c[2][0] = m(0, 1, 1, 2), c[2][1] = negateExactly(m(0, 1, 0, 2)), c[2][2] = m(0, 1, 0, 1);
+    } else {
+        for (int i = 0; i < N; ++i)
+            for (int j = 0; j < N; ++j) c[i][j] = cofactor<N, T>(l, i, j);
+    }
     T det;
     if constexpr (N == 3) {
         det = det3<T>(l);
@@ -478,6 +497,11 @@ OmkStatus inverse(const D& d, const A& a, const B& buffer, const Dims& dims) {
     if (const OmkStatus st = firstFailure(kDefaultOrder, dims, a, buffer, d)) return st;
     using T = std::remove_const_t<typename D::Elem>;
     const int n = dims.width;
+    if constexpr (G == Group::m && D::kLayout == Layout::Strided && A::kLayout == Layout::Strided) {
+        // One matrix with packed columns goes straight to its kernel, without the array path's
+        // slices and lambdas: a single small inverse costs its arithmetic and the checks.
+        if (unitColumns(d) && unitColumns(a)) return invertObject<T>(unitCols(d.obj(0)), unitCols(a.obj(0)), buffer.obj(0), n);
+    }
     const bool packed = elementsContiguous(a, d);
     const bool parallel =
         G == Group::ma && (Wrap32(2) * n * dims.count).value() > (packed ? kInvertPackedLimit : kInvertLimit);
