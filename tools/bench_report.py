@@ -219,9 +219,9 @@ def run_bench(bench, repetitions, min_time, filt):
     cmd = [bench, "--benchmark_format=json", f"--benchmark_repetitions={repetitions}",
            f"--benchmark_min_time={min_time}", "--benchmark_report_aggregates_only=true",
            "--benchmark_enable_random_interleaving=true"]
-    # The parallel driver's rows have their own page (tools/driver_report.py); the report's run
-    # leaves them out unless a filter asks for them.
-    cmd.append(f"--benchmark_filter={filt or '-BM_(Omp|DriverCost)'}")
+    # The rows of the shared costs (the parallel driver, single-object calls) have their own page
+    # (tools/driver_report.py); the report's run leaves them out unless a filter asks for them.
+    cmd.append(f"--benchmark_filter={filt or '-BM_(Omp|DriverCost|SingleCall)'}")
     print("bench_report: " + " ".join(cmd), file=sys.stderr)
     start = time.time()
     proc = subprocess.run(cmd, stdout=subprocess.PIPE, text=True, check=False)
@@ -782,6 +782,9 @@ def write_report(data, args, machine, software, start_load):
                       + crossings[0].replace("| **crossover** |", "").replace("|", " ").strip()
                       + (("; Mul " + crossings[1].replace("| **crossover** |", "").replace("|", " ").strip())
                          if len(crossings) > 1 else "") + " (one figure per runtime, in the order of the table).", ""]
+        start = next((i for i, ln in enumerate(page) if ln == "## Single-object calls"), None)
+        if start is not None:
+            lines += ["## Single-object calls", ""] + page[start + 1:] + [""]
 
     if os.path.exists(os.path.join(docs, "python_numpy.md")):
         lines += ["## The Python binding against numpy", "",

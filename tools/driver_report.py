@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""Runs the parallel-driver rows of omkm_bench (BM_Omp*, BM_DriverCost_*) for each OpenMP runtime
-build given and writes docs/parallel_driver.md: the cost of an empty parallel region, the driver's
-fixed cost per call and the crossover counts of packed 4x4 Add and Mul of two arrays.
+"""Runs the rows of omkm_bench that measure what every call shares (BM_Omp*, BM_DriverCost_*,
+BM_SingleCall_*) for each OpenMP runtime build given and writes docs/parallel_driver.md: the cost
+of an empty parallel region, the driver's fixed cost per call, the crossover counts of packed 4x4
+Add and Mul of two arrays, and the per-call cost of single-object members against Eigen inlined.
 
     tools/driver_report.py --build gnu=build-bench --build llvm=build-bench-llvm [--docs docs]
 
@@ -22,7 +23,7 @@ RUNTIMES = {"gnu": "GNU libgomp", "llvm": "LLVM libomp"}
 
 def run(build, repetitions, min_time):
     bench = os.path.join(build, "bench", "omkm_bench")
-    cmd = [bench, "--benchmark_filter=BM_(Omp|DriverCost)", "--benchmark_format=json",
+    cmd = [bench, "--benchmark_filter=BM_(Omp|DriverCost|SingleCall)", "--benchmark_format=json",
            f"--benchmark_repetitions={repetitions}", f"--benchmark_min_time={min_time}",
            "--benchmark_report_aggregates_only=true", "--benchmark_enable_random_interleaving=true"]
     print("driver_report: " + " ".join(cmd), file=sys.stderr)
@@ -58,6 +59,39 @@ def crossover(rows):
         if all(rows[k][1] < rows[k][0] for k in counts[i:]):
             return c
     return None
+
+
+SINGLE_OPS = [("Add", "omkmAdd_mm_32f", "a + b"), ("Mul", "omkmMul_mm_32f", "a * b"),
+              ("Invert", "omkmInvert_m_32f", "a.inverse()"),
+              ("LUSolve", "omkmLUDecomp_m_32f + omkmLUBackSubst_mv_32f", "a.partialPivLu().solve(b)"),
+              ("Transform", "omkmAffineTransform_m4v3_32f", "(p, 1) * M")]
+
+
+def single_calls(times, runtime):
+    """The per-call table of the single-object members (first build's run)."""
+    lines = ["## Single-object calls", "",
+             f"ns per call, one call per object over 256 objects in cache ({runtime} build); Eigen's fixed-size "
+             "types are inlined into the same loop. Target: omkm within 1.5x of Eigen. *Floor* is "
+             "`omkmAdd_mm_32f` with a null destination: the call and its first check, the least any checked "
+             "single-object call costs.", "",
+             "| operation | omkm | Eigen | order 3: omkm | Eigen | ratio | order 4: omkm | Eigen | ratio |",
+             "|---|---|---|---:|---:|---:|---:|---:|---:|"]
+    for op, member, eig in SINGLE_OPS:
+        cells = [op, f"`{member}`", f"`{eig}`"]
+        for n in (3, 4):
+            o = times.get(f"BM_SingleCall_{op}_{n}/omkm")
+            e = times.get(f"BM_SingleCall_{op}_{n}/eigen")
+            if o is None or e is None:
+                cells += ["–", "–", "–"]
+            else:
+                o, e = o / 256, e / 256
+                cells += [f"{o:.1f}", f"{e:.1f}", f"**{o / e:.2f}**" if o / e > 1.5 else f"{o / e:.2f}"]
+        lines.append("| " + " | ".join(cells) + " |")
+    floor = times.get("BM_SingleCall_Floor_4/omkm")
+    if floor is not None:
+        lines += ["", f"Floor: {floor / 256:.1f} ns per call."]
+    lines.append("")
+    return lines
 
 
 def main():
@@ -117,6 +151,7 @@ def main():
         lines.append("| **crossover** | " + " | ".join(
             f"| {crossover(r):,} objects" if crossover(r) else "| none" for r in per).lstrip("| ") + " |")
         lines.append("")
+    lines += single_calls(results[0][2], RUNTIMES.get(results[0][0], results[0][0]))
     os.makedirs(args.docs, exist_ok=True)
     path = os.path.join(args.docs, "parallel_driver.md")
     with open(path, "w", encoding="utf-8") as f:
