@@ -170,7 +170,9 @@ template <int N, bool Dense, class D, class A, class B>
             return;
         }
         for (int32_t k = 0; k < count; ++k) {
-            const auto dk = d.obj(k), ak = a.obj(k), bk = b.obj(k);
+            const auto dk = d.obj(k);
+            const auto ak = a.obj(k);
+            const auto bk = b.obj(k);
             packedRowObject<N, Dense>(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep);
         }
         return;
