@@ -32,15 +32,6 @@ namespace {
 
 using namespace sweep;
 
-#define SWEEP_EXPORT(fn, params) Export{#fn, testing_omk::invokerOf(&fn), params},
-#define SWEEP_OTHER(fn) Export{#fn, Invoker{}, ""},
-const std::vector<Export>& exportTable() {
-    static const std::vector<Export> table = {
-#include "sweep_calls.inc"
-    };
-    return table;
-}
-
 const std::vector<const Export*>& arrayMembers() {
     static const std::vector<const Export*> list = [] {
         std::vector<const Export*> out;
@@ -126,7 +117,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     shape.roi = (style >> 5) & 3;
     const bool compareParallel = in.byte() & 1;
 
-    Call c = layCall(ex, exportTable(), shape);
+    Call c = layCall(ex, shape);
     if (!c.rule.known || !c.error.empty()) {
         std::fprintf(stderr, "%s: %s\n", ex.name, c.rule.known ? c.error.c_str() : "no rule");
         std::abort();

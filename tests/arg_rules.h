@@ -284,6 +284,19 @@ inline Rule ruleFor(const std::string& full) {
     return unknown;
 }
 
+// Every declared export, called through its real signature (sweep_calls.inc, generated from the
+// public header).
+inline const std::vector<Export>& exportTable() {
+#define SWEEP_EXPORT(fn, params) Export{#fn, testing_omk::invokerOf(&fn), params},
+#define SWEEP_OTHER(fn) Export{#fn, Invoker{}, ""},
+    static const std::vector<Export> table = {
+#include "sweep_calls.inc"
+    };
+#undef SWEEP_EXPORT
+#undef SWEEP_OTHER
+    return table;
+}
+
 // ---- parameters ----
 struct Param {
     char type;  // 'p', 'i', 'f'
@@ -438,9 +451,9 @@ inline bool hasParam(const std::vector<Param>& ps, const std::string& name) {
     return false;
 }
 
-// Finds the export `name` in a table (for the standard sibling of a _P member).
-inline const Export* findExport(const std::vector<Export>& all, const std::string& name) {
-    for (const Export& e : all)
+// Finds the export `name` (for the standard sibling of a _P member).
+inline const Export* findExport(const std::string& name) {
+    for (const Export& e : exportTable())
         if (name == e.name) return &e;
     return nullptr;
 }
@@ -455,9 +468,9 @@ inline void elementBytes(const Region& g, int objects, std::vector<bool>& mark) 
             }
 }
 
-// Lays out the valid call of `ex`. `all` is the whole table (a _P member borrows its operand
-// shapes from its standard sibling).
-inline Call layCall(const Export& ex, const std::vector<Export>& all, const Shape& shape = Shape{}) {
+// Lays out the valid call of `ex` (a _P member borrows its operand shapes from its standard
+// sibling).
+inline Call layCall(const Export& ex, const Shape& shape = Shape{}) {
     Call c;
     c.ex = &ex;
     c.name = parseName(ex.name);
@@ -479,7 +492,7 @@ inline Call layCall(const Export& ex, const std::vector<Export>& all, const Shap
         std::string sib = ex.name;
         if (c.name.op == "Copy") sib = sib.substr(0, sib.size() - 2) + "SS";
         else sib = sib.substr(0, sib.size() - 2);
-        const Export* s = findExport(all, sib);
+        const Export* s = findExport(sib);
         if (!s) { c.error = "no standard sibling " + sib; return c; }
         sibling = parseParams(s->params);
     }

@@ -26,26 +26,6 @@ namespace {
 
 using namespace sweep;
 
-#define SWEEP_EXPORT(fn, params) Export{#fn, testing_omk::invokerOf(&fn), params},
-#define SWEEP_OTHER(fn) Export{#fn, Invoker{}, ""},
-const std::vector<Export>& exportTable() {
-    static const std::vector<Export> table = {
-#include "sweep_calls.inc"
-    };
-    return table;
-}
-#undef SWEEP_EXPORT
-#undef SWEEP_OTHER
-
-// Library defects the sweep has found and that are not fixed yet. Listed here so that they are
-// visible; every listed case still fails (ArgSweep.KnownLibraryDefects and the family sweep).
-struct KnownDefect {
-    const char* exportName;
-    const char* what;
-};
-const std::vector<KnownDefect> kKnownLibraryDefects = {
-};
-
 std::atomic<long> gExportsSwept{0}, gExportsWithChecks{0}, gCasesTried{0};
 
 struct Report {
@@ -110,7 +90,7 @@ Report sweepExport(const Export& ex) {
         if (!v || v != omkmGetLibVersion()) r.fail("omkmGetLibVersion: null or changing record");
         return r;
     }
-    Call c = layCall(ex, exportTable());
+    Call c = layCall(ex);
     if (!c.rule.known) { r.fail(std::string(ex.name) + ": no rule"); return r; }
     if (!c.error.empty()) { r.fail(std::string(ex.name) + ": " + c.error); return r; }
     const auto tables0 = c.tables;
@@ -221,17 +201,6 @@ TEST_P(ArgSweepFamily, Exports) {
 
 INSTANTIATE_TEST_SUITE_P(ArgSweep, ArgSweepFamily, testing::ValuesIn(families()),
                          [](const testing::TestParamInfo<std::string>& i) { return i.param; });
-
-// Each known library defect, swept on its own: fails while the defect is there.
-TEST(ArgSweep, KnownLibraryDefects) {
-    for (const KnownDefect& d : kKnownLibraryDefects) {
-        const Export* e = findExport(exportTable(), d.exportName);
-        ASSERT_NE(e, nullptr) << d.exportName;
-        const Report r = sweepExport(*e);
-        EXPECT_EQ(r.failures, 0) << "known defect: " << d.exportName << ": " << d.what
-                                 << (r.first.empty() ? "" : "\n  first: " + r.first[0]);
-    }
-}
 
 // Prints the figures of the sweep when the run ends.
 class Figures : public testing::Environment {
