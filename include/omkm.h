@@ -2442,7 +2442,9 @@ OMKM_API OmkStatus omkmCholeskyBackSubst_mava_64f_P(const Omk64f** ppSrc, int sr
  * with omkStsOk when a pivot falls below t (the last one when it is not above t); never
  * omkStsSingular. Invert: orders 3 to 6 by the adjugate (cofactors from the same expansions; det
  * from row 0, 5 and 6 as t = a00*C00 then t = fma(a0j, C0j, t)), omkStsSingular when |det| < t,
- * nothing written then, the source read whole first (in place allowed). Order 1: singular when
+ * nothing written then, the source read whole first (in place allowed: pDst may be pSrc with the
+ * same strides; arrays of orders 3 and 4 run up to 8 objects side by side, each group read whole
+ * before it is written, so pDst must not overlap another object of pSrc). Order 1: singular when
  * |a| <= 2*m. Order 2 and orders 7 and more: elimination in pBuffer, then each element from its
  * minor's determinant; pDst must not overlap pSrc there. Invert_m4: |det| < 2^-119 is singular
  * (*pDet = 0), else *pDet = det and r = (r0 + r0) - det*(r0*r0) from the processor's reciprocal

@@ -268,8 +268,9 @@ template <class T> double above(T v) { return double(std::nextafter(v, std::nume
 }  // namespace
 
 // Orders 1 to 8 and 10 (the closed forms, the fixed-order kernels, the elimination) in packed,
-// padded, gapped and mixed layouts, one matrix and arrays of three: results bit for bit, Det's
-// values consecutive with nothing after them, nothing else written (pBuffer is scratch).
+// padded, gapped and mixed layouts, one matrix and arrays of three, and of 19 up to order 6 (whole
+// blocks of 8 floats or 4 doubles side by side, then the rest one by one): results bit for bit,
+// Det's values consecutive with nothing after them, nothing else written (pBuffer is scratch).
 TEST(DetInvertResults, EveryMemberOrderAndLayout) {
     ASSERT_EQ(members().size(), 20u);
     probe::Budget serial(1);
@@ -279,8 +280,8 @@ TEST(DetInvertResults, EveryMemberOrderAndLayout) {
     for (const Member& m : members())
         for (int n : {1, 2, 3, 4, 5, 6, 7, 8, 10})
             for (const auto& st : layouts())
-                for (int count : {1, 3}) {
-                    if ((count > 1 && !m.hasArray()) || (isDet(m) && st.size() > 1)) continue;
+                for (int count : {1, 3, 19}) {
+                    if ((count > 1 && !m.hasArray()) || (isDet(m) && st.size() > 1) || (count > 3 && n > 6)) continue;
                     SolverCase sc;
                     build(sc, m, n, count, st);
                     ASSERT_EQ(prepareRandom(sc, rng), omkStsOk) << describe(sc) << ": random input was singular";
@@ -488,19 +489,21 @@ TEST(InvertSingular, NothingWrittenAtTheBounds) {
     EXPECT_EQ(x, 0.5f);
 }
 
-// Orders 3 to 6 read the source whole before writing: pSrc == pDst gives the inverse of separate
-// buffers.
+// Orders 3 to 6 read the source whole before writing (arrays: each block of objects side by side
+// whole): pSrc == pDst gives the inverse of separate buffers.
 TEST(InvertResults, InPlaceForOrders3To6) {
     std::mt19937 rng(431);
     for (const Member& m : members())
         for (int n = 3; !isDet(m) && n <= 6; ++n)
-            for (const auto& st : {std::vector<Style>{Style::Packed}, std::vector<Style>{Style::Gapped}}) {
-                SolverCase sc;
-                build(sc, m, n, m.hasArray() ? 3 : 1, st, Alias::DstOnMatrix);
-                ASSERT_EQ(prepareRandom(sc, rng), omkStsOk);
-                callAndCompare(sc, omkStsOk);
-                if (HasFatalFailure()) return;
-            }
+            for (const auto& st : {std::vector<Style>{Style::Packed}, std::vector<Style>{Style::Gapped}})
+                for (int count : {1, 3, 19}) {
+                    if (count > 1 && !m.hasArray()) continue;
+                    SolverCase sc;
+                    build(sc, m, n, count, st, Alias::DstOnMatrix);
+                    ASSERT_EQ(prepareRandom(sc, rng), omkStsOk);
+                    callAndCompare(sc, omkStsOk);
+                    if (HasFatalFailure()) return;
+                }
 }
 
 // Matrices diagonally dominant by rows (|a_ii| >= 2 * the rest of the row): the residual
@@ -670,13 +673,16 @@ TEST(DetInvertParallel, BitIdenticalToSerialWithTheBufferUntouched) {
     }
 }
 
-// A serial array call stops at its first singular matrix (the ones after it keep their bytes);
+// A serial array call stops at its first singular matrix (the ones after it keep their bytes),
+// also when it lies inside a block of objects run side by side (objects 8 ... 15 in floats, 8 ...
+// 11 in doubles: the ones before it in the block are written);
 // over threads each slice stops at its own, the other slices are computed, and the call returns
 // omkStsSingular when only a later slice fails.
 TEST(InvertParallel, SlicesStopAtTheirOwnFailure) {
     std::mt19937 rng(461);
     struct Run { int n, count, budget; std::vector<int> singular; };
-    const std::vector<Run> runs = {{4, 5, 1, {2}},        {7, 5, 2, {1}},          {4, 1001, 2, {700}},
+    const std::vector<Run> runs = {{4, 5, 1, {2}},        {3, 19, 1, {10}},        {4, 19, 1, {10}},
+                                   {7, 5, 2, {1}},          {4, 1001, 2, {700}},
                                    {4, 1001, 3, {400}},   {7, 263, 2, {200, 250}}, {7, 263, 3, {100, 260}},
                                    {2, 1001, 3, {1000}}};
     for (const Member& m : members()) {

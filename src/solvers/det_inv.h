@@ -37,7 +37,17 @@ T tolerance(int n) {
     return T(twiceCube) * std::numeric_limits<T>::min();
 }
 
-template <class T> T fms(T x, T y, T z) { return std::fma(x, y, -z); }
+// Blocks of objects side by side, one object per lane: GCC vector types, whose *, / and unary -
+// are the lane-wise IEEE operations. The cofactor formulas below are written once over their
+// element type, so in every lane of a block they give the bits they give for one object.
+typedef float Lanes8f __attribute__((vector_size(32)));
+typedef double Lanes4d __attribute__((vector_size(32)));
+
+inline float fmadd(float x, float y, float z) { return std::fma(x, y, z); }
+inline double fmadd(double x, double y, double z) { return std::fma(x, y, z); }
+inline Lanes8f fmadd(Lanes8f x, Lanes8f y, Lanes8f z) { return (Lanes8f)_mm256_fmadd_ps((__m256)x, (__m256)y, (__m256)z); }
+inline Lanes4d fmadd(Lanes4d x, Lanes4d y, Lanes4d z) { return (Lanes4d)_mm256_fmadd_pd((__m256d)x, (__m256d)y, (__m256d)z); }
+template <class T> T fms(T x, T y, T z) { return fmadd(x, y, -z); }
 
 // ---- cofactor expansions ----
 // A matrix read through at(i, j) of an object with rows and columns picked by index lists: the
@@ -59,7 +69,7 @@ T det3(const B& b) {
     auto M = [&](int j0, int j1) {
         return fms(T(b.at(1, j0)), T(b.at(2, j1)), T(b.at(1, j1)) * T(b.at(2, j0)));
     };
-    return std::fma(T(b.at(0, 2)), M(0, 1), fms(T(b.at(0, 0)), M(1, 2), T(b.at(0, 1)) * M(0, 2)));
+    return fmadd(T(b.at(0, 2)), M(0, 1), fms(T(b.at(0, 0)), M(1, 2), T(b.at(0, 1)) * M(0, 2)));
 }
 
 // The unsigned minor of element (i, j) of an n x n matrix: its determinant without row i and
@@ -69,7 +79,9 @@ template <int N, class T, class B> T detExpand(const B& b);
 template <int N, class T, class B>
 T minorOf(const B& b, int i, int j) {
     int rows[N - 1], cols[N - 1];
+#pragma GCC unroll 8
     for (int q = 0, r = 0; q < N; ++q) if (q != i) rows[r++] = q;
+#pragma GCC unroll 8
     for (int q = 0, c = 0; q < N; ++q) if (q != j) cols[c++] = q;
     return detExpand<N - 1, T>(Picked<T, B>{b, rows, cols});
 }
@@ -97,11 +109,11 @@ T detExpand(const B& b) {
     else if constexpr (N == 2) return det2<T>(b);
     else if constexpr (N == 3) return det3<T>(b);
     else if constexpr (N == 4) {
-        return std::fma(T(b.at(0, 0)), cofactor<4, T>(b, 0, 0), T(b.at(0, 1)) * cofactor<4, T>(b, 0, 1)) +
-               std::fma(T(b.at(0, 2)), cofactor<4, T>(b, 0, 2), T(b.at(0, 3)) * cofactor<4, T>(b, 0, 3));
+        return fmadd(T(b.at(0, 0)), cofactor<4, T>(b, 0, 0), T(b.at(0, 1)) * cofactor<4, T>(b, 0, 1)) +
+               fmadd(T(b.at(0, 2)), cofactor<4, T>(b, 0, 2), T(b.at(0, 3)) * cofactor<4, T>(b, 0, 3));
     } else {
         T t = T(b.at(0, 0)) * cofactor<N, T>(b, 0, 0);
-        for (int j = 1; j < N; ++j) t = std::fma(T(b.at(0, j)), cofactor<N, T>(b, 0, j), t);
+        for (int j = 1; j < N; ++j) t = fmadd(T(b.at(0, j)), cofactor<N, T>(b, 0, j), t);
         return t;
     }
 }
@@ -267,7 +279,7 @@ T detOrder3(const B& a) {
     const T m0 = fms(T(a.at(0, 1)), T(a.at(1, 2)), T(a.at(0, 2)) * T(a.at(1, 1)));
     const T m1 = fms(T(a.at(0, 0)), T(a.at(1, 2)), T(a.at(0, 2)) * T(a.at(1, 0)));
     const T m2 = fms(T(a.at(0, 0)), T(a.at(1, 1)), T(a.at(0, 1)) * T(a.at(1, 0)));
-    return std::fma(T(a.at(2, 0)), m0, fms(T(a.at(2, 2)), m2, T(a.at(2, 1)) * m1));
+    return fmadd(T(a.at(2, 0)), m0, fms(T(a.at(2, 2)), m2, T(a.at(2, 1)) * m1));
 }
 
 // ---- elimination ----
@@ -343,6 +355,23 @@ T detObject(const SO& a, T* w, int n) {
 
 // ---- inverse ----
 
+// The determinant of an adjugate inverse from row 0 and its cofactors: order 3 as det3, order 4
+// fma(a00, C00, a01*C01) + fma(a02, C02, a03*C03), orders 5 and 6 t = a00*C00, then
+// t = fma(a0j, C0j, t).
+template <int N, class T, class B>
+T detFromRow0(const B& l, const T (&c)[N][N]) {
+    if constexpr (N == 3) {
+        return det3<T>(l);
+    } else if constexpr (N == 4) {
+        return fmadd(T(l.at(0, 0)), c[0][0], T(l.at(0, 1)) * c[0][1]) +
+               fmadd(T(l.at(0, 2)), c[0][2], T(l.at(0, 3)) * c[0][3]);
+    } else {
+        T t = T(l.at(0, 0)) * c[0][0];
+        for (int j = 1; j < N; ++j) t = fmadd(T(l.at(0, j)), c[0][j], t);
+        return t;
+    }
+}
+
 // Orders 3 to 6: the adjugate. det from row 0 with the cofactors, |det| < t singular (nothing
 // written), else inverse(j, i) = C(i, j) * (1/det). The source is read whole first.
 template <int N, class T, class DO, class SO>
@@ -383,15 +412,7 @@ OmkStatus invertFixed(const DO& d, const SO& a) {
         for (int i = 0; i < N; ++i)
             for (int j = 0; j < N; ++j) c[i][j] = cofactor<N, T>(l, i, j);
     }
-    T det;
-    if constexpr (N == 3) {
-        det = det3<T>(l);
-    } else if constexpr (N == 4) {
-        det = std::fma(l.v[0][0], c[0][0], l.v[0][1] * c[0][1]) + std::fma(l.v[0][2], c[0][2], l.v[0][3] * c[0][3]);
-    } else {
-        det = l.v[0][0] * c[0][0];
-        for (int j = 1; j < N; ++j) det = std::fma(l.v[0][j], c[0][j], det);
-    }
+    const T det = detFromRow0<N, T>(l, c);
     if (std::fabs(det) < tolerance<T>(N)) return omkStsSingular;
     const T r = T(1) / det;
     for (int i = 0; i < N; ++i)
@@ -472,6 +493,206 @@ OmkStatus invertObject(const DO& d, const SO& a, T* w, int n) {
     }
 }
 
+// ---- blocks of objects side by side ----
+// Arrays whose objects have packed rows, of orders 3 and 4, run
+// W objects at once, object q of a block in lane q of every vector, through the same cofactor
+// formulas as one object: the bits are those of the per-object kernels.
+template <class T> struct LanesOf;
+template <> struct LanesOf<float> {
+    using X = Lanes8f;
+    static constexpr int W = 8;
+    static bool anyBelow(X x, float t) {
+        const __m256 a = _mm256_andnot_ps(_mm256_set1_ps(-0.0f), (__m256)x);
+        return _mm256_movemask_ps(_mm256_cmp_ps(a, _mm256_set1_ps(t), _CMP_LT_OQ)) != 0;
+    }
+};
+template <> struct LanesOf<double> {
+    using X = Lanes4d;
+    static constexpr int W = 4;
+    static bool anyBelow(X x, double t) {
+        const __m256d a = _mm256_andnot_pd(_mm256_set1_pd(-0.0), (__m256d)x);
+        return _mm256_movemask_pd(_mm256_cmp_pd(a, _mm256_set1_pd(t), _CMP_LT_OQ)) != 0;
+    }
+};
+
+template <class X, int N>
+struct LaneMatrix {
+    X v[N][N];
+    X at(int i, int j) const { return v[i][j]; }
+};
+
+// Rows of packed elements move between objects and lanes by register transposes. A row of three
+// elements is read under a mask and written as two and one, so no byte outside it is touched (a
+// masked store would do the same, but costs tens of cycles on some processors).
+inline __m128i rowMask3() { return _mm_setr_epi32(-1, -1, -1, 0); }
+template <int N> __m128 loadRow(const float* p) {
+    if constexpr (N == 4) return _mm_loadu_ps(p);
+    else return _mm_maskload_ps(p, rowMask3());
+}
+template <int N> void storeRow(float* p, __m128 v) {
+    if constexpr (N == 4) {
+        _mm_storeu_ps(p, v);
+    } else {
+        _mm_storel_pi(reinterpret_cast<__m64*>(p), v);
+        _mm_store_ss(p + 2, _mm_movehl_ps(v, v));
+    }
+}
+template <int N> __m256d loadRow(const double* p) {
+    if constexpr (N == 4) return _mm256_loadu_pd(p);
+    else return _mm256_maskload_pd(p, _mm256_setr_epi64x(-1, -1, -1, 0));
+}
+template <int N> void storeRow(double* p, __m256d v) {
+    if constexpr (N == 4) {
+        _mm256_storeu_pd(p, v);
+    } else {
+        _mm_storeu_pd(p, _mm256_castpd256_pd128(v));
+        _mm_store_sd(p + 2, _mm256_extractf128_pd(v, 1));
+    }
+}
+
+// Two 4x4 transposes, one in each 128-bit half.
+inline void transposeHalves(__m256& a, __m256& b, __m256& c, __m256& d) {
+    const __m256 t0 = _mm256_unpacklo_ps(a, b), t1 = _mm256_unpackhi_ps(a, b);
+    const __m256 t2 = _mm256_unpacklo_ps(c, d), t3 = _mm256_unpackhi_ps(c, d);
+    a = _mm256_shuffle_ps(t0, t2, 0x44);
+    b = _mm256_shuffle_ps(t0, t2, 0xEE);
+    c = _mm256_shuffle_ps(t1, t3, 0x44);
+    d = _mm256_shuffle_ps(t1, t3, 0xEE);
+}
+
+// Row i of the block's objects into v[0 .. N-1] (Load), or v into row i: objects with packed
+// rows of N <= 4 elements, object q's row i at row(q, i). Floats: objects q and q + 4 share a
+// register, one in each half.
+template <bool Load, int N, class Row>
+void rowLanes(Lanes8f (&v)[N], const Row& row, int i) {
+    __m256 a[4];
+    if constexpr (Load) {
+        for (int q = 0; q < 4; ++q)
+            a[q] = _mm256_set_m128(loadRow<N>(row(q + 4, i)), loadRow<N>(row(q, i)));
+        transposeHalves(a[0], a[1], a[2], a[3]);
+        for (int j = 0; j < N; ++j) v[j] = (Lanes8f)a[j];
+    } else {
+        for (int j = 0; j < 4; ++j) a[j] = j < N ? (__m256)v[j] : _mm256_setzero_ps();
+        transposeHalves(a[0], a[1], a[2], a[3]);
+        for (int q = 0; q < 4; ++q) {
+            storeRow<N>(row(q, i), _mm256_castps256_ps128(a[q]));
+            storeRow<N>(row(q + 4, i), _mm256_extractf128_ps(a[q], 1));
+        }
+    }
+}
+template <bool Load, int N, class Row>
+void rowLanes(Lanes4d (&v)[N], const Row& row, int i) {
+    __m256d r[4];
+    if constexpr (Load) {
+        for (int q = 0; q < 4; ++q) r[q] = loadRow<N>(row(q, i));
+        Lanes4<double>::transpose(r[0], r[1], r[2], r[3]);
+        for (int j = 0; j < N; ++j) v[j] = (Lanes4d)r[j];
+    } else {
+        for (int j = 0; j < 4; ++j) r[j] = j < N ? (__m256d)v[j] : _mm256_setzero_pd();
+        Lanes4<double>::transpose(r[0], r[1], r[2], r[3]);
+        for (int q = 0; q < 4; ++q) storeRow<N>(row(q, i), r[q]);
+    }
+}
+
+// Element (i, j) of the block's objects obj(0) ... obj(W - 1), object q in lane q.
+template <int N, class T, class Obj>
+LaneMatrix<typename LanesOf<T>::X, N> loadLanes(const Obj& obj) {
+    LaneMatrix<typename LanesOf<T>::X, N> m;
+    for (int i = 0; i < N; ++i) rowLanes<true, N>(m.v[i], [&](int q, int r) { return obj(q).row(r); }, i);
+    return m;
+}
+
+// The block's objects, copied: the stores of a block go through pointers that may alias anything,
+// and local copies of the objects (whose addresses never escape) let the compiler keep their
+// pointers in registers across them.
+template <class O, int W>
+struct Block {
+    O o[W];
+};
+template <class T, class Obj>
+auto blockOf(const Obj& obj) {
+    Block<decltype(obj(0)), LanesOf<T>::W> b;
+    for (int q = 0; q < LanesOf<T>::W; ++q) b.o[q] = obj(q);
+    return b;
+}
+
+// Runs blocks(order) with the order as a constant for the orders Lo ... Hi, else returns 0.
+template <int Lo, int Hi, class F>
+int32_t forOrder(int n, F&& blocks) {
+    if constexpr (Lo > Hi) {
+        return 0;
+    } else {
+        if (n == Lo) return blocks(std::integral_constant<int, Lo>{});
+        return forOrder<Lo + 1, Hi>(n, blocks);
+    }
+}
+
+// One block: objects first ... first + W - 1. Flattened, so that every cofactor is straight-line
+// code over registers.
+template <int N, class T, class Src>
+[[gnu::flatten]] void detBlock(const Src& src, T* out) {
+    using X = typename LanesOf<T>::X;
+    const auto a = loadLanes<N, T>(src);
+    X d;
+    if constexpr (N == 3) d = detOrder3<X>(a);
+    else d = detExpand<4, X>(a);
+    std::memcpy(out, &d, sizeof d);
+}
+
+// False, with nothing written, when the block holds a singular matrix.
+template <int N, class T, class Dst, class Src>
+[[gnu::flatten]] bool invertBlock(const Dst& dst, const Src& src) {
+    using X = typename LanesOf<T>::X;
+    const auto a = loadLanes<N, T>(src);
+    X c[N][N];
+#pragma GCC unroll 4
+    for (int i = 0; i < N; ++i)
+#pragma GCC unroll 4
+        for (int j = 0; j < N; ++j) c[i][j] = cofactor<N, X>(a, i, j);
+    const X det = detFromRow0<N, X>(a, c);
+    if (LanesOf<T>::anyBelow(det, tolerance<T>(N))) return false;
+    // Row j of every inverse: C(0 .. N-1, j) * r.
+    const X r = T(1) / det;
+    const auto out = blockOf<T>(dst);
+#pragma GCC unroll 4
+    for (int j = 0; j < N; ++j) {
+        X row[N];
+#pragma GCC unroll 4
+        for (int i = 0; i < N; ++i) row[i] = c[i][j] * r;
+        rowLanes<false, N>(row, [&](int q, int r) { return out.o[q].row(r); }, j);
+    }
+    return true;
+}
+
+// Determinants of orders 3 and 4 of the whole blocks among objects 0 ... count-1 of `src` (object
+// k is src(k)) into out[k]; returns how many objects it did.
+template <class T, class Src>
+int32_t detLanes(const Src& src, T* out, int n, int32_t count) {
+    constexpr int W = LanesOf<T>::W;
+    return forOrder<3, 4>(n, [&](auto order) {
+        int32_t k = 0;
+        for (; k + W <= count; k += W)
+            detBlock<decltype(order)::value, T>([&](int q) { return src(k + q); }, out + k);
+        return k;
+    });
+}
+
+// Inverses of orders 3 and 4 of the whole blocks among objects 0 ... count-1, each block read
+// whole before any of it is written. Stops before a block that holds a singular matrix, which the
+// per-object kernel then takes in order up to that matrix; returns how many objects it did.
+template <class T, class Dst, class Src>
+int32_t invertLanes(const Dst& dst, const Src& src, int n, int32_t count) {
+    constexpr int W = LanesOf<T>::W;
+    return forOrder<3, 4>(n, [&](auto order) {
+        int32_t k = 0;
+        for (; k + W <= count; k += W)
+            if (!invertBlock<decltype(order)::value, T>([&](int q) { return dst(k + q); },
+                                                         [&](int q) { return src(k + q); }))
+                break;
+        return k;
+    });
+}
+
 // ---- exported forms ----
 
 template <Group G, Desc Dsc, class R, class A, class B>
@@ -486,7 +707,9 @@ OmkStatus determinant(const R& result, const A& a, const B& buffer, const Dims& 
             constexpr bool P = decltype(packed)::value;
             const A as = a.from(first);
             T* out = result.from(first).obj(0);
-            for (int32_t k = 0; k < cnt; ++k) out[k] = detObject<T>(objectOf<P>(as, k), w, n);
+            int32_t k = 0;
+            if constexpr (P) k = detLanes<T>([&](int32_t q) { return objectOf<P>(as, q); }, out, n, cnt);
+            for (; k < cnt; ++k) out[k] = detObject<T>(objectOf<P>(as, k), w, n);
             return omkStsOk;
         }, a);
     });
@@ -511,7 +734,11 @@ OmkStatus inverse(const D& d, const A& a, const B& buffer, const Dims& dims) {
             constexpr bool P = decltype(packed)::value;
             const D ds = d.from(first);
             const A as = a.from(first);
-            for (int32_t k = 0; k < cnt; ++k)
+            int32_t k = 0;
+            if constexpr (P)
+                k = invertLanes<T>([&](int32_t q) { return objectOf<P>(ds, q); },
+                                   [&](int32_t q) { return objectOf<P>(as, q); }, n, cnt);
+            for (; k < cnt; ++k)
                 if (const OmkStatus st = invertObject<T>(objectOf<P>(ds, k), objectOf<P>(as, k), w, n)) return st;
             return omkStsOk;
         }, d, a);
