@@ -1063,7 +1063,7 @@ DET_INV_NOTE = """\
  * omkStsSingular. Invert: orders 3 to 6 by the adjugate (cofactors from the same expansions; det
  * from row 0, 5 and 6 as t = a00*C00 then t = fma(a0j, C0j, t)), omkStsSingular when |det| < t,
  * nothing written then, the source read whole first (in place allowed: pDst may be pSrc with the
- * same strides; arrays of orders 3 and 4 run up to 8 objects side by side, each group read whole
+ * same strides; arrays of orders 3 to 6 run up to 8 objects side by side, each group read whole
  * before it is written, so pDst must not overlap another object of pSrc). Order 1: singular when
  * |a| <= 2*m. Order 2 and orders 7 and more: elimination in pBuffer, then each element from its
  * minor's determinant; pDst must not overlap pSrc there. Invert_m4: |det| < 2^-119 is singular

@@ -372,11 +372,25 @@ T detFromRow0(const B& l, const T (&c)[N][N]) {
     }
 }
 
+template <int N, class T, class Dst, class Src>
+bool invertBlock(const Dst& dst, const Src& src);
+
 // Orders 3 to 6: the adjugate. det from row 0 with the cofactors, |det| < t singular (nothing
 // written), else inverse(j, i) = C(i, j) * (1/det). The source is read whole first.
 template <int N, class T, class DO, class SO>
 OmkStatus invertFixed(const DO& d, const SO& a) {
     const Local<T, N> l = loadLocal<N, T>(a);
+    if constexpr (N >= 5) {
+        // The block kernel with the one matrix in every lane: its flattened code computes each
+        // smaller determinant that the expansions share once.
+        Local<T, N> inv;
+        const StridedObject<const T, true> src{&l.v[0][0], ptrdiff_t(N * sizeof(T)), ptrdiff_t(sizeof(T))};
+        const StridedObject<T, true> dst{&inv.v[0][0], ptrdiff_t(N * sizeof(T)), ptrdiff_t(sizeof(T))};
+        if (!invertBlock<N, T>([&](int) { return dst; }, [&](int) { return src; })) return omkStsSingular;
+        for (int i = 0; i < N; ++i)
+            for (int j = 0; j < N; ++j) d.at(i, j) = inv.v[i][j];
+        return omkStsOk;
+    }
     if constexpr (N == 4) {
         auto scale = [](T det, T& r) {
             if (std::fabs(det) < tolerance<T>(4)) return false;
@@ -494,7 +508,7 @@ OmkStatus invertObject(const DO& d, const SO& a, T* w, int n) {
 }
 
 // ---- blocks of objects side by side ----
-// Arrays whose objects have packed rows, of orders 3 and 4, run
+// Arrays whose objects have packed rows, of orders 3 to 6 (inverse) and 3 and 4 (determinant), run
 // W objects at once, object q of a block in lane q of every vector, through the same cofactor
 // formulas as one object: the bits are those of the per-object kernels.
 template <class T> struct LanesOf;
@@ -521,32 +535,38 @@ struct LaneMatrix {
     X at(int i, int j) const { return v[i][j]; }
 };
 
-// Rows of packed elements move between objects and lanes by register transposes. A row of three
-// elements is read under a mask and written as two and one, so no byte outside it is touched (a
-// masked store would do the same, but costs tens of cycles on some processors).
-inline __m128i rowMask3() { return _mm_setr_epi32(-1, -1, -1, 0); }
-template <int N> __m128 loadRow(const float* p) {
-    if constexpr (N == 4) return _mm_loadu_ps(p);
-    else return _mm_maskload_ps(p, rowMask3());
+// Rows of packed elements move between objects and lanes by register transposes, in runs of up to
+// four elements. A run is read under a mask or in whole words and written in whole words, so no
+// byte outside it is touched (a masked store would do the same, but costs tens of cycles on some
+// processors). Lanes past a run's end are never used.
+template <int M> __m128 loadRun(const float* p) {
+    if constexpr (M == 4) return _mm_loadu_ps(p);
+    else if constexpr (M == 3) return _mm_maskload_ps(p, _mm_setr_epi32(-1, -1, -1, 0));
+    else if constexpr (M == 2) return _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(p)));
+    else return _mm_load_ss(p);
 }
-template <int N> void storeRow(float* p, __m128 v) {
-    if constexpr (N == 4) {
+template <int M> void storeRun(float* p, __m128 v) {
+    if constexpr (M == 4) {
         _mm_storeu_ps(p, v);
     } else {
-        _mm_storel_pi(reinterpret_cast<__m64*>(p), v);
-        _mm_store_ss(p + 2, _mm_movehl_ps(v, v));
+        if constexpr (M >= 2) _mm_storel_pi(reinterpret_cast<__m64*>(p), v);
+        if constexpr (M == 3) _mm_store_ss(p + 2, _mm_movehl_ps(v, v));
+        if constexpr (M == 1) _mm_store_ss(p, v);
     }
 }
-template <int N> __m256d loadRow(const double* p) {
-    if constexpr (N == 4) return _mm256_loadu_pd(p);
-    else return _mm256_maskload_pd(p, _mm256_setr_epi64x(-1, -1, -1, 0));
+template <int M> __m256d loadRun(const double* p) {
+    if constexpr (M == 4) return _mm256_loadu_pd(p);
+    else if constexpr (M == 3) return _mm256_maskload_pd(p, _mm256_setr_epi64x(-1, -1, -1, 0));
+    else if constexpr (M == 2) return _mm256_castpd128_pd256(_mm_loadu_pd(p));
+    else return _mm256_castpd128_pd256(_mm_load_sd(p));
 }
-template <int N> void storeRow(double* p, __m256d v) {
-    if constexpr (N == 4) {
+template <int M> void storeRun(double* p, __m256d v) {
+    if constexpr (M == 4) {
         _mm256_storeu_pd(p, v);
     } else {
-        _mm_storeu_pd(p, _mm256_castpd256_pd128(v));
-        _mm_store_sd(p + 2, _mm256_extractf128_pd(v, 1));
+        if constexpr (M >= 2) _mm_storeu_pd(p, _mm256_castpd256_pd128(v));
+        if constexpr (M == 3) _mm_store_sd(p + 2, _mm256_extractf128_pd(v, 1));
+        if constexpr (M == 1) _mm_store_sd(p, _mm256_castpd256_pd128(v));
     }
 }
 
@@ -560,38 +580,44 @@ inline void transposeHalves(__m256& a, __m256& b, __m256& c, __m256& d) {
     d = _mm256_shuffle_ps(t1, t3, 0xEE);
 }
 
-// Row i of the block's objects into v[0 .. N-1] (Load), or v into row i: objects with packed
-// rows of N <= 4 elements, object q's row i at row(q, i). Floats: objects q and q + 4 share a
-// register, one in each half.
-template <bool Load, int N, class Row>
-void rowLanes(Lanes8f (&v)[N], const Row& row, int i) {
+// Columns J0 ... J0 + M - 1 of row i of the block's objects into v[J0 ...] (Load), or back: object
+// q's row i at row(q, i). Floats: objects q and q + 4 share a register, one in each half.
+template <bool Load, int J0, int M, class Row>
+void runLanes(Lanes8f* v, const Row& row, int i) {
     __m256 a[4];
     if constexpr (Load) {
         for (int q = 0; q < 4; ++q)
-            a[q] = _mm256_set_m128(loadRow<N>(row(q + 4, i)), loadRow<N>(row(q, i)));
+            a[q] = _mm256_set_m128(loadRun<M>(row(q + 4, i) + J0), loadRun<M>(row(q, i) + J0));
         transposeHalves(a[0], a[1], a[2], a[3]);
-        for (int j = 0; j < N; ++j) v[j] = (Lanes8f)a[j];
+        for (int j = 0; j < M; ++j) v[J0 + j] = (Lanes8f)a[j];
     } else {
-        for (int j = 0; j < 4; ++j) a[j] = j < N ? (__m256)v[j] : _mm256_setzero_ps();
+        for (int j = 0; j < 4; ++j) a[j] = j < M ? (__m256)v[J0 + j] : _mm256_setzero_ps();
         transposeHalves(a[0], a[1], a[2], a[3]);
         for (int q = 0; q < 4; ++q) {
-            storeRow<N>(row(q, i), _mm256_castps256_ps128(a[q]));
-            storeRow<N>(row(q + 4, i), _mm256_extractf128_ps(a[q], 1));
+            storeRun<M>(row(q, i) + J0, _mm256_castps256_ps128(a[q]));
+            storeRun<M>(row(q + 4, i) + J0, _mm256_extractf128_ps(a[q], 1));
         }
     }
 }
-template <bool Load, int N, class Row>
-void rowLanes(Lanes4d (&v)[N], const Row& row, int i) {
+template <bool Load, int J0, int M, class Row>
+void runLanes(Lanes4d* v, const Row& row, int i) {
     __m256d r[4];
     if constexpr (Load) {
-        for (int q = 0; q < 4; ++q) r[q] = loadRow<N>(row(q, i));
+        for (int q = 0; q < 4; ++q) r[q] = loadRun<M>(row(q, i) + J0);
         Lanes4<double>::transpose(r[0], r[1], r[2], r[3]);
-        for (int j = 0; j < N; ++j) v[j] = (Lanes4d)r[j];
+        for (int j = 0; j < M; ++j) v[J0 + j] = (Lanes4d)r[j];
     } else {
-        for (int j = 0; j < 4; ++j) r[j] = j < N ? (__m256d)v[j] : _mm256_setzero_pd();
+        for (int j = 0; j < 4; ++j) r[j] = j < M ? (__m256d)v[J0 + j] : _mm256_setzero_pd();
         Lanes4<double>::transpose(r[0], r[1], r[2], r[3]);
-        for (int q = 0; q < 4; ++q) storeRow<N>(row(q, i), r[q]);
+        for (int q = 0; q < 4; ++q) storeRun<M>(row(q, i) + J0, r[q]);
     }
+}
+
+// Row i of the block's objects (N <= 8 packed elements) into v[0 ... N-1] (Load), or v into it.
+template <bool Load, int N, class X, class Row>
+void rowLanes(X (&v)[N], const Row& row, int i) {
+    runLanes<Load, 0, (N < 4 ? N : 4)>(v, row, i);
+    if constexpr (N > 4) runLanes<Load, 4, N - 4>(v, row, i);
 }
 
 // Element (i, j) of the block's objects obj(0) ... obj(W - 1), object q in lane q.
@@ -639,25 +665,27 @@ template <int N, class T, class Src>
     std::memcpy(out, &d, sizeof d);
 }
 
-// False, with nothing written, when the block holds a singular matrix.
+// False, with nothing written, when the block holds a singular matrix. Flattened, with the
+// cofactor loops unrolled, so that the compiler computes each smaller determinant the expansions
+// share once: order 6 costs some hundreds of operations per block instead of thousands.
 template <int N, class T, class Dst, class Src>
 [[gnu::flatten]] bool invertBlock(const Dst& dst, const Src& src) {
     using X = typename LanesOf<T>::X;
     const auto a = loadLanes<N, T>(src);
     X c[N][N];
-#pragma GCC unroll 4
+#pragma GCC unroll 6
     for (int i = 0; i < N; ++i)
-#pragma GCC unroll 4
+#pragma GCC unroll 6
         for (int j = 0; j < N; ++j) c[i][j] = cofactor<N, X>(a, i, j);
     const X det = detFromRow0<N, X>(a, c);
     if (LanesOf<T>::anyBelow(det, tolerance<T>(N))) return false;
     // Row j of every inverse: C(0 .. N-1, j) * r.
     const X r = T(1) / det;
     const auto out = blockOf<T>(dst);
-#pragma GCC unroll 4
+#pragma GCC unroll 6
     for (int j = 0; j < N; ++j) {
         X row[N];
-#pragma GCC unroll 4
+#pragma GCC unroll 6
         for (int i = 0; i < N; ++i) row[i] = c[i][j] * r;
         rowLanes<false, N>(row, [&](int q, int r) { return out.o[q].row(r); }, j);
     }
@@ -677,13 +705,13 @@ int32_t detLanes(const Src& src, T* out, int n, int32_t count) {
     });
 }
 
-// Inverses of orders 3 and 4 of the whole blocks among objects 0 ... count-1, each block read
+// Inverses of orders 3 to 6 of the whole blocks among objects 0 ... count-1, each block read
 // whole before any of it is written. Stops before a block that holds a singular matrix, which the
 // per-object kernel then takes in order up to that matrix; returns how many objects it did.
 template <class T, class Dst, class Src>
 int32_t invertLanes(const Dst& dst, const Src& src, int n, int32_t count) {
     constexpr int W = LanesOf<T>::W;
-    return forOrder<3, 4>(n, [&](auto order) {
+    return forOrder<3, 6>(n, [&](auto order) {
         int32_t k = 0;
         for (; k + W <= count; k += W)
             if (!invertBlock<decltype(order)::value, T>([&](int q) { return dst(k + q); },
