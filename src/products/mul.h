@@ -213,12 +213,11 @@ void productSerial(const D& d, const A& a, const B& b, const Shape<G>& s, int32_
     }
 }
 
-// One exported product: checks (null, count, size, size agreement, stride, ROI shift), the kernel
-// path, then the serial kernel or the parallel driver.
+// The kernel path of a product whose arguments have passed their checks, then the serial kernel
+// or the parallel driver. Kept out of line, so that the exported function's own frame stays that
+// of the checks and the single-object kernel below.
 template <Group G, Desc Dsc, class D, class A, class B>
-OmkStatus product(const D& d, const A& a, const B& b, const Sizes& sizes) {
-    const Shape<G> s{sizes};
-    if (const OmkStatus st = firstFailure(kAgreementOrder, s, a, b, d)) return st;
+[[gnu::noinline]] OmkStatus productChecked(const D& d, const A& a, const B& b, const Shape<G>& s) {
     using T = std::remove_const_t<typename D::Elem>;
     constexpr bool orRule = kOrRule<G, Dsc, T>;
 
@@ -236,29 +235,37 @@ OmkStatus product(const D& d, const A& a, const B& b, const Sizes& sizes) {
     if constexpr (Dsc == Desc::P) {
         return onPath(std::integral_constant<Path, Path::Pointer>{});
     } else {
-        if constexpr (Shape<G>::kInfo.arrays == Arrays::None && B::kMatrix) {
-            // A single square product of order 3 to 6 whose operands all have packed rows goes
-            // straight to its kernel: the per-call cost matters most here.
-            constexpr ptrdiff_t e = sizeof(T);
-            const int n = straightLineOrder<G, orRule>(s);
-            if (n != 0 && a.contiguous() && b.contiguous() && d.contiguous() && a.colStep() == e &&
-                b.colStep() == e && d.colStep() == e) {
-                const auto dk = d.obj(0);
-                const auto ak = a.obj(0);
-                const auto bk = b.obj(0);
-                switch (n) {
-                case 3: packedRowObject<3, false>(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep); break;
-                case 4: packedRowObject<4, false>(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep); break;
-                case 5: packedRowObject<5, false>(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep); break;
-                default: packedRowObject<6, false>(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep); break;
-                }
-                return omkStsOk;
-            }
-        }
-        if (elementsContiguous(a, b, d))
-            return onPath(std::integral_constant<Path, Path::Contiguous>{});
+        if (elementsContiguous(a, b, d)) return onPath(std::integral_constant<Path, Path::Contiguous>{});
         return onPath(std::integral_constant<Path, Path::Strided>{});
     }
+}
+
+// One exported product: checks (null, count, size, size agreement, stride, ROI shift), then a
+// single square product of order 3 to 6 whose operands all have packed rows straight to its
+// kernel (the per-call cost matters most there), everything else through productChecked.
+template <Group G, Desc Dsc, class D, class A, class B>
+[[gnu::always_inline]] inline OmkStatus product(const D& d, const A& a, const B& b, const Sizes& sizes) {
+    const Shape<G> s{sizes};
+    if (const OmkStatus st = firstFailure(kAgreementOrder, s, a, b, d)) return st;
+    if constexpr (Dsc != Desc::P && Shape<G>::kInfo.arrays == Arrays::None && B::kMatrix) {
+        using T = std::remove_const_t<typename D::Elem>;
+        constexpr ptrdiff_t e = sizeof(T);
+        const int n = straightLineOrder<G, kOrRule<G, Dsc, T>>(s);
+        if (n != 0 && a.contiguous() && b.contiguous() && d.contiguous() && a.colStep() == e && b.colStep() == e &&
+            d.colStep() == e) {
+            const auto dk = d.obj(0);
+            const auto ak = a.obj(0);
+            const auto bk = b.obj(0);
+            switch (n) {
+            case 3: packedRowObject<3, false>(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep); break;
+            case 4: packedRowObject<4, false>(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep); break;
+            case 5: packedRowObject<5, false>(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep); break;
+            default: packedRowObject<6, false>(dk.p, dk.rowStep, ak.p, ak.rowStep, bk.p, bk.rowStep); break;
+            }
+            return omkStsOk;
+        }
+    }
+    return productChecked<G, Dsc>(d, a, b, s);
 }
 
 // omkmMul_mm4x4_32f: 16 contiguous row-major floats per matrix; only null pointers are checked.

@@ -359,7 +359,7 @@ T detObject(const SO& a, T* w, int n) {
 // fma(a00, C00, a01*C01) + fma(a02, C02, a03*C03), orders 5 and 6 t = a00*C00, then
 // t = fma(a0j, C0j, t).
 template <int N, class T, class B>
-T detFromRow0(const B& l, const T (&c)[N][N]) {
+[[gnu::always_inline]] inline T detFromRow0(const B& l, const T (&c)[N][N]) {
     if constexpr (N == 3) {
         return det3<T>(l);
     } else if constexpr (N == 4) {
@@ -390,8 +390,7 @@ OmkStatus invertFixed(const DO& d, const SO& a) {
         for (int i = 0; i < N; ++i)
             for (int j = 0; j < N; ++j) d.at(i, j) = inv.v[i][j];
         return omkStsOk;
-    }
-    if constexpr (N == 4) {
+    } else if constexpr (N == 4) {
         auto scale = [](T det, T& r) {
             if (std::fabs(det) < tolerance<T>(4)) return false;
             r = T(1) / det;
@@ -411,27 +410,26 @@ OmkStatus invertFixed(const DO& d, const SO& a) {
         for (int i = 0; i < 4; ++i)
             for (int j = 0; j < 4; ++j) d.at(i, j) = inv[i * 4 + j];
         return omkStsOk;
-    }
-    T c[N][N];
-    if constexpr (N == 3) {
-        // The nine 2x2 minors written out (rows r0 < r1 and columns c0 < c1 of the minor, the
-        // same fused expression as det2), so that a single 3x3 call is straight-line code.
+    } else {
+        // Order 3: the nine 2x2 minors written out (rows r0 < r1 and columns c0 < c1 of the
+        // minor, the same fused expression as det2), so that a single 3x3 call is straight-line
+        // code.
+        // det3 along row 0 from the same minors: fma(a02, M01, fms(a00, M12, a01*M02)).
+        T c[3][3];
         const auto m = [&](int r0, int r1, int c0, int c1) {
             return fms(l.v[r0][c0], l.v[r1][c1], l.v[r0][c1] * l.v[r1][c0]);
         };
-        c[0][0] = m(1, 2, 1, 2), c[0][1] = negateExactly(m(1, 2, 0, 2)), c[0][2] = m(1, 2, 0, 1);
+        const T m02 = m(1, 2, 0, 2);
+        c[0][0] = m(1, 2, 1, 2), c[0][1] = negateExactly(m02), c[0][2] = m(1, 2, 0, 1);
         c[1][0] = negateExactly(m(0, 2, 1, 2)), c[1][1] = m(0, 2, 0, 2), c[1][2] = negateExactly(m(0, 2, 0, 1));
         c[2][0] = m(0, 1, 1, 2), c[2][1] = negateExactly(m(0, 1, 0, 2)), c[2][2] = m(0, 1, 0, 1);
-    } else {
-        for (int i = 0; i < N; ++i)
-            for (int j = 0; j < N; ++j) c[i][j] = cofactor<N, T>(l, i, j);
+        const T det = fmadd(l.v[0][2], c[0][2], fms(l.v[0][0], c[0][0], l.v[0][1] * m02));
+        if (std::fabs(det) < tolerance<T>(3)) return omkStsSingular;
+        const T r = T(1) / det;
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 3; ++j) d.at(j, i) = c[i][j] * r;
+        return omkStsOk;
     }
-    const T det = detFromRow0<N, T>(l, c);
-    if (std::fabs(det) < tolerance<T>(N)) return omkStsSingular;
-    const T r = T(1) / det;
-    for (int i = 0; i < N; ++i)
-        for (int j = 0; j < N; ++j) d.at(j, i) = c[i][j] * r;
-    return omkStsOk;
 }
 
 // Order 2 and orders 7 and more, in the buffer: the first elimination (multipliers by the
@@ -743,16 +741,12 @@ OmkStatus determinant(const R& result, const A& a, const B& buffer, const Dims& 
     });
 }
 
+// Every inverse but a single one with packed rows, after the checks. Kept out of line, so that the
+// exported function's own frame stays that of the checks and the single-object kernels.
 template <Group G, Desc Dsc, class D, class A, class B>
-OmkStatus inverse(const D& d, const A& a, const B& buffer, const Dims& dims) {
-    if (const OmkStatus st = firstFailure(kDefaultOrder, dims, a, buffer, d)) return st;
+[[gnu::noinline]] OmkStatus inverseChecked(const D& d, const A& a, const B& buffer, const Dims& dims) {
     using T = std::remove_const_t<typename D::Elem>;
     const int n = dims.width;
-    if constexpr (G == Group::m && D::kLayout == Layout::Strided && A::kLayout == Layout::Strided) {
-        // One matrix with packed columns goes straight to its kernel, without the array path's
-        // slices and lambdas: a single small inverse costs its arithmetic and the checks.
-        if (unitColumns(d) && unitColumns(a)) return invertObject<T>(unitCols(d.obj(0)), unitCols(a.obj(0)), buffer.obj(0), n);
-    }
     const bool packed = elementsContiguous(a, d);
     const bool parallel =
         G == Group::ma && (Wrap32(2) * n * dims.count).value() > (packed ? kInvertPackedLimit : kInvertLimit);
@@ -771,6 +765,25 @@ OmkStatus inverse(const D& d, const A& a, const B& buffer, const Dims& dims) {
             return omkStsOk;
         }, d, a);
     });
+}
+
+// One exported inverse: the checks, then one matrix with packed columns straight to its kernel
+// (orders 3 and 4 inline: a single small inverse costs its arithmetic and the checks), everything
+// else through inverseChecked.
+template <Group G, Desc Dsc, class D, class A, class B>
+[[gnu::always_inline]] inline OmkStatus inverse(const D& d, const A& a, const B& buffer, const Dims& dims) {
+    if (const OmkStatus st = firstFailure(kDefaultOrder, dims, a, buffer, d)) return st;
+    using T = std::remove_const_t<typename D::Elem>;
+    if constexpr (G == Group::m && D::kLayout == Layout::Strided && A::kLayout == Layout::Strided) {
+        if (unitColumns(d) && unitColumns(a)) {
+            const auto dk = unitCols(d.obj(0));
+            const auto ak = unitCols(a.obj(0));
+            if (dims.width == 3) return invertFixed<3, T>(dk, ak);
+            if (dims.width == 4) return invertFixed<4, T>(dk, ak);
+            return invertObject<T>(dk, ak, buffer.obj(0), dims.width);
+        }
+    }
+    return inverseChecked<G, Dsc>(d, a, buffer, dims);
 }
 
 // ---- the fixed 4x4 float forms ----
