@@ -14,6 +14,11 @@
 //   BM_stream_Mul_limit_32f/4x4/C/threads:T     c[i] = a[i] + b[i] over the 4x4 f32 arrays: two
 //                                                64-byte reads and one 64-byte write per object, the
 //                                                memory (or cache) limit of that product on T threads
+//   BM_fmaBound_Mul_64f/6x6                     54 four-lane fused multiply-adds, the fewest AVX2
+//                                                instructions one 6x6 double product's 216
+//                                                multiply-adds take, in 12 independent chains: the
+//                                                arithmetic limit of that product in this build,
+//                                                time_per_obj per 54 instructions
 //
 // for <T> = 32f, 64f, N = 3, 4, 6 and C = 1000 objects (three operands of 27 KB to 864 KB, cache
 // resident) and 1000000 (far beyond the last-level cache). Every case of one (type, N, C) reads the same arrays
@@ -27,6 +32,7 @@
 // the product computed in double precision (the STREAM row must give a + b exactly). A row that
 // fails is reported as an error and not timed.
 #include <benchmark/benchmark.h>
+#include <immintrin.h>
 #include <omp.h>
 
 #include <algorithm>
@@ -299,6 +305,24 @@ void BM_streamLimit(benchmark::State& state, const std::string& row, int count, 
     finish(state, count, 16 * sizeof(float), threads);
 }
 
+// 108 four-lane fused multiply-adds (two products' worth) per iteration in 12 independent chains,
+// more than the FMA units' latency times their throughput, so that throughput alone limits them;
+// the chains and their two factors stay in registers.
+void BM_fmaBound(benchmark::State& state) {
+    __m256d acc[12];
+    for (int i = 0; i < 12; ++i) acc[i] = _mm256_set1_pd(i);
+    const __m256d x = _mm256_set1_pd(1.0000001), y = _mm256_set1_pd(0.9999999);
+    for (auto _ : state) {
+        for (int k = 0; k < 9; ++k)
+            for (int i = 0; i < 12; ++i) acc[i] = _mm256_fmadd_pd(x, y, acc[i]);
+        for (int i = 0; i < 12; ++i) asm volatile("" : "+x"(acc[i]));
+    }
+    double sink = 0;
+    for (int i = 0; i < 12; ++i) sink += _mm256_cvtsd_f64(acc[i]);
+    benchmark::DoNotOptimize(sink);
+    finishTraffic(state, 2, 0, 1);
+}
+
 // ---- registration ----
 
 template <class T>
@@ -351,6 +375,7 @@ bool registerAll() {
     addShape<double, 4>("64f");
     addShape<double, 6>("64f");
     row<float>("BM_omkm_Mul_mm_32f/4x4/1", 4, 1, omkmMmSingle, -1);
+    benchmark::RegisterBenchmark("BM_fmaBound_Mul_64f/6x6", BM_fmaBound)->UseRealTime()->Unit(benchmark::kNanosecond);
     return true;
 }
 
