@@ -40,13 +40,13 @@ T tolerance(int n) {
 // Blocks of objects side by side, one object per lane: GCC vector types, whose *, / and unary -
 // are the lane-wise IEEE operations. The cofactor formulas below are written once over their
 // element type, so in every lane of a block they give the bits they give for one object.
-typedef float Lanes8f __attribute__((vector_size(32)));
-typedef double Lanes4d __attribute__((vector_size(32)));
+typedef float Block8f __attribute__((vector_size(32)));
+typedef double Block4d __attribute__((vector_size(32)));
 
 inline float fmadd(float x, float y, float z) { return std::fma(x, y, z); }
 inline double fmadd(double x, double y, double z) { return std::fma(x, y, z); }
-inline Lanes8f fmadd(Lanes8f x, Lanes8f y, Lanes8f z) { return (Lanes8f)_mm256_fmadd_ps((__m256)x, (__m256)y, (__m256)z); }
-inline Lanes4d fmadd(Lanes4d x, Lanes4d y, Lanes4d z) { return (Lanes4d)_mm256_fmadd_pd((__m256d)x, (__m256d)y, (__m256d)z); }
+inline Block8f fmadd(Block8f x, Block8f y, Block8f z) { return (Block8f)_mm256_fmadd_ps((__m256)x, (__m256)y, (__m256)z); }
+inline Block4d fmadd(Block4d x, Block4d y, Block4d z) { return (Block4d)_mm256_fmadd_pd((__m256d)x, (__m256d)y, (__m256d)z); }
 template <class T> T fms(T x, T y, T z) { return fmadd(x, y, -z); }
 
 // ---- cofactor expansions ----
@@ -509,17 +509,17 @@ OmkStatus invertObject(const DO& d, const SO& a, T* w, int n) {
 // Arrays whose objects have packed rows, of orders 3 to 6 (inverse) and 3 and 4 (determinant), run
 // W objects at once, object q of a block in lane q of every vector, through the same cofactor
 // formulas as one object: the bits are those of the per-object kernels.
-template <class T> struct LanesOf;
-template <> struct LanesOf<float> {
-    using X = Lanes8f;
+template <class T> struct BlockLanes;
+template <> struct BlockLanes<float> {
+    using X = Block8f;
     static constexpr int W = 8;
     static bool anyBelow(X x, float t) {
         const __m256 a = _mm256_andnot_ps(_mm256_set1_ps(-0.0f), (__m256)x);
         return _mm256_movemask_ps(_mm256_cmp_ps(a, _mm256_set1_ps(t), _CMP_LT_OQ)) != 0;
     }
 };
-template <> struct LanesOf<double> {
-    using X = Lanes4d;
+template <> struct BlockLanes<double> {
+    using X = Block4d;
     static constexpr int W = 4;
     static bool anyBelow(X x, double t) {
         const __m256d a = _mm256_andnot_pd(_mm256_set1_pd(-0.0), (__m256d)x);
@@ -581,13 +581,13 @@ inline void transposeHalves(__m256& a, __m256& b, __m256& c, __m256& d) {
 // Columns J0 ... J0 + M - 1 of row i of the block's objects into v[J0 ...] (Load), or back: object
 // q's row i at row(q, i). Floats: objects q and q + 4 share a register, one in each half.
 template <bool Load, int J0, int M, class Row>
-void runLanes(Lanes8f* v, const Row& row, int i) {
+void runLanes(Block8f* v, const Row& row, int i) {
     __m256 a[4];
     if constexpr (Load) {
         for (int q = 0; q < 4; ++q)
             a[q] = _mm256_set_m128(loadRun<M>(row(q + 4, i) + J0), loadRun<M>(row(q, i) + J0));
         transposeHalves(a[0], a[1], a[2], a[3]);
-        for (int j = 0; j < M; ++j) v[J0 + j] = (Lanes8f)a[j];
+        for (int j = 0; j < M; ++j) v[J0 + j] = (Block8f)a[j];
     } else {
         for (int j = 0; j < 4; ++j) a[j] = j < M ? (__m256)v[J0 + j] : _mm256_setzero_ps();
         transposeHalves(a[0], a[1], a[2], a[3]);
@@ -598,12 +598,12 @@ void runLanes(Lanes8f* v, const Row& row, int i) {
     }
 }
 template <bool Load, int J0, int M, class Row>
-void runLanes(Lanes4d* v, const Row& row, int i) {
+void runLanes(Block4d* v, const Row& row, int i) {
     __m256d r[4];
     if constexpr (Load) {
         for (int q = 0; q < 4; ++q) r[q] = loadRun<M>(row(q, i) + J0);
         Lanes4<double>::transpose(r[0], r[1], r[2], r[3]);
-        for (int j = 0; j < M; ++j) v[J0 + j] = (Lanes4d)r[j];
+        for (int j = 0; j < M; ++j) v[J0 + j] = (Block4d)r[j];
     } else {
         for (int j = 0; j < 4; ++j) r[j] = j < M ? (__m256d)v[J0 + j] : _mm256_setzero_pd();
         Lanes4<double>::transpose(r[0], r[1], r[2], r[3]);
@@ -620,8 +620,8 @@ void rowLanes(X (&v)[N], const Row& row, int i) {
 
 // Element (i, j) of the block's objects obj(0) ... obj(W - 1), object q in lane q.
 template <int N, class T, class Obj>
-LaneMatrix<typename LanesOf<T>::X, N> loadLanes(const Obj& obj) {
-    LaneMatrix<typename LanesOf<T>::X, N> m;
+LaneMatrix<typename BlockLanes<T>::X, N> loadLanes(const Obj& obj) {
+    LaneMatrix<typename BlockLanes<T>::X, N> m;
     for (int i = 0; i < N; ++i) rowLanes<true, N>(m.v[i], [&](int q, int r) { return obj(q).row(r); }, i);
     return m;
 }
@@ -630,13 +630,13 @@ LaneMatrix<typename LanesOf<T>::X, N> loadLanes(const Obj& obj) {
 // and local copies of the objects (whose addresses never escape) let the compiler keep their
 // pointers in registers across them.
 template <class O, int W>
-struct Block {
+struct BlockObjects {
     O o[W];
 };
 template <class T, class Obj>
-auto blockOf(const Obj& obj) {
-    Block<decltype(obj(0)), LanesOf<T>::W> b;
-    for (int q = 0; q < LanesOf<T>::W; ++q) b.o[q] = obj(q);
+auto copyObjects(const Obj& obj) {
+    BlockObjects<decltype(obj(0)), BlockLanes<T>::W> b;
+    for (int q = 0; q < BlockLanes<T>::W; ++q) b.o[q] = obj(q);
     return b;
 }
 
@@ -655,7 +655,7 @@ int32_t forOrder(int n, F&& blocks) {
 // code over registers.
 template <int N, class T, class Src>
 [[gnu::flatten]] void detBlock(const Src& src, T* out) {
-    using X = typename LanesOf<T>::X;
+    using X = typename BlockLanes<T>::X;
     const auto a = loadLanes<N, T>(src);
     X d;
     if constexpr (N == 3) d = detOrder3<X>(a);
@@ -668,7 +668,7 @@ template <int N, class T, class Src>
 // share once: order 6 costs some hundreds of operations per block instead of thousands.
 template <int N, class T, class Dst, class Src>
 [[gnu::flatten]] bool invertBlock(const Dst& dst, const Src& src) {
-    using X = typename LanesOf<T>::X;
+    using X = typename BlockLanes<T>::X;
     const auto a = loadLanes<N, T>(src);
     X c[N][N];
 #pragma GCC unroll 6
@@ -676,10 +676,10 @@ template <int N, class T, class Dst, class Src>
 #pragma GCC unroll 6
         for (int j = 0; j < N; ++j) c[i][j] = cofactor<N, X>(a, i, j);
     const X det = detFromRow0<N, X>(a, c);
-    if (LanesOf<T>::anyBelow(det, tolerance<T>(N))) return false;
+    if (BlockLanes<T>::anyBelow(det, tolerance<T>(N))) return false;
     // Row j of every inverse: C(0 .. N-1, j) * r.
     const X r = T(1) / det;
-    const auto out = blockOf<T>(dst);
+    const auto out = copyObjects<T>(dst);
 #pragma GCC unroll 6
     for (int j = 0; j < N; ++j) {
         X row[N];
@@ -694,7 +694,7 @@ template <int N, class T, class Dst, class Src>
 // k is src(k)) into out[k]; returns how many objects it did.
 template <class T, class Src>
 int32_t detLanes(const Src& src, T* out, int n, int32_t count) {
-    constexpr int W = LanesOf<T>::W;
+    constexpr int W = BlockLanes<T>::W;
     return forOrder<3, 4>(n, [&](auto order) {
         int32_t k = 0;
         for (; k + W <= count; k += W)
@@ -708,7 +708,7 @@ int32_t detLanes(const Src& src, T* out, int n, int32_t count) {
 // per-object kernel then takes in order up to that matrix; returns how many objects it did.
 template <class T, class Dst, class Src>
 int32_t invertLanes(const Dst& dst, const Src& src, int n, int32_t count) {
-    constexpr int W = LanesOf<T>::W;
+    constexpr int W = BlockLanes<T>::W;
     return forOrder<3, 6>(n, [&](auto order) {
         int32_t k = 0;
         for (; k + W <= count; k += W)
