@@ -15,6 +15,7 @@
 
 #include "frame/checks.h"
 #include "frame/operand_views.h"
+#include "frame/register_transpose.h"
 #include "omkcore.h"
 #include "omkm.h"
 
@@ -54,25 +55,6 @@ inline void put(T* p, T v) {
     }
 }
 
-// An 8x8 block of floats through registers: rows r[0..7] in, columns out.
-inline void transpose8(__m256 r[8]) {
-    __m256 t[8], u[8];
-    for (int q = 0; q < 8; q += 2) {
-        t[q] = _mm256_unpacklo_ps(r[q], r[q + 1]);
-        t[q + 1] = _mm256_unpackhi_ps(r[q], r[q + 1]);
-    }
-    for (int q = 0; q < 8; q += 4) {
-        u[q] = _mm256_shuffle_ps(t[q], t[q + 2], 0x44);
-        u[q + 1] = _mm256_shuffle_ps(t[q], t[q + 2], 0xEE);
-        u[q + 2] = _mm256_shuffle_ps(t[q + 1], t[q + 3], 0x44);
-        u[q + 3] = _mm256_shuffle_ps(t[q + 1], t[q + 3], 0xEE);
-    }
-    for (int q = 0; q < 4; ++q) {
-        r[q] = _mm256_permute2f128_ps(u[q], u[q + 4], 0x20);
-        r[q + 4] = _mm256_permute2f128_ps(u[q], u[q + 4], 0x31);
-    }
-}
-
 // One band of source rows [r0, r1) of a packed-row matrix into destination columns [r0, r1):
 // 32-bit elements in 8x8 blocks through registers, the edges (and 64-bit elements) one by one.
 // NT writes with non-temporal stores: whole aligned 32-byte block rows with vmovntps, everything
@@ -86,7 +68,7 @@ void band(const StridedObject<const T>& s, const StridedObject<T>& d, int32_t r0
             for (; i + 8 <= r1; i += 8) {
                 __m256 r[8];
                 for (int q = 0; q < 8; ++q) r[q] = _mm256_loadu_ps(reinterpret_cast<const float*>(s.row(i + q) + j));
-                transpose8(r);
+                transpose8x8(r);
                 for (int q = 0; q < 8; ++q) {
                     float* out = reinterpret_cast<float*>(d.row(j + q) + i);
                     if (NT && reinterpret_cast<uintptr_t>(out) % 32 == 0) {

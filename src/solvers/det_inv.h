@@ -18,6 +18,7 @@
 #include "frame/checks.h"
 #include "frame/operand_views.h"
 #include "frame/parallel_driver.h"
+#include "frame/register_transpose.h"
 #include "frame/wrapping.h"
 #include "solvers/solver_arrays.h"
 
@@ -155,14 +156,7 @@ template <> struct Lanes4<double> {
     static double sum02(V v) {
         return _mm_cvtsd_f64(_mm_add_sd(_mm256_castpd256_pd128(v), _mm256_extractf128_pd(v, 1)));
     }
-    static void transpose(V& a, V& b, V& c, V& d) {
-        const V t0 = _mm256_unpacklo_pd(a, b), t1 = _mm256_unpackhi_pd(a, b);
-        const V t2 = _mm256_unpacklo_pd(c, d), t3 = _mm256_unpackhi_pd(c, d);
-        a = _mm256_permute2f128_pd(t0, t2, 0x20);
-        b = _mm256_permute2f128_pd(t1, t3, 0x20);
-        c = _mm256_permute2f128_pd(t0, t2, 0x31);
-        d = _mm256_permute2f128_pd(t1, t3, 0x31);
-    }
+    static void transpose(V& a, V& b, V& c, V& d) { transpose4x4(a, b, c, d); }
 };
 
 // Cofactor row from the first remaining row f and the two rows p, q of the 2x2 minors; lane j
@@ -540,14 +534,21 @@ struct LaneMatrix {
 template <int M> __m128 loadRun(const float* p) {
     if constexpr (M == 4) return _mm_loadu_ps(p);
     else if constexpr (M == 3) return _mm_maskload_ps(p, _mm_setr_epi32(-1, -1, -1, 0));
-    else if constexpr (M == 2) return _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(p)));
+    else if constexpr (M == 2) {
+        double two;  // two floats as one 8-byte word (memcpy: the floats need not be 8-byte aligned)
+        std::memcpy(&two, p, sizeof two);
+        return _mm_castpd_ps(_mm_set_sd(two));
+    }
     else return _mm_load_ss(p);
 }
 template <int M> void storeRun(float* p, __m128 v) {
     if constexpr (M == 4) {
         _mm_storeu_ps(p, v);
     } else {
-        if constexpr (M >= 2) _mm_storel_pi(reinterpret_cast<__m64*>(p), v);
+        if constexpr (M >= 2) {
+            const double two = _mm_cvtsd_f64(_mm_castps_pd(v));
+            std::memcpy(p, &two, sizeof two);
+        }
         if constexpr (M == 3) _mm_store_ss(p + 2, _mm_movehl_ps(v, v));
         if constexpr (M == 1) _mm_store_ss(p, v);
     }
@@ -566,16 +567,6 @@ template <int M> void storeRun(double* p, __m256d v) {
         if constexpr (M == 3) _mm_store_sd(p + 2, _mm256_extractf128_pd(v, 1));
         if constexpr (M == 1) _mm_store_sd(p, _mm256_castpd256_pd128(v));
     }
-}
-
-// Two 4x4 transposes, one in each 128-bit half.
-inline void transposeHalves(__m256& a, __m256& b, __m256& c, __m256& d) {
-    const __m256 t0 = _mm256_unpacklo_ps(a, b), t1 = _mm256_unpackhi_ps(a, b);
-    const __m256 t2 = _mm256_unpacklo_ps(c, d), t3 = _mm256_unpackhi_ps(c, d);
-    a = _mm256_shuffle_ps(t0, t2, 0x44);
-    b = _mm256_shuffle_ps(t0, t2, 0xEE);
-    c = _mm256_shuffle_ps(t1, t3, 0x44);
-    d = _mm256_shuffle_ps(t1, t3, 0xEE);
 }
 
 // Columns J0 ... J0 + M - 1 of row i of the block's objects into v[J0 ...] (Load), or back: object
@@ -602,11 +593,11 @@ void runLanes(Block4d* v, const Row& row, int i) {
     __m256d r[4];
     if constexpr (Load) {
         for (int q = 0; q < 4; ++q) r[q] = loadRun<M>(row(q, i) + J0);
-        Lanes4<double>::transpose(r[0], r[1], r[2], r[3]);
+        transpose4x4(r[0], r[1], r[2], r[3]);
         for (int j = 0; j < M; ++j) v[J0 + j] = (Block4d)r[j];
     } else {
         for (int j = 0; j < 4; ++j) r[j] = j < M ? (__m256d)v[J0 + j] : _mm256_setzero_pd();
-        Lanes4<double>::transpose(r[0], r[1], r[2], r[3]);
+        transpose4x4(r[0], r[1], r[2], r[3]);
         for (int q = 0; q < 4; ++q) storeRun<M>(row(q, i) + J0, r[q]);
     }
 }
