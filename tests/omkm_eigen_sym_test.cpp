@@ -415,19 +415,31 @@ void orderTwoWalk() {
 
 // ---- the iteration, bit for bit, on tridiagonal inputs with couplings that are powers of two ----
 // For such inputs every reflection of the reduction is exact (it flips the sign of one row and
-// column), so the tridiagonal form, and with it every later rounding, is known.
+// column), so the tridiagonal form, and with it every later rounding, is known. The vector matrix
+// starts as the product of those reflections (exact too) and takes each rotation with its four
+// products rounded apart: zj' = s*zi + c*zj, zi' = c*zi - s*zj.
 template <class T>
 struct Steps {
     OmkStatus st = omkStsOk;
     bool qr = false;
     std::vector<T> values;
+    std::vector<T> Z;  // n x n, row-major
+    int fusedWitness = 0;  // rotations whose columns a fused multiply-add(-subtract) would change
 };
+
+// A product rounded to the type and held there: volatile keeps the compiler from fusing it into
+// the sum that uses it.
+template <class T> T rounded(T x) {
+    volatile T v = x;
+    return v;
+}
 
 template <class T>
 Steps<T> referenceSteps(const Mat& a, int n, int direction /* -1: by the ends, 0: QL, 1: QR */) {
     const T eps = kEps<T>;
-    std::vector<T> W(size_t(n) * n);
+    std::vector<T> W(size_t(n) * n), Z(size_t(n) * n, T(0));
     for (size_t i = 0; i < W.size(); ++i) W[i] = T(a[i]);
+    for (int i = 0; i < n; ++i) Z[i * n + i] = 1;
     for (int k = 0; k + 2 < n; ++k) {
         const int m = n - k - 1;
         std::vector<T> v(m);
@@ -451,6 +463,11 @@ Steps<T> referenceSteps(const Mat& a, int n, int direction /* -1: by the ends, 0
         for (int i = 0; i < n; ++i)
             for (int j = 0; j < n; ++j)
                 for (int t = 0; t < n; ++t) W[i * n + j] += HW[i * n + t] * H[t * n + j];
+        std::vector<T> ZH(size_t(n) * n, T(0));
+        for (int i = 0; i < n; ++i)
+            for (int j = 0; j < n; ++j)
+                for (int t = 0; t < n; ++t) ZH[i * n + j] += Z[i * n + t] * H[t * n + j];
+        Z = ZH;
     }
     std::vector<T> d(n), e(n, T(0));
     for (int i = 0; i < n; ++i) d[i] = W[i * n + i];
@@ -487,6 +504,14 @@ Steps<T> referenceSteps(const Mat& a, int n, int direction /* -1: by the ends, 0
                 p = s * r;
                 d[i + 1] = g + p;
                 g = std::fma(r, c, -b);
+                for (int k = 0; k < n; ++k) {
+                    T& zi = Z[k * n + row(i)];
+                    T& zj = Z[k * n + row(i + 1)];
+                    const T nj = rounded(s * zi) + rounded(c * zj), ni = rounded(c * zi) - rounded(s * zj);
+                    out.fusedWitness += std::fma(s, zi, rounded(c * zj)) != nj || std::fma(c, zi, -rounded(s * zj)) != ni;
+                    zj = nj;
+                    zi = ni;
+                }
             }
             if (restart || (std::fabs(r) <= eps && l >= 1)) continue;
             d[l] = d[l] - p;
@@ -498,15 +523,20 @@ Steps<T> referenceSteps(const Mat& a, int n, int direction /* -1: by the ends, 0
     } else {
         for (int i = 0; i < n; ++i) out.values[i] = d[i], P = P * d[i];
     }
+    out.Z = Z;
     if (std::fabs(P) <= eps) { out.st = omkStsSingular; return out; }
     for (int i = 0; i + 1 < n; ++i) {
         int j = i;
         for (int q = i + 1; q < n; ++q)
             if (out.values[q] > out.values[j]) j = q;
         std::swap(out.values[i], out.values[j]);
+        if (j != i)
+            for (int r = 0; r < n; ++r) std::swap(out.Z[r * n + i], out.Z[r * n + j]);
     }
     return out;
 }
+
+int orderOf(const Mat& a) { return int(std::lround(std::sqrt(double(a.size())))); }
 
 Mat tridiagonal(const std::vector<double>& d, const std::vector<double>& e) {
     const int n = int(d.size());
@@ -515,16 +545,14 @@ Mat tridiagonal(const std::vector<double>& d, const std::vector<double>& e) {
     return a;
 }
 
+// Matrices whose tridiagonal form is exact, each with the direction its ends call for (0 QL, 1 QR):
+// random ones of orders 3 to 12 in both directions, and the edges of the steps.
 template <class T>
-void tridiagonalWalk() {
+std::vector<std::pair<Mat, int>> directionCases() {
     std::mt19937 rng(sizeof(T) == 4 ? 211 : 223);
     std::uniform_real_distribution<double> mag(0.5, 8.0);
     std::uniform_int_distribution<int> ex(-1, 1);
-    const std::string type = sizeof(T) == 4 ? "32f" : "64f";
-    const Member& values = memberNamed("omkmEigenValuesSym_m_" + type);
-    const Member& vectors = memberNamed("omkmEigenValuesVectorsSym_m_" + type);
-    int witness[2] = {0, 0}, taken[2] = {0, 0}, singular = 0;
-    std::vector<std::pair<Mat, int>> cases;  // matrix and the direction its ends call for
+    std::vector<std::pair<Mat, int>> cases;
     for (int n : {3, 4, 5, 7, 9, 12})
         for (int kind = 0; kind < 3; ++kind)  // 0: |d[n-1]| > |d[0]|, 1: below, 2: equal
             for (int rep = 0; rep < 8; ++rep) {
@@ -556,20 +584,31 @@ void tridiagonalWalk() {
     cases.push_back({tridiagonal({1, 1, 3}, {2 * eps, 2 * eps}), 0});
     cases.push_back({tridiagonal({1, 1, 3}, {4 * eps, 4 * eps}), 0});
     cases.push_back({tridiagonal({3, 1, 1}, {2 * eps, 2 * eps}), 1});
+    return cases;
+}
+
+template <class T>
+void tridiagonalWalk() {
+    const std::string type = sizeof(T) == 4 ? "32f" : "64f";
+    const Member& values = memberNamed("omkmEigenValuesSym_m_" + type);
+    const Member& vectors = memberNamed("omkmEigenValuesVectorsSym_m_" + type);
+    int witness[2] = {0, 0}, taken[2] = {0, 0}, singular = 0, fused = 0;
+    const double eps = kEps<T>;
     {
         const Steps<T> apart = referenceSteps<T>(tridiagonal({1, 1, 3}, {2 * eps, 2 * eps}), 3, -1);
         const Steps<T> split = referenceSteps<T>(tridiagonal({1, 1, 3}, {4 * eps, 4 * eps}), 3, -1);
         EXPECT_EQ(apart.values, (std::vector<T>{3, 1, 1}));
         EXPECT_NE(split.values, (std::vector<T>{3, 1, 1}));
     }
-    for (const auto& [a, dir] : cases) {
-        const int n = int(std::lround(std::sqrt(double(a.size()))));
+    for (const auto& [a, dir] : directionCases<T>()) {
+        const int n = orderOf(a);
         const Steps<T> want = referenceSteps<T>(a, n, -1);
         ASSERT_EQ(int(want.qr), dir) << "the reduction moved an end of the diagonal";
         const Steps<T> other = referenceSteps<T>(a, n, dir == 0 ? 1 : 0);
         witness[dir] += other.st != want.st || other.values != want.values;
         ++taken[dir];
         singular += want.st == omkStsSingular;
+        fused += want.fusedWitness > 0;
         for (const Member* m : {&values, &vectors}) {
             EigCase e;
             build(e, *m, n, {a});
@@ -577,10 +616,14 @@ void tridiagonalWalk() {
             if (want.st == omkStsNotConverged) continue;
             for (int i = 0; i < n; ++i)
                 ASSERT_EQ(T(e.value(0, i)), want.values[i]) << m->name << " n " << n << (dir ? " QR" : " QL") << " value " << i;
+            if (e.vectors())
+                for (int i = 0; i < n * n; ++i)
+                    ASSERT_EQ(T(e.vec(0, i / n, i % n)), want.Z[i]) << m->name << " n " << n << (dir ? " QR" : " QL") << " vector element " << i;
             expectEigenpairs(e, 0, a, want.st == omkStsOk);
         }
     }
     EXPECT_GE(singular, 3);
+    EXPECT_GT(fused, 10) << "no rotation told separately rounded products from fused ones";
     for (int dir : {0, 1}) {
         EXPECT_GT(taken[dir], 40);
         EXPECT_GT(witness[dir], 0) << "the two directions never gave different bits (" << (dir ? "QR" : "QL") << ")";
@@ -598,6 +641,96 @@ std::vector<std::vector<Mat>> callsFor(const Member& m, const std::vector<Mat>& 
 const Mat kNanMatrix = {1, std::numeric_limits<double>::quiet_NaN(), 0.5, std::numeric_limits<double>::quiet_NaN(),
                         2, 0.25, 0.5, 0.25, 3};
 
+
+// Order-3 matrices for arrays that run side by side: the direction cases that converge, random ones
+// of every spectrum, diagonal ones (every value found at once, with ties), reflections that are
+// skipped (h <= eps) and scaled ones, shuffled so that every block mixes them.
+template <class T>
+std::vector<Mat> laneMix(std::mt19937& rng) {
+    const int es = sizeof(T);
+    const double eps = kEps<T>;
+    std::vector<Mat> mats;
+    for (const auto& [a, dir] : directionCases<T>())
+        if (orderOf(a) == 3) mats.push_back(a);
+    for (int kind = 0; kind < 3; ++kind)
+        for (const Mat& a : randomMats(3, 12, es, rng, kind)) mats.push_back(a);
+    mats.push_back(diagonal({2, -3, 2}));
+    mats.push_back(diagonal({1, 5, -7}));
+    mats.push_back(Mat{4, 0, 0, 0, 1, 2, 0, 2, -3});
+    mats.push_back(Mat{4, eps / 4, 0, eps / 4, 1, 2, 0, 2, -3});
+    for (double scale : {0x1p-4, 0x1p6}) {
+        Mat a = randomMats(3, 1, es, rng)[0];
+        for (double& x : a) x = toType(x * scale, es);
+        mats.push_back(a);
+    }
+    std::shuffle(mats.begin(), mats.end(), rng);
+    return mats;
+}
+
+template <class T>
+void lanesWalk() {
+    std::mt19937 rng(sizeof(T) == 4 ? 307 : 311);
+    const std::string type = sizeof(T) == 4 ? "32f" : "64f";
+    const size_t width = sizeof(T) == 4 ? 8 : 4;  // matrices side by side
+    const std::vector<Mat> mix = laneMix<T>(rng);
+    for (const std::string op : {"EigenValuesSym", "EigenValuesVectorsSym"}) {
+        const Member& single = memberNamed("omkm" + op + "_m_" + type);
+        auto alone = [&](const Mat& a, OmkStatus want) {
+            EigCase r;
+            build(r, single, 3, {a});
+            return run(r) == want ? r.result(0) : std::vector<unsigned char>{};
+        };
+        std::vector<Mat> mats;
+        std::vector<std::vector<unsigned char>> want;
+        int directions[2] = {0, 0};
+        for (const Mat& a : mix)
+            if (auto bits = alone(a, omkStsOk); !bits.empty()) {
+                mats.push_back(a);
+                want.push_back(bits);
+                ++directions[referenceSteps<T>(a, 3, -1).qr];
+            }
+        ASSERT_GT(mats.size(), 8 * width);
+        ASSERT_NE(mats.size() % width, 0u) << "no matrices after the last whole block";
+        ASSERT_GT(directions[0], int(2 * width));
+        ASSERT_GT(directions[1], int(2 * width));
+
+        // A failing matrix in the fourth block, after two of its neighbours.
+        const size_t at = 3 * width + 2;
+        const std::vector<std::pair<Mat, OmkStatus>> failing = {
+            {tridiagonal({0.125, 0.1875, 0.25}, {0.125, 0.125}), omkStsSingular},
+            {tridiagonal({0.25, 0.1875, 0.125}, {0.125, 0.125}), omkStsSingular},
+            {kNanMatrix, omkStsNotConverged}};
+
+        for (const Member& m : members()) {
+            if (m.op != op || typeOf(m) != type || !m.hasArray()) continue;
+            for (const auto& [ss, ds] : std::vector<std::pair<Style, Style>>{
+                     {Style::Packed, Style::Packed}, {Style::PaddedRows, Style::Packed}, {Style::Packed, Style::PaddedRows}}) {
+                probe::Budget serial(1);
+                EigCase e;
+                build(e, m, 3, mats, ss, ds);
+                ASSERT_EQ(run(e), omkStsOk) << m.name;
+                EXPECT_TRUE(e.othersUntouched()) << m.name;
+                for (size_t k = 0; k < mats.size(); ++k)
+                    ASSERT_EQ(e.result(int(k)), want[k]) << m.name << " styles " << int(ss) << int(ds) << " object " << k;
+            }
+            for (const auto& [bad, st] : failing) {
+                probe::Budget serial(1);
+                const std::vector<unsigned char> badBits = alone(bad, st);
+                ASSERT_FALSE(badBits.empty());
+                std::vector<Mat> with = mats;
+                with[at] = bad;
+                EigCase e;
+                build(e, m, 3, with);
+                ASSERT_EQ(run(e), st) << m.name;
+                EXPECT_TRUE(e.othersUntouched()) << m.name;
+                for (size_t k = 0; k < at; ++k) ASSERT_EQ(e.result(int(k)), want[k]) << m.name << " object " << k;
+                EXPECT_EQ(e.result(int(at)), badBits) << m.name << ": the failing matrix as one alone leaves it";
+                for (size_t k = at + 1; k < mats.size(); ++k)
+                    EXPECT_TRUE(e.objectUntouched(int(k))) << m.name << ": object " << k << " after the failure";
+            }
+        }
+    }
+}
 }  // namespace
 
 // ---- checks ----
@@ -891,6 +1024,14 @@ TEST(EigenSymResults, EveryDescriptionGivesTheSameBits) {
         }
 }
 
+// Arrays of order 3 with packed rows run 8 floats or 4 doubles side by side: every matrix gets the
+// bits of the single-matrix member whatever the others of its block do, and a failing matrix stops
+// the array at itself, as one matrix at a time does.
+TEST(EigenSymLanes, EveryMatrixOfABlockGetsItsOwnBits) {
+    lanesWalk<float>();
+    lanesWalk<double>();
+}
+
 // ---- serial limits ----
 
 // Values: parallel from n*(n+1)*count >= 1001; values and vectors: from n*(2n+1)*count >= 701. No
@@ -947,7 +1088,7 @@ TEST(EigenSymLimits, OneObjectStaysSerial) {
 TEST(EigenSymParallel, BitIdenticalToSerial) {
     for (const Member& m : members()) {
         if (!m.hasArray()) continue;
-        for (auto [n, count] : {std::pair{5, 37}, std::pair{9, 13}}) {
+        for (auto [n, count] : {std::pair{3, 90}, std::pair{5, 37}, std::pair{9, 13}}) {
             std::mt19937 rng(23 + n);
             EigCase e;
             build(e, m, n, randomMats(n, count, m.esize, rng), Style::Gapped, Style::PaddedRows);

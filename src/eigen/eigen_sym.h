@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "frame/checks.h"
+#include "frame/object_lanes.h"
 #include "frame/operand_views.h"
 #include "frame/parallel_driver.h"
 #include "frame/wrapping.h"
@@ -147,6 +148,16 @@ void tridiagonalise(T* W, T* v, const ZO& z, int nArg) {
     }
 }
 
+// Each rotation of the vector columns rounds its four products before the sum and the difference.
+// Where the two columns lie side by side in memory, GCC 12's basic-block vectorizer would otherwise
+// turn the pair (s*zi + c*zj, c*zi - s*zj) into one fused multiply-add-subtract, whatever
+// -ffp-contract says, and the bits would depend on the vector matrix's strides and on the order.
+// The empty asm makes each product a value the compiler must hold as it is.
+template <class T>
+inline void keepRounded(T& a, T& b, T& c, T& d) {
+    asm("" : "+x"(a), "+x"(b), "+x"(c), "+x"(d));
+}
+
 // An off-diagonal element is negligible when |0.5*e| <= eps, in double whatever the element type:
 // an absolute test, not scaled by the neighbouring diagonal.
 template <class T> bool negligible(T e) { return std::fabs(0.5 * double(e)) <= double(kEps<T>); }
@@ -199,8 +210,10 @@ OmkStatus iterate(T* D, T* E, const ZO& z, int nArg, Found&& found) {
                     const int ci = at(i), cj = at(i + 1);
                     for (int k = 0; k < n; ++k) {
                         const T zi = z.at(k, ci), zj = z.at(k, cj);
-                        z.at(k, cj) = s * zi + c * zj;
-                        z.at(k, ci) = c * zi - s * zj;
+                        T szi = s * zi, czj = c * zj, czi = c * zi, szj = s * zj;
+                        keepRounded(szi, czj, czi, szj);
+                        z.at(k, cj) = szi + czj;
+                        z.at(k, ci) = czi - szj;
                     }
                 }
             }
@@ -309,6 +322,220 @@ OmkStatus oneMatrix(const SO& src, T* W, T* values, const ZO& z, int n) {
     }
 }
 
+// ---- objects side by side ----
+// Arrays of order-3 matrices with packed rows (and, for the vector forms, packed vector rows) run a
+// block of 8 floats or 4 doubles at once, matrix q of the block in lane q of every vector. Every
+// lane takes exactly the steps of orderN above for its own matrix: the same operations in the same
+// order, each branch of one object a lane-wise choice between both outcomes, each index that
+// depends on the matrix (the sweep's rows, the search's stop) a lane-wise pick among the rows of a
+// register array. A lane whose search has finished waits, unchanged, for the slowest lane of the
+// block. The QR direction runs the QL steps on its rows in reverse order, its vector columns
+// reversed with them, and multiplies each value into P where its search stops, as orderN does.
+//
+// A block in which some matrix fails (30 sweeps for one value, or |P| <= eps) writes nothing and
+// returns false: only a failing matrix can end a block that way, and the per-object path then takes
+// the block in order up to that matrix.
+template <class X, class M, int N>
+X pickLane(const X (&a)[N], M idx) {
+    X x = a[0];
+    for (int q = 1; q < N; ++q) x = idx == q ? a[q] : x;
+    return x;
+}
+template <class X, class M, int N>
+void putLane(X (&a)[N], M idx, M where, X x) {
+    for (int q = 0; q < N; ++q) a[q] = (where & (idx == q)) ? x : a[q];
+}
+
+template <int N, class T, bool Vectors, class Src, class Vals, class Zs>
+[[gnu::flatten]] bool eigenBlock(const Src& src, const Vals& vals, const Zs& zs) {
+    using L = BlockLanes<T>;
+    using X = typename L::X;
+    using M = typename L::Mask;
+    const X zero = X{}, one = zero + T(1), two = zero + T(2), eps = zero + kEps<T>;
+    // negligible(e) in lanes: |0.5*e| <= eps in double is |e| <= 2*eps in the element type, since
+    // 0.5*e is exact in double for every float and for every double above 2*eps.
+    const X tiny = zero + T(2) * kEps<T>;
+    const auto a = loadLanes<N, T>(src);
+    X W[N][N], Z[N][N];
+    for (int i = 0; i < N; ++i)
+        for (int j = 0; j < N; ++j) W[i][j] = a.v[i][j], Z[i][j] = i == j ? one : zero;
+
+    // Householder, as tridiagonalise: a column whose h <= eps keeps every element.
+    for (int k = 0; k + 2 < N; ++k) {
+        const int m = N - k - 1, o = k + 1;
+        X s = zero;
+        for (int i = 0; i < m; ++i) s = s + W[o + i][k] * W[o + i][k];
+        const X alpha = L::sqrt(s), x0 = W[o][k];
+        const M above = x0 > eps, below = x0 < -eps;
+        X v[N];
+        v[0] = above ? x0 + alpha : below ? x0 - alpha : alpha;
+        const X h = above ? two * (alpha * x0 + s) : below ? two * (s - alpha * x0) : two * s;
+        for (int i = 1; i < m; ++i) v[i] = W[o + i][k];
+        const M apply = ~(h <= eps);
+        const X beta = two / h;
+        for (int j = k; j < N; ++j) {
+            X tau = zero;
+            for (int i = 0; i < m; ++i) tau = tau + v[i] * W[o + i][j];
+            tau = beta * tau;
+            for (int i = 0; i < m; ++i) W[o + i][j] = apply ? W[o + i][j] - tau * v[i] : W[o + i][j];
+        }
+        for (int r = k; r < N; ++r) {
+            X tau = zero;
+            for (int i = 0; i < m; ++i) tau = tau + W[r][o + i] * v[i];
+            tau = beta * tau;
+            for (int i = 0; i < m; ++i) W[r][o + i] = apply ? W[r][o + i] - tau * v[i] : W[r][o + i];
+        }
+        if constexpr (Vectors)
+            for (int r = 0; r < N; ++r) {
+                X tau = zero;
+                for (int i = 0; i < m; ++i) tau = tau + Z[r][o + i] * v[i];
+                tau = beta * tau;
+                for (int i = 0; i < m; ++i) Z[r][o + i] = apply ? Z[r][o + i] - tau * v[i] : Z[r][o + i];
+            }
+    }
+
+    // The diagonal and the couplings in the steps' order: reversed in the QR lanes.
+    const M mirror = ~(L::abs(W[N - 1][N - 1]) > L::abs(W[0][0]));
+    X d[N], e[N];
+    for (int i = 0; i < N; ++i) d[i] = mirror ? W[N - 1 - i][N - 1 - i] : W[i][i];
+    for (int i = 0; i + 1 < N; ++i) e[i] = mirror ? W[N - 1 - i][N - 2 - i] : W[i + 1][i];
+    e[N - 1] = zero;
+    if constexpr (Vectors)
+        for (int r = 0; r < N; ++r)
+            for (int j = 0; j < N / 2; ++j) {
+                const X lo = Z[r][j], hi = Z[r][N - 1 - j];
+                Z[r][j] = mirror ? hi : lo;
+                Z[r][N - 1 - j] = mirror ? lo : hi;
+            }
+
+    // The iteration of `iterate`, one plane rotation per lane and round. Between rotations a lane
+    // searches (at most N times, one per value it finds converged) until it starts a sweep or is
+    // done.
+    const M none = M{}, all = none == none;
+    M l = none, m = none, i = none, sweeps = none, live = all, rotating = none;
+    X g = zero, s = zero, c = zero, p = zero, r = zero, P = one;
+    for (;;) {
+        for (int look = 0; look < N; ++look) {
+            const M searching = live & ~rotating;
+            if (!L::any(searching)) break;
+            M stop = none + (N - 1);
+            for (int q = N - 2; q >= 0; --q) stop = ((l <= q) & (L::abs(e[q]) <= tiny)) ? none + q : stop;
+            P = (searching & mirror & (stop <= N - 2)) ? P * pickLane(d, stop) : P;
+            const M found = searching & (stop == l);
+            l = found ? l + 1 : l;
+            sweeps = found ? none : sweeps;
+            live = live & ~(found & (l == N));
+            const M start = searching & ~found;
+            if (!L::any(start)) continue;
+            if (L::any(start & (sweeps == 30))) return false;
+            sweeps = start ? sweeps + 1 : sweeps;
+            const X dl = pickLane(d, l), el = pickLane(e, l);
+            X g0 = (pickLane(d, l + 1) - dl) / (two * el);
+            const X r0 = L::sqrt(fmadd(g0, g0, one));
+            const X dml = pickLane(d, stop) - dl;
+            g0 = g0 > eps ? dml + el / (g0 + r0) : dml + el / (g0 - r0);
+            g = start ? g0 : g;
+            s = start ? one : s;
+            c = start ? one : c;
+            p = start ? zero : p;
+            i = start ? stop - 1 : i;
+            m = start ? stop : m;
+            rotating = rotating | start;
+        }
+        if (!L::any(live)) break;
+
+        const X ei = pickLane(e, i);
+        const X f = s * ei, b = c * ei;
+        const X rr = L::sqrt(fmadd(f, f, g * g));
+        putLane(e, i + 1, rotating & (i != m - 1), rr);
+        const M small = rotating & (L::abs(rr) <= eps);
+        putLane(d, i + 1, small, pickLane(d, i + 1) - p);
+        putLane(e, m, small, zero);
+        const M go = rotating & ~small;
+        const X s1 = f / rr, c1 = g / rr;
+        const X g1 = pickLane(d, i + 1) - p;
+        const X r1 = fmadd(s1, pickLane(d, i) - g1, b * (two * c1));
+        const X p1 = s1 * r1;
+        putLane(d, i + 1, go, g1 + p1);
+        g = go ? fmadd(r1, c1, -b) : g;
+        if constexpr (Vectors)
+            for (int k = 0; k < N; ++k) {
+                const X zi = pickLane(Z[k], i), zj = pickLane(Z[k], i + 1);
+                putLane(Z[k], i + 1, go, s1 * zi + c1 * zj);
+                putLane(Z[k], i, go, c1 * zi - s1 * zj);
+            }
+        s = go ? s1 : s;
+        c = go ? c1 : c;
+        r = go ? r1 : r;
+        p = go ? p1 : p;
+        i = go ? i - 1 : i;
+        // The sweep ends below row l: a last r within eps starts the search again from l >= 1.
+        const M end = go & (i < l);
+        const M finish = end & ~((L::abs(r) <= eps) & (i >= 0));
+        putLane(d, l, finish, pickLane(d, l) - p);
+        putLane(e, l, finish, g);
+        putLane(e, m, finish, zero);
+        rotating = go & ~end;
+    }
+
+    // Back to index order; P of the QL lanes is the values' product in index order.
+    X values[N];
+    X product = one;
+    for (int j = 0; j < N; ++j) values[j] = mirror ? d[N - 1 - j] : d[j], product = product * d[j];
+    P = mirror ? P * d[N - 1] : product;
+    if (L::any(L::abs(P) <= eps)) return false;
+    if constexpr (Vectors)
+        for (int r = 0; r < N; ++r)
+            for (int j = 0; j < N / 2; ++j) {
+                const X lo = Z[r][j], hi = Z[r][N - 1 - j];
+                Z[r][j] = mirror ? hi : lo;
+                Z[r][N - 1 - j] = mirror ? lo : hi;
+            }
+
+    // The selection sort of orderN, descending, the first index winning ties.
+    for (int i0 = 0; i0 + 1 < N; ++i0) {
+        M j = none + i0;
+        X best = values[i0];
+        for (int q = i0 + 1; q < N; ++q) {
+            const M above = values[q] > best;
+            j = above ? none + q : j;
+            best = above ? values[q] : best;
+        }
+        const X old = values[i0];
+        values[i0] = best;
+        for (int q = i0 + 1; q < N; ++q) values[q] = j == q ? old : values[q];
+        if constexpr (Vectors)
+            for (int r = 0; r < N; ++r) {
+                const X z0 = Z[r][i0];
+                Z[r][i0] = pickLane(Z[r], j);
+                for (int q = i0 + 1; q < N; ++q) Z[r][q] = j == q ? z0 : Z[r][q];
+            }
+    }
+
+    rowLanes<false, N>(values, [&](int q, int) { return vals(q); }, 0);
+    if constexpr (Vectors) {
+        const auto out = copyObjects<T>(zs);
+        for (int k = 0; k < N; ++k) rowLanes<false, N>(Z[k], [&](int q, int row) { return out.o[q].row(row); }, k);
+    }
+    return true;
+}
+
+// The whole blocks among matrices 0 ... count-1 of order 3, each block read whole before any of it
+// is written; stops before a block with a failing matrix. Returns how many matrices it did.
+template <class T, bool Vectors, class Src, class Vals, class Zs>
+int32_t eigenLanes(const Src& src, const Vals& vals, const Zs& zs, int n, int32_t count) {
+    constexpr int W = BlockLanes<T>::W;
+    return forOrder<3, 3>(n, [&](auto order) {
+        int32_t k = 0;
+        for (; k + W <= count; k += W)
+            if (!eigenBlock<decltype(order)::value, T, Vectors>([&](int q) { return src(k + q); },
+                                                                [&](int q) { return vals(k + q); },
+                                                                [&](int q) { return zs(k + q); }))
+                break;
+        return k;
+    });
+}
+
 // The matrices of a call, in order, on the calling thread or over the parallel driver; each run of
 // objects stops at its first failure. Threads take n*n elements of scratch each from the driver;
 // the serial path (also when that scratch cannot be had) uses the caller's buffer.
@@ -324,13 +551,22 @@ OmkStatus matrices(const A& a, const B& buffer, const Z& z, const V& values, con
             if constexpr (Vectors) return z.from(first);
             else return z;
         }();
-        for (int32_t k = 0; k < count; ++k) {
-            OmkStatus st;
-            if constexpr (Vectors) st = oneMatrix<T, true>(as.obj(k), W, vs.obj(k), zs.obj(k), n);
-            else st = oneMatrix<T, false>(as.obj(k), W, vs.obj(k), zs, n);
-            if (st != omkStsOk) return st;
-        }
-        return omkStsOk;
+        auto objects = [&](auto packed, int32_t, int32_t cnt) -> OmkStatus {
+            constexpr bool P = decltype(packed)::value;
+            auto zk = [&](int32_t k) {
+                if constexpr (Vectors) return objectOf<P>(zs, k);
+                else return NoVectors{};
+            };
+            int32_t k = 0;
+            if constexpr (P)
+                k = eigenLanes<T, Vectors>([&](int32_t q) { return objectOf<P>(as, q); },
+                                           [&](int32_t q) { return vs.obj(q); }, zk, n, cnt);
+            for (; k < cnt; ++k)
+                if (const OmkStatus st = oneMatrix<T, Vectors>(objectOf<P>(as, k), W, vs.obj(k), zk(k), n)) return st;
+            return omkStsOk;
+        };
+        if constexpr (Vectors) return overObjectsPacked(false, count, objects, as, zs);
+        else return overObjectsPacked(false, count, objects, as);
     };
     return overObjectsWithScratch(goesParallel(G, Vectors, dims), dims.count, buffer.obj(0), scratch, run);
 }

@@ -18,7 +18,7 @@
 #include "frame/checks.h"
 #include "frame/operand_views.h"
 #include "frame/parallel_driver.h"
-#include "frame/register_transpose.h"
+#include "frame/object_lanes.h"
 #include "frame/wrapping.h"
 #include "solvers/solver_arrays.h"
 
@@ -38,16 +38,6 @@ T tolerance(int n) {
     return T(twiceCube) * std::numeric_limits<T>::min();
 }
 
-// Blocks of objects side by side, one object per lane: GCC vector types, whose *, / and unary -
-// are the lane-wise IEEE operations. The cofactor formulas below are written once over their
-// element type, so in every lane of a block they give the bits they give for one object.
-typedef float Block8f __attribute__((vector_size(32)));
-typedef double Block4d __attribute__((vector_size(32)));
-
-inline float fmadd(float x, float y, float z) { return std::fma(x, y, z); }
-inline double fmadd(double x, double y, double z) { return std::fma(x, y, z); }
-inline Block8f fmadd(Block8f x, Block8f y, Block8f z) { return (Block8f)_mm256_fmadd_ps((__m256)x, (__m256)y, (__m256)z); }
-inline Block4d fmadd(Block4d x, Block4d y, Block4d z) { return (Block4d)_mm256_fmadd_pd((__m256d)x, (__m256d)y, (__m256d)z); }
 template <class T> T fms(T x, T y, T z) { return fmadd(x, y, -z); }
 
 // ---- cofactor expansions ----
@@ -501,146 +491,7 @@ OmkStatus invertObject(const DO& d, const SO& a, T* w, int n) {
 
 // ---- blocks of objects side by side ----
 // Arrays whose objects have packed rows, of orders 3 to 6 (inverse) and 3 and 4 (determinant), run
-// W objects at once, object q of a block in lane q of every vector, through the same cofactor
-// formulas as one object: the bits are those of the per-object kernels.
-template <class T> struct BlockLanes;
-template <> struct BlockLanes<float> {
-    using X = Block8f;
-    static constexpr int W = 8;
-    static bool anyBelow(X x, float t) {
-        const __m256 a = _mm256_andnot_ps(_mm256_set1_ps(-0.0f), (__m256)x);
-        return _mm256_movemask_ps(_mm256_cmp_ps(a, _mm256_set1_ps(t), _CMP_LT_OQ)) != 0;
-    }
-};
-template <> struct BlockLanes<double> {
-    using X = Block4d;
-    static constexpr int W = 4;
-    static bool anyBelow(X x, double t) {
-        const __m256d a = _mm256_andnot_pd(_mm256_set1_pd(-0.0), (__m256d)x);
-        return _mm256_movemask_pd(_mm256_cmp_pd(a, _mm256_set1_pd(t), _CMP_LT_OQ)) != 0;
-    }
-};
-
-template <class X, int N>
-struct LaneMatrix {
-    X v[N][N];
-    X at(int i, int j) const { return v[i][j]; }
-};
-
-// Rows of packed elements move between objects and lanes by register transposes, in runs of up to
-// four elements. A run is read under a mask or in whole words and written in whole words, so no
-// byte outside it is touched (a masked store would do the same, but costs tens of cycles on some
-// processors). Lanes past a run's end are never used.
-template <int M> __m128 loadRun(const float* p) {
-    if constexpr (M == 4) return _mm_loadu_ps(p);
-    else if constexpr (M == 3) return _mm_maskload_ps(p, _mm_setr_epi32(-1, -1, -1, 0));
-    else if constexpr (M == 2) {
-        double two;  // two floats as one 8-byte word (memcpy: the floats need not be 8-byte aligned)
-        std::memcpy(&two, p, sizeof two);
-        return _mm_castpd_ps(_mm_set_sd(two));
-    }
-    else return _mm_load_ss(p);
-}
-template <int M> void storeRun(float* p, __m128 v) {
-    if constexpr (M == 4) {
-        _mm_storeu_ps(p, v);
-    } else {
-        if constexpr (M >= 2) {
-            const double two = _mm_cvtsd_f64(_mm_castps_pd(v));
-            std::memcpy(p, &two, sizeof two);
-        }
-        if constexpr (M == 3) _mm_store_ss(p + 2, _mm_movehl_ps(v, v));
-        if constexpr (M == 1) _mm_store_ss(p, v);
-    }
-}
-template <int M> __m256d loadRun(const double* p) {
-    if constexpr (M == 4) return _mm256_loadu_pd(p);
-    else if constexpr (M == 3) return _mm256_maskload_pd(p, _mm256_setr_epi64x(-1, -1, -1, 0));
-    else if constexpr (M == 2) return _mm256_castpd128_pd256(_mm_loadu_pd(p));
-    else return _mm256_castpd128_pd256(_mm_load_sd(p));
-}
-template <int M> void storeRun(double* p, __m256d v) {
-    if constexpr (M == 4) {
-        _mm256_storeu_pd(p, v);
-    } else {
-        if constexpr (M >= 2) _mm_storeu_pd(p, _mm256_castpd256_pd128(v));
-        if constexpr (M == 3) _mm_store_sd(p + 2, _mm256_extractf128_pd(v, 1));
-        if constexpr (M == 1) _mm_store_sd(p, _mm256_castpd256_pd128(v));
-    }
-}
-
-// Columns J0 ... J0 + M - 1 of row i of the block's objects into v[J0 ...] (Load), or back: object
-// q's row i at row(q, i). Floats: objects q and q + 4 share a register, one in each half.
-template <bool Load, int J0, int M, class Row>
-void runLanes(Block8f* v, const Row& row, int i) {
-    __m256 a[4];
-    if constexpr (Load) {
-        for (int q = 0; q < 4; ++q)
-            a[q] = _mm256_set_m128(loadRun<M>(row(q + 4, i) + J0), loadRun<M>(row(q, i) + J0));
-        transposeHalves(a[0], a[1], a[2], a[3]);
-        for (int j = 0; j < M; ++j) v[J0 + j] = (Block8f)a[j];
-    } else {
-        for (int j = 0; j < 4; ++j) a[j] = j < M ? (__m256)v[J0 + j] : _mm256_setzero_ps();
-        transposeHalves(a[0], a[1], a[2], a[3]);
-        for (int q = 0; q < 4; ++q) {
-            storeRun<M>(row(q, i) + J0, _mm256_castps256_ps128(a[q]));
-            storeRun<M>(row(q + 4, i) + J0, _mm256_extractf128_ps(a[q], 1));
-        }
-    }
-}
-template <bool Load, int J0, int M, class Row>
-void runLanes(Block4d* v, const Row& row, int i) {
-    __m256d r[4];
-    if constexpr (Load) {
-        for (int q = 0; q < 4; ++q) r[q] = loadRun<M>(row(q, i) + J0);
-        transpose4x4(r[0], r[1], r[2], r[3]);
-        for (int j = 0; j < M; ++j) v[J0 + j] = (Block4d)r[j];
-    } else {
-        for (int j = 0; j < 4; ++j) r[j] = j < M ? (__m256d)v[J0 + j] : _mm256_setzero_pd();
-        transpose4x4(r[0], r[1], r[2], r[3]);
-        for (int q = 0; q < 4; ++q) storeRun<M>(row(q, i) + J0, r[q]);
-    }
-}
-
-// Row i of the block's objects (N <= 8 packed elements) into v[0 ... N-1] (Load), or v into it.
-template <bool Load, int N, class X, class Row>
-void rowLanes(X (&v)[N], const Row& row, int i) {
-    runLanes<Load, 0, (N < 4 ? N : 4)>(v, row, i);
-    if constexpr (N > 4) runLanes<Load, 4, N - 4>(v, row, i);
-}
-
-// Element (i, j) of the block's objects obj(0) ... obj(W - 1), object q in lane q.
-template <int N, class T, class Obj>
-LaneMatrix<typename BlockLanes<T>::X, N> loadLanes(const Obj& obj) {
-    LaneMatrix<typename BlockLanes<T>::X, N> m;
-    for (int i = 0; i < N; ++i) rowLanes<true, N>(m.v[i], [&](int q, int r) { return obj(q).row(r); }, i);
-    return m;
-}
-
-// The block's objects, copied: the stores of a block go through pointers that may alias anything,
-// and local copies of the objects (whose addresses never escape) let the compiler keep their
-// pointers in registers across them.
-template <class O, int W>
-struct BlockObjects {
-    O o[W];
-};
-template <class T, class Obj>
-auto copyObjects(const Obj& obj) {
-    BlockObjects<decltype(obj(0)), BlockLanes<T>::W> b;
-    for (int q = 0; q < BlockLanes<T>::W; ++q) b.o[q] = obj(q);
-    return b;
-}
-
-// Runs blocks(order) with the order as a constant for the orders Lo ... Hi, else returns 0.
-template <int Lo, int Hi, class F>
-int32_t forOrder(int n, F&& blocks) {
-    if constexpr (Lo > Hi) {
-        return 0;
-    } else {
-        if (n == Lo) return blocks(std::integral_constant<int, Lo>{});
-        return forOrder<Lo + 1, Hi>(n, blocks);
-    }
-}
+// a block of objects at once through the cofactor formulas of one object (frame/object_lanes.h).
 
 // One block: objects first ... first + W - 1. Flattened, so that every cofactor is straight-line
 // code over registers.
