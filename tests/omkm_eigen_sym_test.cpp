@@ -425,6 +425,7 @@ struct Steps {
     std::vector<T> values;
     std::vector<T> Z;  // n x n, row-major
     int fusedWitness = 0;  // rotations whose columns a fused multiply-add(-subtract) would change
+    int restarts = 0;      // sweeps cut short by a rotation with |r| <= eps
 };
 
 // A product rounded to the type and held there: volatile keeps the compiler from fusing it into
@@ -496,7 +497,7 @@ Steps<T> referenceSteps(const Mat& a, int n, int direction /* -1: by the ends, 0
                 const T f = s * e[i], b = c * e[i];
                 r = std::sqrt(std::fma(f, f, g * g));
                 if (i != m - 1) e[i + 1] = r;
-                if (std::fabs(r) <= eps) { d[i + 1] = d[i + 1] - p; e[m] = 0; restart = true; break; }
+                if (std::fabs(r) <= eps) { d[i + 1] = d[i + 1] - p; e[m] = 0; restart = true; ++out.restarts; break; }
                 s = f / r;
                 c = g / r;
                 g = d[i + 1] - p;
@@ -656,6 +657,11 @@ std::vector<Mat> laneMix(std::mt19937& rng) {
         for (const Mat& a : randomMats(3, 12, es, rng, kind)) mats.push_back(a);
     mats.push_back(diagonal({2, -3, 2}));
     mats.push_back(diagonal({1, 5, -7}));
+    // Sweeps cut short by a rotation with |r| <= eps.
+    for (double x : {0x1p-30, 0x1p-20, 0x1p-12}) {
+        mats.push_back(tridiagonal({-2, -2, -1}, {-1, x}));
+        mats.push_back(tridiagonal({-2, -2, 3}, {x, x}));
+    }
     mats.push_back(Mat{4, 0, 0, 0, 1, 2, 0, 2, -3});
     mats.push_back(Mat{4, eps / 4, 0, eps / 4, 1, 2, 0, 2, -3});
     for (double scale : {0x1p-4, 0x1p6}) {
@@ -682,13 +688,16 @@ void lanesWalk() {
         };
         std::vector<Mat> mats;
         std::vector<std::vector<unsigned char>> want;
-        int directions[2] = {0, 0};
+        int directions[2] = {0, 0}, restarts = 0;
         for (const Mat& a : mix)
             if (auto bits = alone(a, omkStsOk); !bits.empty()) {
                 mats.push_back(a);
                 want.push_back(bits);
-                ++directions[referenceSteps<T>(a, 3, -1).qr];
+                const Steps<T> steps = referenceSteps<T>(a, 3, -1);
+                ++directions[steps.qr];
+                restarts += steps.restarts > 0;
             }
+        ASSERT_GE(restarts, 2) << "no sweep in the mix was cut short";
         ASSERT_GT(mats.size(), 8 * width);
         ASSERT_NE(mats.size() % width, 0u) << "no matrices after the last whole block";
         ASSERT_GT(directions[0], int(2 * width));
@@ -699,7 +708,10 @@ void lanesWalk() {
         const std::vector<std::pair<Mat, OmkStatus>> failing = {
             {tridiagonal({0.125, 0.1875, 0.25}, {0.125, 0.125}), omkStsSingular},
             {tridiagonal({0.25, 0.1875, 0.125}, {0.125, 0.125}), omkStsSingular},
-            {kNanMatrix, omkStsNotConverged}};
+            {kNanMatrix, omkStsNotConverged},
+            // QR (equal ends) with P = 4 * (eps/32) * 4 = eps/2: singular only if every value enters
+            // P where the QR search says, and row 0 only at the end.
+            {diagonal({4, kEps<T> / 32, 4}), omkStsSingular}};
 
         for (const Member& m : members()) {
             if (m.op != op || typeOf(m) != type || !m.hasArray()) continue;
