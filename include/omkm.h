@@ -2622,7 +2622,10 @@ OMKM_API OmkStatus omkmQRBackSubst_mava_64f_P(const Omk64f** ppSrc, int srcRoiSh
  * pBuffer: at least n*n elements of scratch (one buffer for a whole serial array call; unused when
  * the call runs on threads, which take their own scratch). pDstValues: n values per matrix,
  * contiguous, sorted descending; it also serves as scratch during the reduction and must not
- * overlap the source. Column j of the vector matrix is the eigenvector of value j.
+ * overlap the source. Column j of the vector matrix is the eigenvector of value j; each plane
+ * rotation of the vectors rounds its four products apart (z_j = s*z_i + c*z_j, z_i = c*z_i - s*z_j).
+ * Arrays of 3x3 matrices read each group of up to 8 matrices whole before writing it: a vector
+ * matrix may be its own source matrix but must not overlap another matrix of the source.
  * Checks: null pointers, widthHeight, count, ROI shifts, strides (in that order).
  * n = 1 gives the element and vector 1.0 (no test). n = 2 is in closed form: omkStsSingular with
  * nothing written when |a*d - b*b| <= eps; the pair's order is that of its formula, not sorted;
