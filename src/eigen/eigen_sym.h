@@ -335,15 +335,17 @@ OmkStatus oneMatrix(const SO& src, T* W, T* values, const ZO& z, int n) {
 // A block in which some matrix fails (30 sweeps for one value, or |P| <= eps) writes nothing and
 // returns false: only a failing matrix can end a block that way, and the per-object path then takes
 // the block in order up to that matrix.
-template <class X, class M, int N>
+// Row idx of a register array, for lanes whose idx lies in Lo ... Hi (the steps' bounds of that
+// index: a pick or a put costs one blend per row it may touch).
+template <int Lo, int Hi, class X, class M, int N>
 X pickLane(const X (&a)[N], M idx) {
-    X x = a[0];
-    for (int q = 1; q < N; ++q) x = idx == q ? a[q] : x;
+    X x = a[Lo];
+    for (int q = Lo + 1; q <= Hi; ++q) x = idx == q ? a[q] : x;
     return x;
 }
-template <class X, class M, int N>
+template <int Lo, int Hi, class X, class M, int N>
 void putLane(X (&a)[N], M idx, M where, X x) {
-    for (int q = 0; q < N; ++q) a[q] = (where & (idx == q)) ? x : a[q];
+    for (int q = Lo; q <= Hi; ++q) a[q] = (where & (idx == q)) ? x : a[q];
 }
 
 template <int N, class T, bool Vectors, class Src, class Vals, class Zs>
@@ -420,7 +422,7 @@ template <int N, class T, bool Vectors, class Src, class Vals, class Zs>
             if (!L::any(searching)) break;
             M stop = none + (N - 1);
             for (int q = N - 2; q >= 0; --q) stop = ((l <= q) & (L::abs(e[q]) <= tiny)) ? none + q : stop;
-            P = (searching & mirror & (stop <= N - 2)) ? P * pickLane(d, stop) : P;
+            P = (searching & mirror & (stop <= N - 2)) ? P * pickLane<0, N - 2>(d, stop) : P;
             const M found = searching & (stop == l);
             l = found ? l + 1 : l;
             sweeps = found ? none : sweeps;
@@ -429,10 +431,10 @@ template <int N, class T, bool Vectors, class Src, class Vals, class Zs>
             if (!L::any(start)) continue;
             if (L::any(start & (sweeps == 30))) return false;
             sweeps = start ? sweeps + 1 : sweeps;
-            const X dl = pickLane(d, l), el = pickLane(e, l);
-            X g0 = (pickLane(d, l + 1) - dl) / (two * el);
+            const X dl = pickLane<0, N - 2>(d, l), el = pickLane<0, N - 2>(e, l);
+            X g0 = (pickLane<1, N - 1>(d, l + 1) - dl) / (two * el);
             const X r0 = L::sqrt(fmadd(g0, g0, one));
-            const X dml = pickLane(d, stop) - dl;
+            const X dml = pickLane<1, N - 1>(d, stop) - dl;
             g0 = g0 > eps ? dml + el / (g0 + r0) : dml + el / (g0 - r0);
             g = start ? g0 : g;
             s = start ? one : s;
@@ -444,37 +446,43 @@ template <int N, class T, bool Vectors, class Src, class Vals, class Zs>
         }
         if (!L::any(live)) break;
 
-        const X ei = pickLane(e, i);
+        const X ei = pickLane<0, N - 2>(e, i);
         const X f = s * ei, b = c * ei;
         const X rr = L::sqrt(fmadd(f, f, g * g));
-        putLane(e, i + 1, rotating & (i != m - 1), rr);
+        putLane<1, N - 1>(e, i + 1, rotating & (i != m - 1), rr);
         const M small = rotating & (L::abs(rr) <= eps);
-        putLane(d, i + 1, small, pickLane(d, i + 1) - p);
-        putLane(e, m, small, zero);
+        if (L::any(small)) {
+            putLane<1, N - 1>(d, i + 1, small, pickLane<1, N - 1>(d, i + 1) - p);
+            putLane<1, N - 1>(e, m, small, zero);
+        }
         const M go = rotating & ~small;
         const X s1 = f / rr, c1 = g / rr;
-        const X g1 = pickLane(d, i + 1) - p;
-        const X r1 = fmadd(s1, pickLane(d, i) - g1, b * (two * c1));
+        const X g1 = pickLane<1, N - 1>(d, i + 1) - p;
+        const X r1 = fmadd(s1, pickLane<0, N - 2>(d, i) - g1, b * (two * c1));
         const X p1 = s1 * r1;
-        putLane(d, i + 1, go, g1 + p1);
-        g = go ? fmadd(r1, c1, -b) : g;
+        putLane<1, N - 1>(d, i + 1, go, g1 + p1);
+        // g, s, c, r, p and i matter only to rotating lanes (a sweep's start sets them again), so
+        // they take the new values in every lane.
+        g = fmadd(r1, c1, -b);
         if constexpr (Vectors)
             for (int k = 0; k < N; ++k) {
-                const X zi = pickLane(Z[k], i), zj = pickLane(Z[k], i + 1);
-                putLane(Z[k], i + 1, go, s1 * zi + c1 * zj);
-                putLane(Z[k], i, go, c1 * zi - s1 * zj);
+                const X zi = pickLane<0, N - 2>(Z[k], i), zj = pickLane<1, N - 1>(Z[k], i + 1);
+                putLane<1, N - 1>(Z[k], i + 1, go, s1 * zi + c1 * zj);
+                putLane<0, N - 2>(Z[k], i, go, c1 * zi - s1 * zj);
             }
-        s = go ? s1 : s;
-        c = go ? c1 : c;
-        r = go ? r1 : r;
-        p = go ? p1 : p;
-        i = go ? i - 1 : i;
+        s = s1;
+        c = c1;
+        r = r1;
+        p = p1;
+        i = i - 1;
         // The sweep ends below row l: a last r within eps starts the search again from l >= 1.
         const M end = go & (i < l);
-        const M finish = end & ~((L::abs(r) <= eps) & (i >= 0));
-        putLane(d, l, finish, pickLane(d, l) - p);
-        putLane(e, l, finish, g);
-        putLane(e, m, finish, zero);
+        if (L::any(end)) {
+            const M finish = end & ~((L::abs(r) <= eps) & (i >= 0));
+            putLane<0, N - 2>(d, l, finish, pickLane<0, N - 2>(d, l) - p);
+            putLane<0, N - 2>(e, l, finish, g);
+            putLane<1, N - 1>(e, m, finish, zero);
+        }
         rotating = go & ~end;
     }
 
@@ -507,7 +515,7 @@ template <int N, class T, bool Vectors, class Src, class Vals, class Zs>
         if constexpr (Vectors)
             for (int r = 0; r < N; ++r) {
                 const X z0 = Z[r][i0];
-                Z[r][i0] = pickLane(Z[r], j);
+                Z[r][i0] = pickLane<0, N - 1>(Z[r], j);
                 for (int q = i0 + 1; q < N; ++q) Z[r][q] = j == q ? z0 : Z[r][q];
             }
     }
