@@ -2624,7 +2624,7 @@ OMKM_API OmkStatus omkmQRBackSubst_mava_64f_P(const Omk64f** ppSrc, int srcRoiSh
  * contiguous, sorted descending; it also serves as scratch during the reduction and must not
  * overlap the source. Column j of the vector matrix is the eigenvector of value j; each plane
  * rotation of the vectors rounds its four products apart (z_j = s*z_i + c*z_j, z_i = c*z_i - s*z_j).
- * Arrays of 3x3 matrices read each group of up to 8 matrices whole before writing it: a vector
+ * Arrays of orders 3 to 8 read each group of up to 8 matrices whole before writing it: a vector
  * matrix may be its own source matrix but must not overlap another matrix of the source.
  * Checks: null pointers, widthHeight, count, ROI shifts, strides (in that order).
  * n = 1 gives the element and vector 1.0 (no test). n = 2 is in closed form: omkStsSingular with

@@ -643,29 +643,35 @@ const Mat kNanMatrix = {1, std::numeric_limits<double>::quiet_NaN(), 0.5, std::n
                         2, 0.25, 0.5, 0.25, 3};
 
 
-// Order-3 matrices for arrays that run side by side: the direction cases that converge, random ones
-// of every spectrum, diagonal ones (every value found at once, with ties), reflections that are
-// skipped (h <= eps) and scaled ones, shuffled so that every block mixes them.
+// Matrices of order n for arrays that run side by side: the direction cases of that order that
+// converge, random ones of every spectrum, diagonal ones (every value found at once, with ties),
+// columns whose reflection is skipped (h <= eps), scaled ones, and at order 3 sweeps cut short by a
+// rotation with |r| <= eps; shuffled so that every block mixes them.
 template <class T>
-std::vector<Mat> laneMix(std::mt19937& rng) {
+std::vector<Mat> laneMix(int n, std::mt19937& rng) {
     const int es = sizeof(T);
     const double eps = kEps<T>;
     std::vector<Mat> mats;
     for (const auto& [a, dir] : directionCases<T>())
-        if (orderOf(a) == 3) mats.push_back(a);
+        if (orderOf(a) == n) mats.push_back(a);
     for (int kind = 0; kind < 3; ++kind)
-        for (const Mat& a : randomMats(3, 12, es, rng, kind)) mats.push_back(a);
-    mats.push_back(diagonal({2, -3, 2}));
-    mats.push_back(diagonal({1, 5, -7}));
-    // Sweeps cut short by a rotation with |r| <= eps.
-    for (double x : {0x1p-30, 0x1p-20, 0x1p-12}) {
-        mats.push_back(tridiagonal({-2, -2, -1}, {-1, x}));
-        mats.push_back(tridiagonal({-2, -2, 3}, {x, x}));
+        for (const Mat& a : randomMats(n, n == 3 ? 12 : 24, es, rng, kind)) mats.push_back(a);
+    std::vector<double> ties(n), spread(n);
+    for (int i = 0; i < n; ++i) ties[i] = i % 2 ? -3 : 2, spread[i] = (i % 2 ? -1 : 1) * (1 + 2 * i);
+    mats.push_back(diagonal(ties));
+    mats.push_back(diagonal(spread));
+    if (n == 3)
+        for (double x : {0x1p-30, 0x1p-20, 0x1p-12}) {
+            mats.push_back(tridiagonal({-2, -2, -1}, {-1, x}));
+            mats.push_back(tridiagonal({-2, -2, 3}, {x, x}));
+        }
+    for (double below : {0.0, eps / 4}) {  // column 0 under the diagonal
+        Mat a = randomMats(n, 1, es, rng)[0];
+        for (int i = 1; i < n; ++i) a[i * n] = a[i] = i == 1 ? below : 0.0;
+        mats.push_back(a);
     }
-    mats.push_back(Mat{4, 0, 0, 0, 1, 2, 0, 2, -3});
-    mats.push_back(Mat{4, eps / 4, 0, eps / 4, 1, 2, 0, 2, -3});
     for (double scale : {0x1p-4, 0x1p6}) {
-        Mat a = randomMats(3, 1, es, rng)[0];
+        Mat a = randomMats(n, 1, es, rng)[0];
         for (double& x : a) x = toType(x * scale, es);
         mats.push_back(a);
     }
@@ -674,16 +680,17 @@ std::vector<Mat> laneMix(std::mt19937& rng) {
 }
 
 template <class T>
-void lanesWalk() {
-    std::mt19937 rng(sizeof(T) == 4 ? 307 : 311);
+void lanesWalk(int n) {
+    std::mt19937 rng((sizeof(T) == 4 ? 307 : 311) + n);
     const std::string type = sizeof(T) == 4 ? "32f" : "64f";
     const size_t width = sizeof(T) == 4 ? 8 : 4;  // matrices side by side
-    const std::vector<Mat> mix = laneMix<T>(rng);
+    const double eps = kEps<T>;
+    const std::vector<Mat> mix = laneMix<T>(n, rng);
     for (const std::string op : {"EigenValuesSym", "EigenValuesVectorsSym"}) {
         const Member& single = memberNamed("omkm" + op + "_m_" + type);
         auto alone = [&](const Mat& a, OmkStatus want) {
             EigCase r;
-            build(r, single, 3, {a});
+            build(r, single, n, {a});
             return run(r) == want ? r.result(0) : std::vector<unsigned char>{};
         };
         std::vector<Mat> mats;
@@ -693,11 +700,11 @@ void lanesWalk() {
             if (auto bits = alone(a, omkStsOk); !bits.empty()) {
                 mats.push_back(a);
                 want.push_back(bits);
-                const Steps<T> steps = referenceSteps<T>(a, 3, -1);
+                const Steps<T> steps = referenceSteps<T>(a, n, -1);
                 ++directions[steps.qr];
                 restarts += steps.restarts > 0;
             }
-        ASSERT_GE(restarts, 2) << "no sweep in the mix was cut short";
+        if (n == 3) ASSERT_GE(restarts, 2) << "no sweep in the mix was cut short";
         ASSERT_GT(mats.size(), 8 * width);
         ASSERT_NE(mats.size() % width, 0u) << "no matrices after the last whole block";
         ASSERT_GT(directions[0], int(2 * width));
@@ -705,13 +712,19 @@ void lanesWalk() {
 
         // A failing matrix in the fourth block, after two of its neighbours.
         const size_t at = 3 * width + 2;
-        const std::vector<std::pair<Mat, OmkStatus>> failing = {
-            {tridiagonal({0.125, 0.1875, 0.25}, {0.125, 0.125}), omkStsSingular},
-            {tridiagonal({0.25, 0.1875, 0.125}, {0.125, 0.125}), omkStsSingular},
-            {kNanMatrix, omkStsNotConverged},
-            // QR (equal ends) with P = 4 * (eps/32) * 4 = eps/2: singular only if every value enters
-            // P where the QR search says, and row 0 only at the end.
-            {diagonal({4, kEps<T> / 32, 4}), omkStsSingular}};
+        // QR (equal ends) with P = 4 * (eps/32) * 4 = eps/2: singular only if every value enters P
+        // where the QR search says, and row 0 only at the end.
+        std::vector<double> product(n, 1.0), zero(n, 1.0);
+        product[0] = product[n - 1] = 4, product[1] = eps / 32;
+        zero[n / 2] = 0;
+        Mat nan = randomMats(n, 1, sizeof(T), rng)[0];
+        nan[1] = nan[n] = std::numeric_limits<double>::quiet_NaN();
+        std::vector<std::pair<Mat, OmkStatus>> failing = {
+            {diagonal(product), omkStsSingular}, {diagonal(zero), omkStsSingular}, {nan, omkStsNotConverged}};
+        if (n == 3) {  // rank 2, unsorted values, in both directions
+            failing.push_back({tridiagonal({0.125, 0.1875, 0.25}, {0.125, 0.125}), omkStsSingular});
+            failing.push_back({tridiagonal({0.25, 0.1875, 0.125}, {0.125, 0.125}), omkStsSingular});
+        }
 
         for (const Member& m : members()) {
             if (m.op != op || typeOf(m) != type || !m.hasArray()) continue;
@@ -719,11 +732,11 @@ void lanesWalk() {
                      {Style::Packed, Style::Packed}, {Style::PaddedRows, Style::Packed}, {Style::Packed, Style::PaddedRows}}) {
                 probe::Budget serial(1);
                 EigCase e;
-                build(e, m, 3, mats, ss, ds);
+                build(e, m, n, mats, ss, ds);
                 ASSERT_EQ(run(e), omkStsOk) << m.name;
                 EXPECT_TRUE(e.othersUntouched()) << m.name;
                 for (size_t k = 0; k < mats.size(); ++k)
-                    ASSERT_EQ(e.result(int(k)), want[k]) << m.name << " styles " << int(ss) << int(ds) << " object " << k;
+                    ASSERT_EQ(e.result(int(k)), want[k]) << m.name << " n " << n << " styles " << int(ss) << int(ds) << " object " << k;
             }
             for (const auto& [bad, st] : failing) {
                 probe::Budget serial(1);
@@ -732,8 +745,8 @@ void lanesWalk() {
                 std::vector<Mat> with = mats;
                 with[at] = bad;
                 EigCase e;
-                build(e, m, 3, with);
-                ASSERT_EQ(run(e), st) << m.name;
+                build(e, m, n, with);
+                ASSERT_EQ(run(e), st) << m.name << " n " << n;
                 EXPECT_TRUE(e.othersUntouched()) << m.name;
                 for (size_t k = 0; k < at; ++k) ASSERT_EQ(e.result(int(k)), want[k]) << m.name << " object " << k;
                 EXPECT_EQ(e.result(int(at)), badBits) << m.name << ": the failing matrix as one alone leaves it";
@@ -1036,12 +1049,14 @@ TEST(EigenSymResults, EveryDescriptionGivesTheSameBits) {
         }
 }
 
-// Arrays of order 3 with packed rows run 8 floats or 4 doubles side by side: every matrix gets the
-// bits of the single-matrix member whatever the others of its block do, and a failing matrix stops
-// the array at itself, as one matrix at a time does.
+// Arrays of orders 3 to 8 with packed rows run 8 floats or 4 doubles side by side: every matrix
+// gets the bits of the single-matrix member whatever the others of its block do, and a failing
+// matrix stops the array at itself, as one matrix at a time does.
 TEST(EigenSymLanes, EveryMatrixOfABlockGetsItsOwnBits) {
-    lanesWalk<float>();
-    lanesWalk<double>();
+    for (int n = 3; n <= 8; ++n) {
+        lanesWalk<float>(n);
+        lanesWalk<double>(n);
+    }
 }
 
 // ---- serial limits ----

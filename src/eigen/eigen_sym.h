@@ -323,7 +323,7 @@ OmkStatus oneMatrix(const SO& src, T* W, T* values, const ZO& z, int n) {
 }
 
 // ---- objects side by side ----
-// Arrays of order-3 matrices with packed rows (and, for the vector forms, packed vector rows) run a
+// Arrays of orders 3 to 8 with packed rows (and, for the vector forms, packed vector rows) run a
 // block of 8 floats or 4 doubles at once, matrix q of the block in lane q of every vector. Every
 // lane takes exactly the steps of orderN above for its own matrix: the same operations in the same
 // order, each branch of one object a lane-wise choice between both outcomes, each index that
@@ -335,6 +335,7 @@ OmkStatus oneMatrix(const SO& src, T* W, T* values, const ZO& z, int n) {
 // A block in which some matrix fails (30 sweeps for one value, or |P| <= eps) writes nothing and
 // returns false: only a failing matrix can end a block that way, and the per-object path then takes
 // the block in order up to that matrix.
+//
 // Row idx of a register array, for lanes whose idx lies in Lo ... Hi (the steps' bounds of that
 // index: a pick or a put costs one blend per row it may touch).
 template <int Lo, int Hi, class X, class M, int N>
@@ -528,12 +529,12 @@ template <int N, class T, bool Vectors, class Src, class Vals, class Zs>
     return true;
 }
 
-// The whole blocks among matrices 0 ... count-1 of order 3, each block read whole before any of it
-// is written; stops before a block with a failing matrix. Returns how many matrices it did.
+// The whole blocks among matrices 0 ... count-1 of orders 3 to 8, each block read whole before any
+// of it is written; stops before a block with a failing matrix. Returns how many matrices it did.
 template <class T, bool Vectors, class Src, class Vals, class Zs>
 int32_t eigenLanes(const Src& src, const Vals& vals, const Zs& zs, int n, int32_t count) {
     constexpr int W = BlockLanes<T>::W;
-    return forOrder<3, 3>(n, [&](auto order) {
+    return forOrder<3, 8>(n, [&](auto order) {
         int32_t k = 0;
         for (; k + W <= count; k += W)
             if (!eigenBlock<decltype(order)::value, T, Vectors>([&](int q) { return src(k + q); },
