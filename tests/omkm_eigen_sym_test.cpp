@@ -660,6 +660,14 @@ std::vector<Mat> laneMix(int n, std::mt19937& rng) {
     for (int i = 0; i < n; ++i) ties[i] = i % 2 ? -3 : 2, spread[i] = (i % 2 ? -1 : 1) * (1 + 2 * i);
     mats.push_back(diagonal(ties));
     mats.push_back(diagonal(spread));
+    // One coupling of 1 among negligible ones: the only sweeps start at l = t, in both directions.
+    for (int t = 0; t + 1 < n; ++t)
+        for (int dir : {0, 1}) {
+            std::vector<double> d(n), e(n - 1, eps / 4);
+            for (int i = 0; i < n; ++i) d[i] = dir ? n - i : i + 1;
+            e[dir ? n - 2 - t : t] = 1;
+            mats.push_back(tridiagonal(d, e));
+        }
     if (n == 3)
         for (double x : {0x1p-30, 0x1p-20, 0x1p-12}) {
             mats.push_back(tridiagonal({-2, -2, -1}, {-1, x}));
@@ -706,7 +714,7 @@ void lanesWalk(int n) {
             }
         if (n == 3) ASSERT_GE(restarts, 2) << "no sweep in the mix was cut short";
         ASSERT_GT(mats.size(), 8 * width);
-        ASSERT_NE(mats.size() % width, 0u) << "no matrices after the last whole block";
+        if (mats.size() % width == 0) mats.pop_back(), want.pop_back();  // a tail after the last block
         ASSERT_GT(directions[0], int(2 * width));
         ASSERT_GT(directions[1], int(2 * width));
 
@@ -737,6 +745,17 @@ void lanesWalk(int n) {
                 EXPECT_TRUE(e.othersUntouched()) << m.name;
                 for (size_t k = 0; k < mats.size(); ++k)
                     ASSERT_EQ(e.result(int(k)), want[k]) << m.name << " n " << n << " styles " << int(ss) << int(ds) << " object " << k;
+            }
+            // Each matrix in a block of its own copies: a block with a failing matrix is redone one
+            // matrix at a time, so in a mixed block a lane that fails where its matrix does not
+            // would go unseen.
+            for (size_t k = 0; k < mats.size(); ++k) {
+                probe::Budget serial(1);
+                EigCase e;
+                build(e, m, n, std::vector<Mat>(width, mats[k]));
+                ASSERT_EQ(run(e), omkStsOk) << m.name << " n " << n << " matrix " << k << " in a block of copies";
+                for (size_t q = 0; q < width; ++q)
+                    ASSERT_EQ(e.result(int(q)), want[k]) << m.name << " n " << n << " matrix " << k << " lane " << q;
             }
             for (const auto& [bad, st] : failing) {
                 probe::Budget serial(1);
