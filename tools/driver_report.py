@@ -130,8 +130,8 @@ def main():
     ap.add_argument("--min-time", type=float, default=0.3)
     args = ap.parse_args()
     results = []
-    for spec in args.build:
-        rt, build = spec.split("=", 1)
+    for entry in args.build:
+        rt, build = entry.split("=", 1)
         results.append((rt, build, run(build, args.repetitions, args.min_time)))
 
     ops = ["Add_mama_32f_4x4", "Mul_mama_32f_4x4"]

@@ -159,8 +159,14 @@ inline void keepRounded(T& a, T& b, T& c, T& d) {
 }
 
 // An off-diagonal element is negligible when |0.5*e| <= eps, in double whatever the element type:
-// an absolute test, not scaled by the neighbouring diagonal.
-template <class T> bool negligible(T e) { return std::fabs(0.5 * double(e)) <= double(kEps<T>); }
+// an absolute test, not scaled by the neighbouring diagonal. 0.5*e is exact in double for every
+// float and for every double above 2*eps, so the test is |e| <= 2*eps in the element type, which
+// the lanes compare directly.
+template <class T> constexpr T kNegligible = T(2) * kEps<T>;
+template <class T> bool negligible(T e) { return std::fabs(e) <= kNegligible<T>; }
+
+// Sweeps for one value before omkStsNotConverged.
+constexpr int kSweepLimit = 30;
 
 // The implicit shifted iteration on the diagonal D[0..n-1] and the couplings E[0..n-2] (E[i]
 // couples rows i and i+1; E[n-1] is a zero sentinel). Mirror = false is the QL direction, values
@@ -182,7 +188,7 @@ OmkStatus iterate(T* D, T* E, const ZO& z, int nArg, Found&& found) {
             while (m < n - 1 && !negligible(e(m))) ++m;
             found(m);
             if (m == l) break;
-            if (sweeps++ == 30) return omkStsNotConverged;
+            if (sweeps++ == kSweepLimit) return omkStsNotConverged;
             T g = (d(l + 1) - d(l)) / (T(2) * e(l));
             T r = std::sqrt(std::fma(g, g, T(1)));
             g = g > eps ? (d(m) - d(l)) + e(l) / (g + r) : (d(m) - d(l)) + e(l) / (g - r);
@@ -349,15 +355,24 @@ void putLane(X (&a)[N], M idx, M where, X x) {
     for (int q = Lo; q <= Hi; ++q) a[q] = (where & (idx == q)) ? x : a[q];
 }
 
+// The columns of Z in reverse order, in the lanes of `where`.
+template <class X, class M, int N>
+void reverseColumns(X (&Z)[N][N], M where) {
+    for (int r = 0; r < N; ++r)
+        for (int j = 0; j < N / 2; ++j) {
+            const X lo = Z[r][j], hi = Z[r][N - 1 - j];
+            Z[r][j] = where ? hi : lo;
+            Z[r][N - 1 - j] = where ? lo : hi;
+        }
+}
+
 template <int N, class T, bool Vectors, class Src, class Vals, class Zs>
 [[gnu::flatten]] bool eigenBlock(const Src& src, const Vals& vals, const Zs& zs) {
     using L = BlockLanes<T>;
     using X = typename L::X;
     using M = typename L::Mask;
     const X zero = X{}, one = zero + T(1), two = zero + T(2), eps = zero + kEps<T>;
-    // negligible(e) in lanes: |0.5*e| <= eps in double is |e| <= 2*eps in the element type, since
-    // 0.5*e is exact in double for every float and for every double above 2*eps.
-    const X tiny = zero + T(2) * kEps<T>;
+    const X tiny = zero + kNegligible<T>;
     const auto a = loadLanes<N, T>(src);
     X W[N][N], Z[N][N];
     for (int i = 0; i < N; ++i)
@@ -403,13 +418,7 @@ template <int N, class T, bool Vectors, class Src, class Vals, class Zs>
     for (int i = 0; i < N; ++i) d[i] = mirror ? W[N - 1 - i][N - 1 - i] : W[i][i];
     for (int i = 0; i + 1 < N; ++i) e[i] = mirror ? W[N - 1 - i][N - 2 - i] : W[i + 1][i];
     e[N - 1] = zero;
-    if constexpr (Vectors)
-        for (int r = 0; r < N; ++r)
-            for (int j = 0; j < N / 2; ++j) {
-                const X lo = Z[r][j], hi = Z[r][N - 1 - j];
-                Z[r][j] = mirror ? hi : lo;
-                Z[r][N - 1 - j] = mirror ? lo : hi;
-            }
+    if constexpr (Vectors) reverseColumns(Z, mirror);
 
     // The iteration of `iterate`, one plane rotation per lane and round. Between rotations a lane
     // searches (at most N times, one per value it finds converged) until it starts a sweep or is
@@ -430,7 +439,7 @@ template <int N, class T, bool Vectors, class Src, class Vals, class Zs>
             live = live & ~(found & (l == N));
             const M start = searching & ~found;
             if (!L::any(start)) continue;
-            if (L::any(start & (sweeps == 30))) return false;
+            if (L::any(start & (sweeps == kSweepLimit))) return false;
             sweeps = start ? sweeps + 1 : sweeps;
             const X dl = pickLane<0, N - 2>(d, l), el = pickLane<0, N - 2>(e, l);
             X g0 = (pickLane<1, N - 1>(d, l + 1) - dl) / (two * el);
@@ -493,13 +502,7 @@ template <int N, class T, bool Vectors, class Src, class Vals, class Zs>
     for (int j = 0; j < N; ++j) values[j] = mirror ? d[N - 1 - j] : d[j], product = product * d[j];
     P = mirror ? P * d[N - 1] : product;
     if (L::any(L::abs(P) <= eps)) return false;
-    if constexpr (Vectors)
-        for (int r = 0; r < N; ++r)
-            for (int j = 0; j < N / 2; ++j) {
-                const X lo = Z[r][j], hi = Z[r][N - 1 - j];
-                Z[r][j] = mirror ? hi : lo;
-                Z[r][N - 1 - j] = mirror ? lo : hi;
-            }
+    if constexpr (Vectors) reverseColumns(Z, mirror);
 
     // The selection sort of orderN, descending, the first index winning ties.
     for (int i0 = 0; i0 + 1 < N; ++i0) {

@@ -37,10 +37,7 @@ template <> struct BlockLanes<float> {
     static X sqrt(X x) { return (X)_mm256_sqrt_ps((__m256)x); }
     static X abs(X x) { return (X)_mm256_andnot_ps(_mm256_set1_ps(-0.0f), (__m256)x); }
     static bool any(Mask m) { return _mm256_movemask_ps((__m256)m) != 0; }
-    static bool anyBelow(X x, float t) {
-        const __m256 a = _mm256_andnot_ps(_mm256_set1_ps(-0.0f), (__m256)x);
-        return _mm256_movemask_ps(_mm256_cmp_ps(a, _mm256_set1_ps(t), _CMP_LT_OQ)) != 0;
-    }
+    static bool anyBelow(X x, float t) { return any(abs(x) < t); }
 };
 template <> struct BlockLanes<double> {
     using X = Block4d;
@@ -49,10 +46,7 @@ template <> struct BlockLanes<double> {
     static X sqrt(X x) { return (X)_mm256_sqrt_pd((__m256d)x); }
     static X abs(X x) { return (X)_mm256_andnot_pd(_mm256_set1_pd(-0.0), (__m256d)x); }
     static bool any(Mask m) { return _mm256_movemask_pd((__m256d)m) != 0; }
-    static bool anyBelow(X x, double t) {
-        const __m256d a = _mm256_andnot_pd(_mm256_set1_pd(-0.0), (__m256d)x);
-        return _mm256_movemask_pd(_mm256_cmp_pd(a, _mm256_set1_pd(t), _CMP_LT_OQ)) != 0;
-    }
+    static bool anyBelow(X x, double t) { return any(abs(x) < t); }
 };
 
 template <class X, int N>
