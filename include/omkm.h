@@ -2446,7 +2446,9 @@ OMKM_API OmkStatus omkmCholeskyBackSubst_mava_64f_P(const Omk64f** ppSrc, int sr
  * same strides; arrays of orders 3 to 6 run up to 8 objects side by side, each group read whole
  * before it is written, so pDst must not overlap another object of pSrc). Order 1: singular when
  * |a| <= 2*m. Order 2 and orders 7 and more: elimination in pBuffer, then each element from its
- * minor's determinant; pDst must not overlap pSrc there. Invert_m4: |det| < 2^-119 is singular
+ * minor's determinant, taken as t when a pivot of the minor falls below t or its last pivot is not
+ * above t (order 2: a minor is one element, so an element not above t gives t and a zero of the
+ * source gives -+r*t, not a zero); pDst must not overlap pSrc there. Invert_m4: |det| < 2^-119 is singular
  * (*pDet = 0), else *pDet = det and r = (r0 + r0) - det*(r0*r0) from the processor's reciprocal
  * estimate r0 (for |det| below about 2^-64, r0*r0 overflows and the entries are infinite or NaN
  * with omkStsOk). Arrays stop at the first singular matrix on one thread; with threads each slice

@@ -41,20 +41,12 @@ def _load():
         if os.sep in path and not os.path.exists(path):
             tried.append(f"{what}: {path} (no such file)")
             continue
-        # libomkcore is libomkm's own dependency. A copy beside libomkm is loaded first: the loader
-        # then resolves libomkm's dependency to it by name, which an installed libomkm (no run
-        # path) in a prefix outside the loader's search path needs.
+        # libomkcore is libomkm's own dependency, found beside it (the installed libomkm's run path
+        # is $ORIGIN; the build tree's names the build directory). Once libomkm is loaded, its
+        # soname gives the same copy.
         try:
-            core = None
-            if os.sep in path:
-                for name in ("libomkcore.so.7", "libomkcore.so"):
-                    sibling = os.path.join(os.path.dirname(path), name)
-                    if os.path.exists(sibling):
-                        core = ctypes.CDLL(sibling)
-                        break
             lib = ctypes.CDLL(path)
-            if core is None:
-                core = ctypes.CDLL("libomkcore.so.7")
+            core = ctypes.CDLL("libomkcore.so.7")
         except OSError as e:
             tried.append(f"{what}: {path} ({e})")
             continue

@@ -420,9 +420,10 @@ OmkStatus invertFixed(const DO& d, const SO& a) {
 // reciprocal) gives det = (s * last) * (product of the earlier pivots); a pivot below t sets the
 // buffer's first element to 0 and is singular, as is |det| <= t. Then every element from its
 // minor: the (n-1) x (n-1) matrix without row i and column j eliminated the same way, its value the
-// product of its pivots and last pivot, or t when one of them falls below t (a minor of order 1 is
-// its element); inverse(j, i) = (r * value) with the sign of (-1)^(i+j) times the minor's exchange
-// sign.
+// product of its pivots and last pivot, or t when one of them falls below t, the last one when it is
+// not above t. A minor of order 1 (order 2) is its element, which is also its last pivot: an element
+// not above t in magnitude gives t. inverse(j, i) = (r * value) with the sign of (-1)^(i+j) times
+// the minor's exchange sign.
 template <class T, class DO, class SO>
 OmkStatus invertEliminate(const DO& d, const SO& a, T* w, int n) {
     const T t = tolerance<T>(n);
@@ -449,7 +450,8 @@ OmkStatus invertEliminate(const DO& d, const SO& a, T* w, int n) {
             T value;
             int msign = 1;
             if (m == 1) {
-                value = a.at(1 - i, 1 - j);
+                const T el = a.at(1 - i, 1 - j);
+                value = std::fabs(el) > t ? el : t;
             } else {
                 for (int p = 0, r2 = 0; p < n; ++p) {
                     if (p == i) continue;

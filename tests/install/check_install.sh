@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# Installs the build into a fresh prefix, then builds and runs one consumer through find_package
-# and one through pkg-config, each from that prefix only (their libomkm must resolve there).
-# usage: check_install.sh <cmake> <build dir> <consumer source dir> <work dir> <C compiler>
+# Installs the build into a fresh prefix, then builds consumers in C and C++ through find_package
+# and one in C through pkg-config, each from that prefix only, and runs them with an empty
+# environment. The consumers call only omkm* functions and link with --as-needed, so they record
+# libomkm alone: the installed libomkm must find libomkcore itself.
+# usage: check_install.sh <cmake> <build dir> <consumer source dir> <work dir> <C compiler> <C++ compiler>
 set -euo pipefail
-cmake_bin=$1 build=$2 src=$3 work=$4 cc=$5
+cmake_bin=$1 build=$2 src=$3 work=$4 cc=$5 cxx=$6
 rm -rf "$work"
 mkdir -p "$work"
 prefix=$work/prefix
@@ -21,20 +23,31 @@ from_prefix() {  # the program's libomkm and libomkcore come from the prefix
   done
 }
 
-echo "== find_package(omkm CONFIG) =="
-"$cmake_bin" -S "$src" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" >/dev/null
+run_bare() {  # the program records libomkm, not libomkcore, and starts with an empty environment
+  if readelf -d "$1" | grep NEEDED | grep -q libomkcore; then
+    echo "$1 records libomkcore itself; it does not show that libomkm finds its own dependency"
+    return 1
+  fi
+  env -i PATH=/usr/bin:/bin "$1"
+}
+
+echo "== find_package(omkm CONFIG), C and C++ =="
+"$cmake_bin" -S "$src" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" \
+  -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_EXE_LINKER_FLAGS=-Wl,--as-needed >/dev/null
 "$cmake_bin" --build "$work/cmake-consumer" >/dev/null
-from_prefix "$work/cmake-consumer/consumer"
-"$work/cmake-consumer/consumer"
+for program in consumer consumer_cxx; do
+  from_prefix "$work/cmake-consumer/$program"
+  run_bare "$work/cmake-consumer/$program"
+done
 
 echo "== pkg-config omkm =="
 pcdir=$(dirname "$(find "$prefix" -name omkm.pc)")
 export PKG_CONFIG_PATH=$pcdir
 # shellcheck disable=SC2046
 "$cc" -std=c99 -Wall -Wextra -pedantic -Werror "$src/consumer.c" -o "$work/pc-consumer" \
-  $(pkg-config --cflags --libs omkm) -Wl,-rpath,"$(pkg-config --variable=libdir omkm)"
+  -Wl,--as-needed $(pkg-config --cflags --libs omkm) -Wl,-rpath,"$(pkg-config --variable=libdir omkm)"
 from_prefix "$work/pc-consumer"
-"$work/pc-consumer"
+run_bare "$work/pc-consumer"
 
 echo "== python3 -c 'import omkm' from the prefix =="
 # The installed package, on PYTHONPATH only, must load the libomkm installed beside it (not the
