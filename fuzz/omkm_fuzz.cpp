@@ -30,7 +30,7 @@
 
 namespace {
 
-using namespace sweep;
+using namespace omkt;
 
 const std::vector<const Export*>& arrayMembers() {
     static const std::vector<const Export*> list = [] {
@@ -87,8 +87,8 @@ OmkStatus callWithBudget(Call& c, const ArgList& args, int budget) {
 
 // Bytes of the arena a run leaves, outside the scratch buffers (which serial and parallel runs
 // use differently).
-std::vector<unsigned char> resultBytes(const Call& c) {
-    std::vector<unsigned char> out = c.arena.bytes;
+Bytes resultBytes(const Call& c) {
+    Bytes out = c.arena.bytes;
     for (const Region& g : c.regions)
         if (g.kind == Region::Scratch) std::fill_n(out.begin() + g.off, g.bytes, 0);
     return out;
@@ -118,8 +118,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool compareParallel = in.byte() & 1;
 
     Call c = layCall(ex, shape);
-    if (!c.rule.known || !c.error.empty()) {
-        std::fprintf(stderr, "%s: %s\n", ex.name, c.rule.known ? c.error.c_str() : "no rule");
+    const Rule rule = ruleFor(ex.name);
+    if (!rule.known || !c.error.empty()) {
+        std::fprintf(stderr, "%s: %s\n", ex.name, rule.known ? c.error.c_str() : "no rule");
         std::abort();
     }
     const int e = c.esize, n = c.n;
@@ -135,15 +136,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const uint8_t how = in.byte();
         const int32_t v = in.word();
         const Role role = roleOf(p);
-        if (!c.rule.checks && role != Role::Count) continue;  // unchecked members: valid values only
-        const char step = stepOf(c.rule, p);
+        if (!rule.checks && role != Role::Count) continue;  // unchecked members: valid values only
+        const char step = stepOf(rule, p);
         switch (role) {
         case Role::Ptr: a.ptr = nullptr; failing += step; break;
         case Role::Count: {
             const int32_t choice[] = {0, -1, INT_MIN, v < 0 ? v : -1 - v};
             if (how % 2 == 0) { a.i = 1 + uint32_t(v) % uint32_t(c.count); break; }  // fewer objects
             a.i = choice[(how / 2) % 4];
-            if (c.rule.checks) failing += step;
+            if (rule.checks) failing += step;
             break;
         }
         case Role::Size: {
@@ -183,7 +184,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (roleOf(c.params[i]) == Role::Size && args.args[i].i < 1) sizesPositive = false;
     if (sizesPositive) {
         auto value = [&](const std::string& name) { return args.args[c.argIndex(name)].i; };
-        if (!sizesAgree(c.rule, value)) failing += 'A';
+        if (!sizesAgree(rule, value)) failing += 'A';
         const int wi = c.argIndex("widthHeight");
         if (wi >= 0) width = int(args.args[wi].i);
     }
@@ -192,10 +193,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto tables0 = c.tables;
     const OmkStatus st = callWithBudget(c, args, 1);
     if (!failing.empty()) {
-        const OmkStatus want = expectedStatus(c.rule, failing);
+        const OmkStatus want = expectedStatus(rule, failing);
         if (st != want)
             fail(c, args, "status " + std::to_string(st) + " where the failing steps " + failing + " of order " +
-                              c.rule.order + " give " + std::to_string(want));
+                              rule.order + " give " + std::to_string(want));
         if (c.arena.bytes != c.pristine) fail(c, args, "bytes written on a failed check");
         if (c.tables != tables0) fail(c, args, "pointer table changed");
         if (gAsks) fail(c, args, "thread budget asked on a failed check");
@@ -220,7 +221,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             fail(c, args, "wrote " + where + ", not an output element");
         }
     if (compareParallel && count >= 2 && st == omkStsOk) {
-        const std::vector<unsigned char> serial = resultBytes(c);
+        const Bytes serial = resultBytes(c);
         c.arena.bytes = c.pristine;
         const OmkStatus st2 = callWithBudget(c, args, 2);
         if (st2 != st) fail(c, args, "status " + std::to_string(st2) + " with 2 threads, " + std::to_string(st) + " serially");

@@ -24,7 +24,7 @@
 
 namespace {
 
-using namespace sweep;
+using namespace omkt;
 
 std::atomic<long> gExportsSwept{0}, gExportsWithChecks{0}, gCasesTried{0};
 
@@ -54,7 +54,7 @@ void checkOutputsWritten(Call& c, const ArgList& args, const std::string& label,
 // Calls `c` with `args` and checks the status against `want`, the bytes written against the
 // call's outputs (none at all when `mayWrite` is false), the pointer tables and the budget asks;
 // then restores the arena and the tables.
-void check(Call& c, const std::vector<std::vector<void*>>& tables0, ArgList args, OmkStatus want,
+void check(Call& c, const Rule& rule, const std::vector<std::vector<void*>>& tables0, ArgList args, OmkStatus want,
            bool mayWrite, const std::string& label, Report& r) {
     probe::resetCalls();
     const OmkStatus st = c.ex->call(args);
@@ -62,7 +62,7 @@ void check(Call& c, const std::vector<std::vector<void*>>& tables0, ArgList args
     ++r.cases;
     const std::string who = std::string(c.ex->name) + " [" + label + "]: ";
     if (st != want)
-        r.fail(who + "status " + std::to_string(st) + ", expected " + std::to_string(want) + " (rule: " + c.rule.note + ")");
+        r.fail(who + "status " + std::to_string(st) + ", expected " + std::to_string(want) + " (rule: " + rule.note + ")");
     if (asks != 0) r.fail(who + "asked for the thread budget " + std::to_string(asks) + " times");
     if (c.tables != tables0) {
         r.fail(who + "a pointer table changed");
@@ -91,35 +91,36 @@ Report sweepExport(const Export& ex) {
         return r;
     }
     Call c = layCall(ex);
-    if (!c.rule.known) { r.fail(std::string(ex.name) + ": no rule"); return r; }
+    const Rule rule = ruleFor(ex.name);
+    if (!rule.known) { r.fail(std::string(ex.name) + ": no rule"); return r; }
     if (!c.error.empty()) { r.fail(std::string(ex.name) + ": " + c.error); return r; }
     const auto tables0 = c.tables;
     const int countArg = c.argIndex("count");
 
-    if (!c.rule.checks) {
-        check(c, tables0, c.args, omkStsOk, true, "valid, no checks", r);
+    if (!rule.checks) {
+        check(c, rule, tables0, c.args, omkStsOk, true, "valid, no checks", r);
         checkOutputsWritten(c, c.args, "valid, no checks", r);
         if (countArg >= 0)
             for (int64_t v : {0, -1}) {
                 ArgList a = c.args;
                 a.args[countArg].i = v;
-                check(c, tables0, a, omkStsOk, false, "count=" + std::to_string(v) + ", no checks", r);
+                check(c, rule, tables0, a, omkStsOk, false, "count=" + std::to_string(v) + ", no checks", r);
             }
         return r;
     }
 
-    const std::vector<Spoil> spoils = spoilsOf(c);
+    const std::vector<Spoil> spoils = spoilsOf(c, rule);
     for (const Spoil& s : spoils)
-        if (s.step == 0 || c.rule.order.find(s.step) == std::string::npos)
-            r.fail(std::string(ex.name) + ": the rule (" + c.rule.order + ") has no step for " + s.what);
+        if (s.step == 0 || rule.order.find(s.step) == std::string::npos)
+            r.fail(std::string(ex.name) + ": the rule (" + rule.order + ") has no step for " + s.what);
     if (r.failures) return r;
 
-    check(c, tables0, c.args, omkStsOk, true, "valid", r);
+    check(c, rule, tables0, c.args, omkStsOk, true, "valid", r);
     checkOutputsWritten(c, c.args, "valid", r);
     for (const Spoil& s : spoils) {
         ArgList a = c.args;
         apply(a, s);
-        check(c, tables0, a, statusOfStep(s.step), false, s.what, r);
+        check(c, rule, tables0, a, statusOfStep(s.step), false, s.what, r);
     }
     for (size_t i = 0; i < spoils.size(); ++i)
         for (size_t j = i + 1; j < spoils.size(); ++j) {
@@ -129,16 +130,16 @@ Report sweepExport(const Export& ex) {
             ArgList a = c.args;
             apply(a, s);
             apply(a, t);
-            check(c, tables0, a, expectedStatus(c.rule, std::string{s.step, t.step}), false, s.what + ", " + t.what, r);
+            check(c, rule, tables0, a, expectedStatus(rule, std::string{s.step, t.step}), false, s.what + ", " + t.what, r);
         }
     // Object strides tested last and only for more than one object: with count 1 any is accepted.
-    if (c.rule.order.find('Z') != std::string::npos && countArg >= 0)
+    if (rule.order.find('Z') != std::string::npos && countArg >= 0)
         for (const Spoil& s : spoils) {
             if (s.step != 'Z') continue;
             ArgList a = c.args;
             a.args[countArg].i = 1;
             apply(a, s);
-            check(c, tables0, a, omkStsOk, true, "count=1, " + s.what, r);
+            check(c, rule, tables0, a, omkStsOk, true, "count=1, " + s.what, r);
         }
     return r;
 }
