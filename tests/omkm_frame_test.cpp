@@ -39,32 +39,20 @@ std::vector<SliceRun> recordSlices(int count, OmkStatus (*status)(int first) = n
 
 }  // namespace
 
-TEST(ParallelDriver, SliceArithmetic) {
-    const omk::Split sevenOverThree = omk::Split::over(7, 3);
-    const omk::Slice seven[] = {sevenOverThree.of(0), sevenOverThree.of(1), sevenOverThree.of(2)};
-    EXPECT_EQ(seven[0].first, 0); EXPECT_EQ(seven[0].count, 3);
-    EXPECT_EQ(seven[1].first, 3); EXPECT_EQ(seven[1].count, 2);
-    EXPECT_EQ(seven[2].first, 5); EXPECT_EQ(seven[2].count, 2);
-    // count 10 over 4: objects 0-2, 3-5, 6-7, 8-9.
-    const int firsts[] = {0, 3, 6, 8}, counts[] = {3, 3, 2, 2};
-    for (int t = 0; t < 4; ++t) {
-        EXPECT_EQ(omk::Split::over(10, 4).of(t).first, firsts[t]);
-        EXPECT_EQ(omk::Split::over(10, 4).of(t).count, counts[t]);
-    }
-    // Slices cover every object once, in thread order.
-    for (int count : {5, 7, 64, 1001})
+// The slices follow each other in thread order, the first count % team threads taking one object
+// more; seven objects over a budget of three run as 3, 2 and 2 on threads 0, 1 and 2.
+TEST(ParallelDriver, ContiguousSlicesInThreadOrder) {
+    for (int count : {5, 7, 10, 64, 1001})
         for (int team = 1; team <= 5 && team <= count; ++team) {
             int next = 0;
             for (int t = 0; t < team; ++t) {
                 const omk::Slice s = omk::Split::over(count, team).of(t);
                 EXPECT_EQ(s.first, next);
+                EXPECT_EQ(s.count, count / team + (t < count % team));
                 next += s.count;
             }
             EXPECT_EQ(next, count);
         }
-}
-
-TEST(ParallelDriver, SplitsSevenObjectsOverThreeThreads) {
     probe::Budget three(3);
     const std::vector<SliceRun> runs = recordSlices(7);
     EXPECT_EQ(probe::calls(), 2);  // once to decide, once to size the team
@@ -73,7 +61,7 @@ TEST(ParallelDriver, SplitsSevenObjectsOverThreeThreads) {
     for (int t = 0; t < 3; ++t) {
         EXPECT_EQ(runs[t].first, firsts[t]);
         EXPECT_EQ(runs[t].m, counts[t]);
-        EXPECT_EQ(runs[t].thread, t);  // slices in thread order
+        EXPECT_EQ(runs[t].thread, t);
         EXPECT_EQ(runs[t].team, 3);
     }
 }
