@@ -66,18 +66,6 @@ def test_matmul_bits(rng, dt, n):
     same_bits(omkm.matmul(x[1], y[1]), want2)
 
 
-def test_matvec_bits(rng, dt):
-    count, n = 40, 4
-    a = rng.standard_normal((count, n, n)).astype(dt)
-    v = rng.standard_normal((count, n)).astype(dt)
-    isz = a.itemsize
-    want = np.empty((count, n), dt)
-    direct("omkmMul_mava" + sfx(dt), [P, I, I, I, I, I, P, I, I, I, P, I, I, I],
-           ptr(a), n * n * isz, n * isz, isz, n, n, ptr(v), n * isz, isz, n, ptr(want), n * isz, isz, count)
-    for m in layouts(a):
-        same_bits(omkm.matvec(m, v, copy=False), want)
-
-
 def test_add_sub_bits(rng, dt):
     count, h, w = 30, 3, 5
     x = rng.standard_normal((count, h, w)).astype(dt)
@@ -92,30 +80,6 @@ def test_add_sub_bits(rng, dt):
         for a in layouts(x):
             for b in layouts(y):
                 same_bits(f(a, b, copy=False), want)
-
-
-@pytest.mark.parametrize("n", [3, 4])
-def test_det_bits(rng, dt, n):
-    count = 60
-    a = rng.standard_normal((count, n, n)).astype(dt)
-    isz = a.itemsize
-    want = np.empty(count, dt)
-    buf = np.empty(n * n * isz + 4 * n, np.uint8)
-    direct("omkmDet_ma" + sfx(dt), [P, I, I, I, I, P, P, I],
-           ptr(a), n * n * isz, n * isz, isz, n, ptr(buf), ptr(want), count)
-    for m in layouts(a):
-        same_bits(omkm.det(m, copy=False), want)
-
-
-def test_transform_points_bits(rng):
-    m = rng.standard_normal((4, 4)).astype(np.float32)
-    p = rng.standard_normal((100, 3)).astype(np.float32)
-    want = np.empty_like(p)
-    direct("omkmAffineTransformCoord_m4v3a_32f", [P, P, I, P, I, I], ptr(m), ptr(p), 12, ptr(want), 12, 100)
-    same_bits(omkm.transform_points(m, p), want)
-    rec = np.zeros(100, [("xyz", np.float32, 3), ("id", np.int32)])
-    rec["xyz"] = p
-    same_bits(omkm.transform_points(m, rec["xyz"], copy=False), want)
 
 
 def test_bits_do_not_depend_on_threads(rng):

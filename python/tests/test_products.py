@@ -165,6 +165,7 @@ def test_promotion(rng):
     i = np.arange(COUNT * 9).reshape(COUNT, 3, 3)
     got = omkm.add(i, i)
     assert got.dtype == np.float64
+    assert omkm.add(i.astype(np.int32), i.astype(np.int32)).dtype == np.float64   # only float32 stays float32
     np.testing.assert_array_equal(got, 2 * i)
     np.testing.assert_allclose(omkm.matmul([[1, 2], [3, 4]], [[1, 0], [0, 1]]), [[1, 2], [3, 4]])
 
