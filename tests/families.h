@@ -29,6 +29,7 @@ struct Family {
     std::function<int64_t(const Name&, const Shape&)> work;
     std::function<int64_t(const Call&)> firstParallel;
     std::function<void(Call&, int k)> spoil;  // object k fails (families whose kernels can fail)
+    std::function<bool(const Name&)> fails;   // the members spoil makes fail (every member when empty)
     std::vector<std::string> ways;            // rounding orders the results walk must tell apart
     std::vector<std::string> inPlace;         // sources the destination may lie over ("Src1")
     bool specials = false;  // the reference follows IEEE rules on NaN, infinities, subnormals and zeros
