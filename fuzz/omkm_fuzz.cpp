@@ -224,7 +224,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const Bytes serial = resultBytes(c);
         c.arena.bytes = c.pristine;
         const OmkStatus st2 = callWithBudget(c, args, 2);
-        if (st2 != st) fail(c, args, "status " + std::to_string(st2) + " with 2 threads, " + std::to_string(st) + " serially");
+        if (st2 != st)
+            fail(c, args, "status " + std::to_string(st2) + " with 2 threads, " + std::to_string(st) + " serially");
         if (resultBytes(c) != serial) fail(c, args, "results with 2 threads differ from the serial results");
         if (c.tables != tables0) fail(c, args, "pointer table changed with 2 threads");
     }

@@ -111,7 +111,8 @@ inline Rule ruleFor(const std::string& full) {
                                           "vava", "vac", "cva", "vca", "cav", "vaca", "cava"});
         if (!groupOk) return unknown;
         if (!hasArray(g)) return d == "L" ? unknown : order("NSTR", "single objects: null, size, stride / ROI");
-        if ((g == "mam" || (!add && g == "mma")) && d.empty()) return order("NCTS", "mam/mma standard: strides before size");
+        if ((g == "mam" || (!add && g == "mma")) && d.empty())
+            return order("NCTS", "mam/mma standard: strides before size");
         if (g == "vav") {
             if (d.empty()) return order("NSTC", "vav standard: size, stride, then count");
             if (d == "L") return order("NSTRC", "vav _L: size, stride, ROI, then count");
@@ -138,7 +139,8 @@ inline Rule ruleFor(const std::string& full) {
             if (g == "v" && n.type == "32f") return order("NSR", "Extract v_32f_P: null before size");
             return order("SNR", "Extract single _P: size before null");
         }
-        return d.empty() ? order("NSCT", "Extract arrays standard") : order("NSCRT", "Extract arrays _P/_L: ROI before strides");
+        return d.empty() ? order("NSCT", "Extract arrays standard")
+                         : order("NSCRT", "Extract arrays _P/_L: ROI before strides");
     }
     if (op == "LoadIdentity") {
         if (g != "ma" || !isDesc(d)) return unknown;
@@ -311,7 +313,8 @@ inline std::vector<bool> writable(const Call& c, const ArgList& args) {
             for (int k = 0; k < (g.array ? objects : 1); ++k)
                 for (int i = 0; i < g.rows; ++i)
                     for (int j = 0; j < g.cols; ++j)
-                        for (int b = 0; b < g.esize && g.at(k, i, j) + b < mark.size(); ++b) mark[g.at(k, i, j) + b] = true;
+                        for (int b = 0; b < g.esize && g.at(k, i, j) + b < mark.size(); ++b)
+                            mark[g.at(k, i, j) + b] = true;
             continue;
         }
         if (g.kind == Region::Scalars || g.kind == Region::Index) {

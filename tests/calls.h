@@ -376,7 +376,10 @@ inline Call layCall(const Export& ex, const Shape& shape = Shape{}) {
         g.table = p.name.rfind("pp", 0) == 0;
         if (g.table) {
             g.style = c.name.op == "Copy" ? c.name.desc[g.output ? 1 : 0] : c.name.desc.empty() ? '?' : c.name.desc[0];
-            if (g.style != 'P' && g.style != 'L') { c.error = "pointer table " + p.name + " in a standard member"; return c; }
+            if (g.style != 'P' && g.style != 'L') {
+                c.error = "pointer table " + p.name + " in a standard member";
+                return c;
+            }
         }
         const std::string& x = g.prefix;
         const bool has0 = !x.empty() && c.has(x + "Stride0"), has1 = !x.empty() && c.has(x + "Stride1");
@@ -444,8 +447,9 @@ inline Call layCall(const Export& ex, const Shape& shape = Shape{}) {
         if (g.table) g.roi = st.roi * e;
         // An in-place call: the destination takes the source's place and strides.
         if (g.output && !shape.alias.empty() && g.kind != Region::Scratch && g.prefix.rfind("dst", 0) == 0) {
-            const auto s = std::find_if(c.regions.begin(), c.regions.end(),
-                                        [&](const Region& r) { return r.param.substr(r.table ? 2 : 1) == shape.alias; });
+            const auto s = std::find_if(c.regions.begin(), c.regions.end(), [&](const Region& r) {
+                return r.param.substr(r.table ? 2 : 1) == shape.alias;
+            });
             if (s != c.regions.end()) {
                 Region a = *s;
                 a.param = g.param, a.prefix = g.prefix, a.output = true, a.table = g.table, a.style = g.style;
@@ -485,7 +489,8 @@ inline Call layCall(const Export& ex, const Shape& shape = Shape{}) {
             }
             for (int i = 0; i < g.rows; ++i)
                 for (int j = 0; j < g.cols; ++j)
-                    put(g.at(k, i, j), g.kind == Region::Matrix ? (i == j ? n + 1 + i + 0.5 * k : 0.25) : 1 + 0.5 * j + 0.25 * k,
+                    put(g.at(k, i, j),
+                        g.kind == Region::Matrix ? (i == j ? n + 1 + i + 0.5 * k : 0.25) : 1 + 0.5 * j + 0.25 * k,
                         g.esize);
         }
     }
@@ -559,14 +564,16 @@ inline std::string firstDifference(const Call& c) {
         if (skip[b] || c.want[b] == c.arena.bytes[b]) continue;
         for (const Region& g : c.regions) {
             if (b < g.off || b >= g.off + g.bytes || !g.output) continue;
+            const bool fixed = g.kind == Region::Fixed;  // 4 x 4 elements
             for (int k = 0; k < c.objects(g); ++k)
-                for (int i = 0; i < g.rows; ++i)
-                    for (int j = 0; j < g.cols; ++j) {
+                for (int i = 0; i < (fixed ? 4 : g.rows); ++i)
+                    for (int j = 0; j < (fixed ? 4 : g.cols); ++j) {
                         const size_t at = g.at(k, i, j);
                         if (b < at || b >= at + size_t(g.esize)) continue;
                         const bool f = g.esize == 4 && g.kind != Region::Index;
                         const double want = f ? load<float>(c.want.data() + at) : load<double>(c.want.data() + at);
-                        const double got = f ? load<float>(c.arena.bytes.data() + at) : load<double>(c.arena.bytes.data() + at);
+                        const double got =
+                            f ? load<float>(c.arena.bytes.data() + at) : load<double>(c.arena.bytes.data() + at);
                         if (g.kind != Region::Index && std::isnan(want) && std::isnan(got)) {
                             b = at + g.esize - 1;
                             goto next;
@@ -583,7 +590,8 @@ inline std::string firstDifference(const Call& c) {
             std::ostringstream s;
             s << c.ex->name << ": byte " << b << " written";
             for (const Region& g : c.regions)
-                if (b >= g.off && b < g.off + g.bytes) s << " (" << g.param << " byte " << b - g.off << ", not an element)";
+                if (b >= g.off && b < g.off + g.bytes)
+                    s << " (" << g.param << " byte " << b - g.off << ", not an element)";
             return s.str();
         }
     next:;

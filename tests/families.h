@@ -29,12 +29,12 @@ struct Family {
     std::function<int64_t(const Name&, const Shape&)> work;
     std::function<int64_t(const Call&)> firstParallel;
     std::function<void(Call&, int k)> spoil;  // object k fails (families whose kernels can fail)
-    std::function<bool(const Name&)> fails;   // the members spoil makes fail (every member when empty)
     std::vector<std::string> ways;            // rounding orders the results walk must tell apart
     std::vector<std::string> inPlace;         // sources the destination may lie over ("Src1")
     bool specials = false;  // the reference follows IEEE rules on NaN, infinities, subnormals and zeros
     // Shapes for the search of the serial limits, when they differ from `shapes`.
     std::function<std::vector<Shape>(const Name&)> limitShapes;
+    std::function<bool(const Name&)> fails;  // the members spoil makes fail (every member when empty)
 };
 
 // Every family; each subsystem's rows come from its family file.
@@ -137,7 +137,8 @@ inline std::vector<Slice> driverSlices(int count, int team) {
     std::vector<Slice> out;
     const int chunk = count / team, rem = count % team;
     for (int t = 0; t < team; ++t)
-        out.push_back(t < rem ? Slice{(chunk + 1) * t, chunk + 1} : Slice{(chunk + 1) * rem + (t - rem) * chunk, chunk});
+        out.push_back(t < rem ? Slice{(chunk + 1) * t, chunk + 1}
+                              : Slice{(chunk + 1) * rem + (t - rem) * chunk, chunk});
     return out;
 }
 

@@ -45,8 +45,8 @@ void checkOutputsWritten(Call& c, const ArgList& args, const std::string& label,
     for (const Region& g : c.regions) {
         if (!g.output || g.kind == Region::Scratch) continue;
         if (std::memcmp(c.arena.at(g.off), c.pristine.data() + g.off, g.bytes) == 0)
-            r.fail(std::string(c.ex->name) + " [" + label + "]: status " + std::to_string(st) + " but nothing written to " +
-                   g.param);
+            r.fail(std::string(c.ex->name) + " [" + label + "]: status " + std::to_string(st) +
+                   " but nothing written to " + g.param);
     }
     c.arena.bytes = c.pristine;
 }
@@ -62,11 +62,13 @@ void check(Call& c, const Rule& rule, const std::vector<std::vector<void*>>& tab
     ++r.cases;
     const std::string who = std::string(c.ex->name) + " [" + label + "]: ";
     if (st != want)
-        r.fail(who + "status " + std::to_string(st) + ", expected " + std::to_string(want) + " (rule: " + rule.note + ")");
+        r.fail(who + "status " + std::to_string(st) + ", expected " + std::to_string(want) + " (rule: " + rule.note +
+               ")");
     if (asks != 0) r.fail(who + "asked for the thread budget " + std::to_string(asks) + " times");
     if (c.tables != tables0) {
         r.fail(who + "a pointer table changed");
-        for (size_t i = 0; i < tables0.size(); ++i) std::copy(tables0[i].begin(), tables0[i].end(), c.tables[i].begin());
+        for (size_t i = 0; i < tables0.size(); ++i)
+            std::copy(tables0[i].begin(), tables0[i].end(), c.tables[i].begin());
     }
     if (std::memcmp(c.arena.bytes.data(), c.pristine.data(), c.pristine.size()) != 0) {
         const std::vector<bool> ok = mayWrite ? writable(c, args) : std::vector<bool>(c.pristine.size(), false);
@@ -130,7 +132,8 @@ Report sweepExport(const Export& ex) {
             ArgList a = c.args;
             apply(a, s);
             apply(a, t);
-            check(c, rule, tables0, a, expectedStatus(rule, std::string{s.step, t.step}), false, s.what + ", " + t.what, r);
+            check(c, rule, tables0, a, expectedStatus(rule, std::string{s.step, t.step}), false, s.what + ", " + t.what,
+                  r);
         }
     // Object strides tested last and only for more than one object: with count 1 any is accepted.
     if (rule.order.find('Z') != std::string::npos && countArg >= 0)

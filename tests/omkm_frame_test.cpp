@@ -1,4 +1,4 @@
-// The frame: the parallel driver's split, status merge and scratch, the version record, wrapping
+// The frame: the parallel driver's split and its serial cases, the version record, wrapping
 // work figures, and the library's exported names.
 #include <gtest/gtest.h>
 #include <omp.h>
@@ -77,19 +77,6 @@ TEST(ParallelDriver, RunsSeriallyBelowTwoThreadsOrWithFewerObjects) {
     }
 }
 
-TEST(ParallelDriver, InsideAParallelRegionATeamOfOneDoesEverything) {
-    probe::Budget four(4);
-    std::vector<std::vector<SliceRun>> perOuter(2);
-#pragma omp parallel num_threads(2)
-    perOuter[omp_get_thread_num()] = recordSlices(9);
-    for (const auto& runs : perOuter) {
-        ASSERT_EQ(runs.size(), 1u);
-        EXPECT_EQ(runs[0].first, 0);
-        EXPECT_EQ(runs[0].m, 9);
-        EXPECT_EQ(runs[0].team, 1);
-    }
-}
-
 // A test program compiled with -fopenmp and the library share one OpenMP runtime (libgomp, or
 // libomp when the build links LLVM's): two runtimes in one process would each keep their own
 // notion of the enclosing region, and a call from inside the program's region would open a second
@@ -108,47 +95,6 @@ TEST(ParallelDriver, OneOpenMPRuntimeInTheProcess) {
     std::string names;
     for (const std::string& r : runtimes) names += " " + r;
     EXPECT_EQ(runtimes.size(), 1u) << "OpenMP runtimes mapped:" << names;
-}
-
-TEST(ParallelDriver, FirstFailureStoredWinsAndEverySliceRuns) {
-    probe::Budget four(4);
-    OmkStatus st = omkStsOk;
-    // Only the slice starting at object 3 fails.
-    std::vector<SliceRun> runs = recordSlices(10, [](int first) -> OmkStatus { return first == 3 ? omkStsSingular : omkStsOk; }, &st);
-    EXPECT_EQ(st, omkStsSingular);
-    EXPECT_EQ(runs.size(), 4u);
-    // Two slices fail differently: the result is one of the two, and all slices still ran.
-    runs = recordSlices(10, [](int first) -> OmkStatus { return first == 0 ? omkStsSingular : first == 8 ? omkStsDivByZero : omkStsOk; }, &st);
-    EXPECT_TRUE(st == omkStsSingular || st == omkStsDivByZero) << st;
-    EXPECT_EQ(runs.size(), 4u);
-    // No failure: ok.
-    recordSlices(10, [](int) -> OmkStatus { return omkStsOk; }, &st);
-    EXPECT_EQ(st, omkStsOk);
-}
-
-TEST(ParallelDriver, ScratchIsOneBlockWithAPartPerThread) {
-    probe::Budget three(3);
-    std::vector<char*> parts;
-    std::mutex mu;
-    const size_t per = 1000;
-    const OmkStatus st = omk::runOverObjects(30, [&](int32_t, int32_t, char* scratch) {
-        std::memset(scratch, omp_get_thread_num() + 1, per);  // the whole part is writable
-        std::lock_guard<std::mutex> lock(mu);
-        parts.push_back(scratch);
-        return omkStsOk;
-    }, per);
-    EXPECT_EQ(st, omkStsOk);
-    ASSERT_EQ(parts.size(), 3u);
-    std::sort(parts.begin(), parts.end());
-    EXPECT_NE(parts[0], nullptr);
-    EXPECT_EQ(parts[1] - parts[0], ptrdiff_t(per));
-    EXPECT_EQ(parts[2] - parts[1], ptrdiff_t(per));
-    // The serial path gets no scratch: it uses the caller's buffer.
-    probe::setBudget(1);
-    omk::runOverObjects(30, [&](int32_t, int32_t, char* scratch) {
-        EXPECT_EQ(scratch, nullptr);
-        return omkStsOk;
-    }, per);
 }
 
 TEST(WorkFigures, WrapInSigned32BitAndAWrappedFigureStaysSerial) {

@@ -169,9 +169,10 @@ TEST_P(Rules, ArrayMembersAskForThreadsFromTheirLimitOn) {
     for (const Export* ex : membersOf(f)) {
         const Name nm = parseName(ex->name);
         if (!nm.array()) continue;
-        for (const auto& layout : {std::vector<Style>{kPacked}, std::vector<Style>{kPadded}, std::vector<Style>{kGapped},
-                                   std::vector<Style>{kGapped, kPacked, kPacked}, std::vector<Style>{kPacked, kGapped, kPacked},
-                                   std::vector<Style>{kPacked, kPacked, kGapped}}) {
+        for (const auto& layout :
+             {std::vector<Style>{kPacked}, std::vector<Style>{kPadded}, std::vector<Style>{kGapped},
+              std::vector<Style>{kGapped, kPacked, kPacked}, std::vector<Style>{kPacked, kGapped, kPacked},
+              std::vector<Style>{kPacked, kPacked, kGapped}}) {
             Shape probeShape = f.shapes(nm)[0];
             probeShape.styles = layout;
             const int64_t limit = f.firstParallel(layCall(*ex, probeShape));

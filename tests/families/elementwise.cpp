@@ -192,7 +192,9 @@ std::vector<Family> elementwiseFamilies() {
         fillRandom(c, rng, -12, 12);
         if (c.has("val")) setScalar(c, "val", entry(rng, -12, 12));
     };
-    addSub.expect = [](Call& c, int k) { return byType(c.esize, [&](auto t) { return addSubObject<decltype(t)>(c, k); }); };
+    addSub.expect = [](Call& c, int k) {
+        return byType(c.esize, [&](auto t) { return addSubObject<decltype(t)>(c, k); });
+    };
     addSub.work = addSubWork;
     addSub.firstParallel = addSubFirstParallel;
     addSub.specials = true;
@@ -207,7 +209,9 @@ std::vector<Family> elementwiseFamilies() {
     };
     saxpy.limitShapes = [](const Name&) { return allSizes(false, 64); };
     saxpy.fill = fillScaledSum;
-    saxpy.expect = [](Call& c, int k) { return byType(c.esize, [&](auto t) { return scaledSumObject<decltype(t)>(c, k); }); };
+    saxpy.expect = [](Call& c, int k) {
+        return byType(c.esize, [&](auto t) { return scaledSumObject<decltype(t)>(c, k); });
+    };
     saxpy.work = scaledSumWork;
     saxpy.firstParallel = scaledSumFirstParallel;
     saxpy.ways = {"Saxpy unfused", "LComb second product rounded", "LComb both products rounded"};

@@ -77,8 +77,12 @@ void record(bool isSize, int value) {
 
 extern "C" {
 __attribute__((visibility("default"))) void* malloc(size_t n) noexcept { return counted(__libc_malloc(n)); }
-__attribute__((visibility("default"))) void* calloc(size_t n, size_t s) noexcept { return counted(__libc_calloc(n, s)); }
-__attribute__((visibility("default"))) void* realloc(void* p, size_t n) noexcept { return counted(__libc_realloc(p, n)); }
+__attribute__((visibility("default"))) void* calloc(size_t n, size_t s) noexcept {
+    return counted(__libc_calloc(n, s));
+}
+__attribute__((visibility("default"))) void* realloc(void* p, size_t n) noexcept {
+    return counted(__libc_realloc(p, n));
+}
 __attribute__((visibility("default"))) void* memalign(size_t a, size_t n) noexcept {
     return counted(__libc_memalign(a, n));
 }

@@ -1,0 +1,95 @@
+// The products' own cases beside the shared rules: the order two _P members choose by the OR of
+// their sizes, omkmMul_mm4x4_32f off 16-byte boundaries, and products over their own sources.
+#include <gtest/gtest.h>
+
+#include "families.h"
+
+using namespace omkt;
+
+namespace {
+
+// Nine elements of each source, one pointer per element, and a destination of nine elements
+// holding -7 before the call.
+template <class T> struct Tables {
+    T a[9], b[9], d[9];
+    const T* pa[9];
+    const T* pb[9];
+    T* pd[9];
+    explicit Tables(std::mt19937& rng) {
+        for (int i = 0; i < 9; ++i) {
+            a[i] = T(entry(rng, -12, 12));
+            b[i] = T(entry(rng, -12, 12));
+            d[i] = T(-7);
+            pa[i] = &a[i];
+            pb[i] = &b[i];
+            pd[i] = &d[i];
+        }
+    }
+    T order3() const { return std::fma(a[2], b[2], std::fma(a[0], b[0], a[1] * b[1])); }
+    bool untouchedFrom(int first) const { return std::all_of(d + first, d + 9, [](T x) { return x == T(-7); }); }
+};
+
+}  // namespace
+
+// omkmMul_mm_32f_P and omkmMul_tt_64f_P take the order-3 code when the OR of the four sizes is 3,
+// square or not (the shared walk keeps to shapes where that is the square order): a 1x2 by 2x1
+// product reads nine entries of each table with that operand's own width as row pitch, so its
+// first result is the strided order-3 sum of entries 0, 1, 2 of both tables, and with a
+// destination of width 1 it writes entries i*1 + j for i, j < 3 (up to 4) only.
+TEST(MulOrRule, OrderThreeCodeForOperandsWhoseSizesOrToThree) {
+    std::mt19937 rng(29);
+    Tables<float> mm(rng);
+    ASSERT_EQ(omkmMul_mm_32f_P(mm.pa, 0, 2, 1, mm.pb, 0, 1, 2, mm.pd, 0), omkStsOk);
+    EXPECT_EQ(mm.d[0], mm.order3());
+    EXPECT_TRUE(mm.untouchedFrom(5));
+    Tables<double> tt(rng);  // stored 2x1 and 1x2: used 1x2 and 2x1, element k of each at entry k
+    ASSERT_EQ(omkmMul_tt_64f_P(tt.pa, 0, 1, 2, tt.pb, 0, 2, 1, tt.pd, 0), omkStsOk);
+    EXPECT_EQ(tt.d[0], tt.order3());
+    EXPECT_TRUE(tt.untouchedFrom(5));
+}
+
+// Operands off 16-byte boundaries take the unaligned loads and give the aligned call's bits, also
+// over either source (the aligned call is checked against the chain order by the shared walk).
+TEST(MulFixed, Mm4x4OffSixteenByteBoundariesOverEitherSource) {
+    std::mt19937 rng(31);
+    alignas(64) float a[16], b[16], d[16], x[20], y[20];
+    for (int i = 0; i < 16; ++i) {
+        a[i] = float(entry(rng, -12, 12));
+        b[i] = float(entry(rng, -12, 12));
+    }
+    ASSERT_EQ(omkmMul_mm4x4_32f(a, b, d), omkStsOk);
+    for (int shift : {1, 2, 3})
+        for (int over : {0, 1}) {
+            std::copy(a, a + 16, x + shift);
+            std::copy(b, b + 16, y + shift);
+            float* dst = over == 0 ? x + shift : y + shift;
+            ASSERT_EQ(omkmMul_mm4x4_32f(x + shift, y + shift, dst), omkStsOk);
+            EXPECT_TRUE(std::equal(d, d + 16, dst)) << "shift " << shift << " over source " << over + 1;
+        }
+}
+
+// The cross products and omkmMul_mm4x4_32f read all their sources before writing: a destination
+// laid over any source of its shape (same place and strides) gets the result of separate memory.
+TEST(ProductsInPlace, CrossProductsAndMm4x4OverEachSource) {
+    std::mt19937 rng(37);
+    int calls = 0;
+    for (const Export& e : exportTable()) {
+        const Name n = parseName(e.name);
+        if (!e.call || (n.op != "CrossProduct" && n.group != "mm4x4")) continue;
+        for (const char* source : {"Src1", "Src2", "Src3"})
+            for (const Style& style : {kPacked, kGapped}) {
+                Shape s;
+                s.count = 3;
+                s.styles = {style};
+                Call plain = layCall(e, s);
+                if (!plain.hasRegion(source) || plain[source].array != plain["Dst"].array) continue;
+                s.alias = source;
+                Call c = prepared(*familyOf(n), e, s, rng);
+                const OmkStatus status = expectSerial(*familyOf(n), c);
+                ASSERT_EQ(c.run(), status) << e.name;
+                ASSERT_EQ(firstDifference(c), "") << " over " << source;
+                ++calls;
+            }
+    }
+    EXPECT_EQ(calls, 82);
+}
