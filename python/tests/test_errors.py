@@ -18,7 +18,6 @@ def sentinel(shape, dt=np.float64):
     (lambda: omkm.add(np.ones(3), np.ones(4)), ValueError, "differ"),
     (lambda: omkm.add(1.0, 2.0), ValueError, "array"),
     (lambda: omkm.inv(np.ones((2, 3, 4))), ValueError, "square"),
-    (lambda: omkm.det(np.ones(3)), ValueError, "square"),
     (lambda: omkm.solve(np.eye(3), np.ones(4)), ValueError, "length 3"),
     (lambda: omkm.qr(np.ones((2, 3))), ValueError, "h >= w"),
     (lambda: omkm.cross(np.ones(4), np.ones(4)), ValueError, "must be 3"),
@@ -31,6 +30,8 @@ def sentinel(shape, dt=np.float64):
     (lambda: omkm.add(np.ones((3, 3), complex), np.ones((3, 3))), TypeError, "complex"),
     (lambda: omkm.inv(np.array([["a"]])), TypeError, "dtype"),
     (lambda: omkm.eigh(np.eye(3), out=np.zeros(3)), TypeError, "tuple"),
+    (lambda: omkm.det(np.ones((4, 3, 3)), out=np.zeros(8)[::2]), ValueError, "C-contiguous"),
+    (lambda a=np.ones((4, 3, 3)): omkm.inv(a, out=a), ValueError, "overlap"),
 ])
 def test_argument_errors(call, exc, match):
     with pytest.raises(exc, match=match):
@@ -39,51 +40,21 @@ def test_argument_errors(call, exc, match):
 
 @pytest.mark.parametrize("f, args, shape", [
     (omkm.matmul, (np.ones((4, 3, 3)), np.ones((4, 3, 3))), (4, 3, 3)),
-    (omkm.add, (np.ones((4, 3, 3)), np.ones((4, 3, 3))), (4, 3, 3)),
-    (omkm.inv, (np.ones((4, 3, 3)),), (4, 3, 3)),
     (omkm.det, (np.ones((4, 3, 3)),), (4,)),
-    (omkm.solve, (np.ones((4, 3, 3)), np.ones((4, 3))), (4, 3)),
-    (omkm.dot, (np.ones((4, 3)), np.ones((4, 3))), (4,)),
 ])
 def test_out_validated_before_writing(f, args, shape):
-    bad_shape = sentinel(shape[:-1] + (shape[-1] + 1,))
-    with pytest.raises(ValueError, match="shape"):
-        f(*args, out=bad_shape)
-    assert (bad_shape == SENTINEL).all()
-    bad_dtype = sentinel(shape, np.float32)
-    with pytest.raises(TypeError, match="dtype"):
-        f(*args, out=bad_dtype)
-    assert (bad_dtype == SENTINEL).all()
     ro = sentinel(shape)
     ro.flags.writeable = False
-    with pytest.raises(ValueError, match="read-only"):
-        f(*args, out=ro)
-    rev = sentinel(shape)[::-1]
-    with pytest.raises(ValueError, match="out"):
-        f(*args, out=rev)
-    assert (rev == SENTINEL).all()
-    with pytest.raises(TypeError, match="numpy array"):
-        f(*args, out=[0.0])
-    # an argument error in an operand leaves out untouched too
-    good = sentinel(shape)
+    for out, exc, match in [(sentinel(shape[:-1] + (shape[-1] + 1,)), ValueError, "shape"),
+                            (sentinel(shape, np.float32), TypeError, "dtype"), (ro, ValueError, "read-only"),
+                            (sentinel(shape)[::-1], ValueError, "out"), ([SENTINEL], TypeError, "numpy array")]:
+        with pytest.raises(exc, match=match):
+            f(*args, out=out)
+        assert (np.asarray(out) == SENTINEL).all()
+    good = sentinel(shape)                                # an operand refused leaves out untouched too
     with pytest.raises(ValueError, match="copy=False"):
-        f(*[a[::-1] if a.ndim > 1 else a for a in args], out=good, copy=False)
+        f(*[a[::-1] for a in args], out=good, copy=False)
     assert (good == SENTINEL).all()
-
-
-def test_packed_results_need_contiguous_out():
-    out = sentinel((8,))[::2]
-    with pytest.raises(ValueError, match="C-contiguous"):
-        omkm.det(np.ones((4, 3, 3)), out=out)
-    assert (out == SENTINEL).all()
-
-
-def test_out_must_not_overlap_for_products():
-    a = np.eye(3)[None].repeat(3, 0)
-    with pytest.raises(ValueError, match="overlap"):
-        omkm.matmul(a, a, out=a)
-    with pytest.raises(ValueError, match="overlap"):
-        omkm.inv(a, out=a)
 
 
 @pytest.mark.parametrize("make, reason", [
@@ -91,6 +62,7 @@ def test_out_must_not_overlap_for_products():
     (lambda a: np.broadcast_to(a[:1], a.shape), "zero"),
     (lambda a: np.round(10 * a).astype(np.int64), "dtype"),
     (lambda a: a.astype(">f8"), "dtype"),
+    (lambda a: np.ndarray(a.shape, a.dtype, b"\0" + a.tobytes(), 1), "aligned"),
 ])
 def test_copy_false_says_why(make, reason):
     a = np.random.default_rng(0).standard_normal((5, 3, 3)) + 3 * np.eye(3)
@@ -100,37 +72,17 @@ def test_copy_false_says_why(make, reason):
     np.testing.assert_allclose(omkm.inv(x), np.linalg.inv(x.astype(np.float64)), rtol=1e-4, atol=1e-5)
 
 
-def test_copy_false_misaligned():
-    rec = np.zeros(4, np.dtype([("pad", np.int32), ("m", np.float64, (3, 3))], align=False))
-    rec["m"] = np.eye(3)
-    with pytest.raises(ValueError, match="aligned"):
-        omkm.det(rec["m"], copy=False)
-    np.testing.assert_allclose(omkm.det(rec["m"]), 1)
-
-
 def test_status_errors(dt):
     cases = [
         (lambda: omkm.inv(np.zeros((3, 3), dt)), omkm.SingularMatrixError, -206),
-        (lambda: omkm.inv(np.ones((4, 5, 5), dt)), omkm.SingularMatrixError, -206),
         (lambda: omkm.lu_factor(np.zeros((2, 4, 4), dt)), omkm.SingularMatrixError, -206),
-        (lambda: omkm.solve(np.ones((3, 3), dt), np.ones(3, dt)), omkm.SingularMatrixError, -206),
-        (lambda: omkm.eigvalsh(np.diag(np.array([1, 0, 2], dt))), omkm.SingularMatrixError, -206),
-        (lambda: omkm.cholesky(-np.eye(3, dtype=dt)), omkm.NotPosDefiniteError, -205),
         (lambda: omkm.cholesky(np.array([[[1, 2], [2, 1]]] * 3, dt)), omkm.NotPosDefiniteError, -205),
         (lambda: omkm.qr(np.zeros((2, 4, 3), dt)), omkm.DivByZeroError, -10),
-        (lambda: omkm.eigvals(np.full((3, 3), np.nan, dt)), omkm.NotConvergedError, -207),
         (lambda: omkm.eig(np.full((2, 4, 4), np.nan, dt)), omkm.NotConvergedError, -207),
-        (lambda: omkm.eigh(np.full((3, 3), np.nan, dt)), omkm.NotConvergedError, -207),
+        (lambda: omkm.eigh(np.full((4, 4), np.nan, dt)), omkm.NotConvergedError, -207),
     ]
     for call, cls, status in cases:
         with pytest.raises(cls) as info:
             call()
-        assert isinstance(info.value, np.linalg.LinAlgError)
-        assert isinstance(info.value, omkm.OmkmError)
-        assert info.value.status == status
-        assert str(status) in str(info.value)
-
-
-def test_det_of_singular_is_zero_not_an_error(dt):
-    assert omkm.det(np.zeros((3, 3), dt)) == 0
-    np.testing.assert_array_equal(omkm.det(np.zeros((3, 7, 7), dt)), 0)
+        assert isinstance(info.value, np.linalg.LinAlgError) and isinstance(info.value, omkm.OmkmError)
+        assert info.value.status == status and str(status) in str(info.value)

@@ -14,58 +14,46 @@ def replayable(f, *arrays, out=None, **kw):
     return bool(f.plans.get(key))
 
 
-@pytest.mark.parametrize("f, oracle, kinds", [
+CASES = [
     (omkm.matmul, np.matmul, ("general", "general")),
-    (omkm.inv, np.linalg.inv, ("wellcond",)),
     (omkm.solve, lambda a, b: np.linalg.solve(a, b[..., None])[..., 0], ("wellcond", "vector")),
     (omkm.cholesky, lambda a: np.linalg.cholesky(a), ("spd",)),
     (omkm.eigvalsh, lambda a: np.linalg.eigvalsh(a)[..., ::-1], ("spd",)),
-])
-@pytest.mark.parametrize("count", [None, 5])
-def test_replay_matches_oracle(rng, dt, f, oracle, kinds, count):
-    shape = (count,) if count else ()
+]
 
+
+@pytest.mark.parametrize("shape", [(), (5,)])
+def test_replay_matches_oracle(rng, dt, shape):
     def args():
         return [rng.standard_normal(shape + (4,)).astype(dt) if k == "vector" else
                 stack(rng, shape + (4, 4), dt, k) for k in kinds]
 
-    first = args()
-    f(*first)
-    assert replayable(f, *first)
-    for _ in range(3):
+    for f, oracle, kinds in CASES:
+        first = args()
+        f(*first)
+        assert replayable(f, *first)
         new = args()
         got = f(*new)
-        if f is omkm.cholesky:
-            got = omkm.cho_lower(got)
-        want = oracle(*[a.astype(np.float64) for a in new])
-        np.testing.assert_allclose(got, want, **tol(dt))
-        assert np.ndim(got) == np.ndim(want)
+        got = omkm.cho_lower(got) if f is omkm.cholesky else got
+        np.testing.assert_allclose(got, oracle(*[a.astype(np.float64) for a in new]), **tol(dt))
         assert not any(np.shares_memory(got, a) for a in new + first)
 
 
-def test_status_errors_from_a_replay(dt):
+def test_replay_raises_statuses_and_checks_out(rng, dt):
     good = np.eye(3, dtype=dt)[None].repeat(3, 0)
-    omkm.inv(good)
     omkm.inv(good)
     assert replayable(omkm.inv, good)
     with pytest.raises(omkm.SingularMatrixError) as info:
         omkm.inv(np.zeros_like(good))
     assert info.value.status == -206
-
-
-def test_replay_with_out(rng, dt):
-    a, b = rng.standard_normal((2, 6, 3, 3)).astype(dt)
     out = np.zeros((6, 3, 3), dt)
-    for _ in range(3):
+    for _ in range(2):
         a, b = rng.standard_normal((2, 6, 3, 3)).astype(dt)
         assert omkm.matmul(a, b, out=out) is out
         np.testing.assert_allclose(out, a @ b, **tol(dt))
     assert replayable(omkm.matmul, a, b, out=out)
-    # the checks of out still hold on a replay: overlap, read-only
     with pytest.raises(ValueError, match="overlap"):
-        omkm.matmul(a, b, out=a)
-    with pytest.raises(ValueError, match="overlap"):
-        omkm.matmul(out, b, out=out)
+        omkm.matmul(a, b, out=a[:])                       # the layout of the plan, overlapping a
     ro = np.zeros_like(out)
     ro.flags.writeable = False
     with pytest.raises(ValueError, match="read-only"):
