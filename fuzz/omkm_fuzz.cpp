@@ -1,26 +1,19 @@
-// libFuzzer harness over the argument space of the array members.
-//
-// An input picks an array member (one with a count argument), a layout in guarded memory (order of
-// the matrices, count, element step, row and object gaps, ROI shift of the pointer tables) and,
-// argument by argument, either the valid value or a spoiled one: a null pointer, a count or size
-// that is too small (or a smaller valid one), a stride or ROI shift that is zero, negative, not a
-// multiple of the element size or INT_MIN. The returned status is judged by the argument rules of
-// the test suite (tests/arg_rules.h), independently of the library:
-//   - some argument is wrong: the status of the first failing step of the member's order, nothing
-//     written (every byte of the arena compared), no pointer table changed, no thread budget asked;
-//   - all arguments valid: omkStsOk, only output elements written, and the same bytes from a
-//     serial run (thread budget 1) and a run with a budget of 2.
-// Members without checks get only valid arguments and any count (a count below one writes nothing).
-// Any disagreement aborts with a description of the call.
-//
+// libFuzzer harness over the array members' arguments. An input picks a member with a count argument, a layout in
+// guarded memory (matrix order, count, element step, row and object gaps, ROI shift of the pointer tables) and,
+// argument by argument, the valid value or a spoiled one: a null pointer, a count or size too small
+// (or a smaller valid one), a stride or ROI shift that is zero, negative, not a multiple of the element size or
+// INT_MIN. Statuses are judged by tests/arg_rules.h, independently of the library: with some argument wrong, the status
+// of the first failing step of the member's order, nothing written (every arena byte compared), no pointer table
+// changed, no budget asked; with all valid, omkStsOk, only output elements written, and the same bytes from a serial
+// run (budget 1) and a run on a budget of 2. Members without checks get only valid arguments and any count (a count
+// below one writes nothing). A disagreement aborts, describing the call.
 // Input bytes, read front to back (missing bytes read as zero, so a short input is a valid call):
 //   0-1  member (little-endian, modulo the number of array members in header order)
 //   2    order of the matrices and lengths: 1 + b % 6
 //   3    count of the layout: 1 + b % 48
 //   4    element step 1 + (b & 1), row gap (b >> 1) & 3, object gap (b >> 3) & 3, ROI (b >> 5) & 3
 //   5    bit 0: also compare with a run on a budget of 2 threads
-//   then per argument: one selector byte (below 160: the valid value), and for a spoiled
-//   argument one more selector byte and four value bytes.
+//   then per argument a selector byte (below 160: the valid value); a spoiled one adds a selector and 4 value bytes.
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -85,8 +78,7 @@ OmkStatus callWithBudget(Call& c, const ArgList& args, int budget) {
     return c.ex->call(a);
 }
 
-// Bytes of the arena a run leaves, outside the scratch buffers (which serial and parallel runs
-// use differently).
+// The arena bytes a run leaves, outside the scratch buffers (which serial and parallel runs use differently).
 Bytes resultBytes(const Call& c) {
     Bytes out = c.arena.bytes;
     for (const Region& g : c.regions)
@@ -178,7 +170,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int64_t count = args.args[ci].i;
     // Copy tests its object strides only for more than one object.
     if (count == 1) failing.erase(std::remove(failing.begin(), failing.end(), 'Z'), failing.end());
-    // Size agreement, when every size is positive.
     bool sizesPositive = true;
     for (size_t i = 0; i < c.params.size(); ++i)
         if (roleOf(c.params[i]) == Role::Size && args.args[i].i < 1) sizesPositive = false;
@@ -202,9 +193,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (gAsks) fail(c, args, "thread budget asked on a failed check");
         return 0;
     }
-    // A _P member called with sizes below the layout's order reads its element pointers with the
-    // smaller row length, so it sees the stored values reshuffled, possibly singular: there the
-    // statuses the family reports for such matrices are right too.
+    // A _P member called with sizes below the layout's order reads its element pointers with a smaller row length and
+    // sees the stored values reshuffled, possibly singular: there the family's numeric statuses are right too.
     bool reshuffled = false;
     for (size_t i = 0; i < c.params.size(); ++i)
         if (roleOf(c.params[i]) == Role::Size && args.args[i].i < n) reshuffled = c.name.desc == "P";

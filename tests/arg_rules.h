@@ -1,10 +1,6 @@
-// Argument rules of every export: the check order of each member and the spoiled arguments that
-// test it. Used by the argument sweep (omkm_arg_sweep_test.cpp) and by the fuzz harness
-// (fuzz/omkm_fuzz.cpp), which call the exports laid out by calls.h and judge the returned status by
-// the rules below.
-//
-// Rules. A member validates its arguments in a fixed order of steps and returns the status of the
-// first step that fails, having written nothing:
+// Argument rules of every export: each member's check order and the spoiled arguments that test it. The argument sweep
+// (omkm_arg_sweep_test.cpp) and the fuzz harness (fuzz/omkm_fuzz.cpp) judge calls laid out by calls.h by them.
+// A member checks its arguments in a fixed order of steps and returns the first failing step's status, writing nothing:
 //   N  a pointer argument is null                         omkStsNullPtr
 //   C  count < 1                                          omkStsBadCount
 //   S  a size (width, height, len, widthHeight...) < 1    omkStsBadSize
@@ -12,10 +8,9 @@
 //   T  a stride is not a positive multiple of the element size       omkStsBadStride
 //   R  a ROI shift is negative or not a multiple of the element size omkStsBadRoiShift
 //   Z  an object stride (stride0) of Copy: tested last, and only when count > 1 (BadStride)
-//   r, t  a destination's ROI shift / strides, tested after the source's (general eigenproblem
-//         arrays with vectors in the _P and _L descriptions)
-// The entries of pointer tables are never validated. The rule of each export is derived from its
-// name below, family by family, with every deliberate difference between siblings written out.
+//   r, t  a destination's ROI shift / strides, after the source's (general eigenproblem arrays with vectors, _P, _L)
+// Pointer table entries are never validated. Each export's rule is derived from its name below, family by family, with
+// every deliberate difference between siblings written out.
 #pragma once
 #include <climits>
 
@@ -23,7 +18,6 @@
 
 namespace omkt {
 
-// ---- rules ----
 struct Rule {
     bool known = false;
     bool checks = false;                  // false: the member checks nothing and returns omkStsOk
@@ -164,7 +158,6 @@ inline Rule ruleFor(const std::string& full) {
     if (op == "Mul") {
         if (g == "mm4x4") return n.type == "32f" && d.empty() ? order("N", "4x4 product: null pointers only") : unknown;
         if (!isDesc(d)) return unknown;
-        // Products with a constant.
         if (in(g, {"mc", "tc", "vc"})) return d == "L" ? unknown : order("NSTR", "single times a constant");
         if (in(g, {"mac", "tac", "vac", "vaca", "vca"})) return order("NCSTR", "arrays times constants");
         // Products of two shaped operands: size agreement after the sizes, before the strides.
@@ -283,8 +276,7 @@ inline std::vector<std::string> agreementBreakers(const Rule& r) {
     return out;
 }
 
-// Rewrites the row orders of the index arrays that a call reads for matrices of order `w`
-// (object m's rows at entries m*w ... m*w + w - 1), and takes the result as the pristine arena.
+// Rewrites the index arrays' row orders for order `w` (object m at m*w ... m*w + w - 1), taken as the pristine arena.
 inline void setRowOrders(Call& c, int w) {
     for (const Region& g : c.regions) {
         if (g.kind != Region::Index || g.output) continue;
@@ -294,8 +286,7 @@ inline void setRowOrders(Call& c, int w) {
     c.pristine = c.arena.bytes;
 }
 
-// Bytes a call with these arguments may write: the elements of its output operands (for the
-// count in the arguments) and all of its scratch and fixed-size outputs.
+// Bytes a call with `args` may write: its output elements (for the count in `args`) and its scratch and fixed outputs.
 inline std::vector<bool> writable(const Call& c, const ArgList& args) {
     std::vector<bool> mark(c.arena.bytes.size(), false);
     int objects = c.count;
@@ -328,7 +319,6 @@ inline std::vector<bool> writable(const Call& c, const ArgList& args) {
     return mark;
 }
 
-// ---- argument faults ----
 struct Spoil {
     int arg;
     int64_t value;   // the bad integer (unused for a null pointer)

@@ -1,13 +1,8 @@
-// Calls of any export laid out in guarded memory, shared by every test of the library.
-//
-// The call table (sweep_calls.inc) is generated from the public header: each export with its real
-// signature and its parameter names. From the names alone a call is laid out: every pointer
-// argument gets a region of one arena with guard bytes around it; operands with strides are laid
-// with a style (element step, gaps after rows and objects, ROI shift of pointer tables), and their
-// stored shapes follow from the size arguments (Shape). The standard, pointer (_P) and layout (_L)
-// descriptions of an operand address the same element positions, so one reference serves every
-// description. A test fills the sources, writes what the call must leave (`want`: every output
-// element it computes, every other byte as before), calls, and compares the whole arena.
+// Calls of any export laid out in guarded memory. The call table (sweep_calls.inc, generated from the public header)
+// gives each export's signature and parameter names; from the names alone each pointer argument gets a guarded region
+// of one arena, strided operands are laid with a Style, stored shapes follow the size arguments (Shape). The standard,
+// _P and _L descriptions of an operand address the same element positions, so one reference serves all. A test fills
+// the sources, writes `want` (computed output elements, every other byte as before), calls, and compares the arena.
 #pragma once
 #include <stddef.h>
 
@@ -30,7 +25,6 @@
 
 namespace omkt {
 
-// ---- arguments and calls through the real signature ----
 enum class ArgKind { SrcPtr, DstPtr, ValPtr, Stride, Roi, Width, Height, Len, Count, Value };
 struct Arg {
     ArgKind kind;
@@ -147,12 +141,10 @@ inline bool isGraphics(const Name& n) {
              n.group == "v4" || n.group.rfind("m4v", 0) == 0));
 }
 
-// ---- memory ----
 template <class T> T load(const unsigned char* p) { T v; std::memcpy(&v, p, sizeof v); return v; }
 template <class T> void store(unsigned char* p, T v) { std::memcpy(p, &v, sizeof v); }
 
-// Bytes on a 64-byte boundary of memory: kernels whose order follows the alignment of an operand
-// (the contiguous dot product) then see the alignment the layout gives.
+// Bytes on a 64-byte boundary: a kernel whose order follows an operand's alignment (contiguous dot) sees the layout's.
 template <class T> struct Aligned64 {
     using value_type = T;
     Aligned64() = default;
@@ -177,16 +169,14 @@ struct Arena {
     unsigned char* at(size_t off) { return bytes.data() + off; }
 };
 
-// Element positions of a strided operand: element step and gaps in elements, ROI shift of its
-// pointer tables in elements, and a shift of its first element off the 64-byte boundary.
+// Strided operand layout in elements: step, row and object gaps, ROI shift of its tables, shift off 64-byte alignment.
 struct Style {
     int step, rowGap, objectGap, roi, shift = 0;
 };
 inline constexpr Style kPacked{1, 0, 0, 0}, kPadded{1, 3, 2, 2}, kGapped{2, 1, 2, 2}, kShifted{1, 0, 0, 0, 1};
 
-// What a call is laid out for. Every size argument is n unless `sizes` names it; the strided
-// operands take `styles` in argument order (the last one repeating), or the gaps below when it is
-// empty. `alias` lays the destination over a source of the same shape (in-place calls).
+// What a call is laid out for. Every size argument is n unless `sizes` names it; strided operands take `styles` in
+// argument order (the last repeating), else the gaps below. `alias` lays the destination over a same-shape source.
 struct Shape {
     int n = 3;
     int count = 2;
@@ -213,7 +203,6 @@ struct Region {
     int32_t s0 = 0, s1 = 0, s2 = 0, roi = 0;
     size_t off = 0, bytes = 0;
     int tableIndex = -1;
-    // Byte offset of element (i, j) of object k.
     size_t at(int k, int i, int j) const {
         switch (kind) {
         case Matrix: case Vector: case Constant:
@@ -268,7 +257,6 @@ struct Call {
         else if (g.kind == Region::Index) store<int32_t>(arena.at(g.at(k, i, j)), int32_t(v));
         else store<float>(arena.at(g.at(k, i, j)), float(v));
     }
-    // Every element of every object of a source, from f(k, i, j).
     void fill(const Region& g, const std::function<double(int, int, int)>& f) {
         for (int k = 0; k < objects(g); ++k)
             for (int i = 0; i < g.rows; ++i)
@@ -296,8 +284,8 @@ inline std::string prefixOf(const std::string& ptr) {
     return "";
 }
 
-// Bytes of pBuffer the documented sizes give: Det/Invert n*n elements and n ints, QR `height`
-// elements, the symmetric eigenproblem n*n, the general one n*(n + 5) or n*(3n + 5).
+// pBuffer bytes by the documented sizes: Det/Invert n*n elements and n ints, QR `height` elements, the symmetric
+// eigenproblem n*n, the general one n*(n + 5) or n*(3n + 5).
 inline size_t bufferBytes(const Call& c) {
     const int n = c.size("widthHeight"), e = c.esize;
     const std::string& op = c.name.op;
@@ -309,10 +297,9 @@ inline size_t bufferBytes(const Call& c) {
     return 2048;
 }
 
-// Stored rows and columns of one object of a strided operand, from the sizes of the call. Products
-// and Gaxpy carry each operand's own sizes; square families have widthHeight; QR's right-hand side
-// has `height` elements and its solution `width`; a transposed source ('t') stores width rows of
-// height; Transpose writes width rows; a product writes M x N.
+// Stored rows and columns of one object of a strided operand. Products and Gaxpy carry each operand's sizes; square
+// families have widthHeight; QR's right-hand side has `height` elements, its solution `width`; a transposed source
+// ('t') stores width rows of height; Transpose writes width rows; a product writes M x N.
 inline std::pair<int, int> storedDims(const Call& c, const std::string& prefix, bool matrix) {
     const Name& nm = c.name;
     auto sz = [&](const std::string& p) { return c.size(p); };
@@ -336,9 +323,8 @@ inline std::pair<int, int> storedDims(const Call& c, const std::string& prefix, 
     return {sz("height"), sz("width")};
 }
 
-// Lays out a call of `ex`. A _P member takes the operand kinds (matrix or vector) from its standard
-// sibling. Sources hold well-conditioned values (symmetric, diagonally dominant matrices, identity
-// row orders), so a valid call of every checked member succeeds; tests put their own inputs.
+// Lays out a call of `ex`; a _P member takes the operand kinds from its standard sibling. Sources hold well-conditioned
+// values (symmetric, diagonally dominant, identity row orders): a valid call of every checked member succeeds.
 inline Call layCall(const Export& ex, const Shape& shape = Shape{}) {
     Call c;
     c.ex = &ex;
@@ -462,7 +448,6 @@ inline Call layCall(const Export& ex, const Shape& shape = Shape{}) {
     }
     c.arena.allocate();
 
-    // Source values.
     auto put = [&](size_t off, double v, int es) {
         if (es == 8) store<double>(c.arena.at(off), v);
         else store<float>(c.arena.at(off), float(v));
@@ -495,8 +480,8 @@ inline Call layCall(const Export& ex, const Shape& shape = Shape{}) {
         }
     }
 
-    // Pointer tables (never reallocated once built: the arguments hold their addresses). A _P
-    // table has room for larger sizes, an _L table for more objects.
+    // Pointer tables, never reallocated once built (the arguments hold their addresses); a _P table has room for larger
+    // sizes, an _L table for more objects.
     c.tables.reserve(c.regions.size());
     for (Region& g : c.regions) {
         if (!g.table) continue;
@@ -554,8 +539,7 @@ inline Call layCall(const std::string& name, const Shape& shape = Shape{}) {
     return layCall(*ex, shape);
 }
 
-// The first difference between the arena and `want`, outside the scratch buffers; an element
-// that is NaN on both sides matches whatever its payload. Empty when there is none.
+// The first difference between the arena and `want` outside scratch buffers (a NaN matches any NaN), or empty.
 inline std::string firstDifference(const Call& c) {
     std::vector<bool> skip(c.want.size(), false);
     for (const Region& g : c.regions)

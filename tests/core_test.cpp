@@ -16,9 +16,8 @@
 #include <thread>
 #include <vector>
 
-// This executable defines its own ownGetNumThreads, as the test programs of libomkm do to count
-// how often the budget is read. It forwards to the library's definition (the next one in lookup
-// order) so the tests below still see the real budget, and counts the calls that reach it.
+// This executable defines its own ownGetNumThreads, as libomkm's test programs do to count budget reads. It forwards to
+// the library's (next in lookup order), so the tests see the real budget, and counts the calls.
 namespace {
 std::atomic<int> interposedCalls{0};
 }
@@ -31,9 +30,6 @@ extern "C" int ownGetNumThreads(void) {
 }
 
 namespace {
-
-// ---------------------------------------------------------------------------------------------
-// Processor features
 
 struct FeatureCase {
     const char* name;
@@ -64,8 +60,7 @@ std::vector<FeatureCase> builtinFeatures() {
     };
 }
 
-// Each bit of the mask is the compiler runtime's detection of that feature, no other bit is set,
-// and every thread reads the same mask.
+// Each mask bit is the compiler runtime's detection of its feature, no other bit is set, and all threads read one mask.
 TEST(CpuFeatures, EachBitMatchesCompilerRuntimeDetection) {
     const unsigned long long mask = omkGetEnabledCpuFeatures();
     unsigned long long known = 0;
@@ -79,16 +74,12 @@ TEST(CpuFeatures, EachBitMatchesCompilerRuntimeDetection) {
     EXPECT_EQ(fromThread, mask);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Largest cache
-
 long sysconfValue(int name) {
     const long v = sysconf(name);
     return v > 0 ? v : 0;
 }
 
-// Largest data or unified cache listed by the Linux kernel under /sys for any processor,
-// 0 when the kernel lists none. Sizes are written as "<n>K" (or "M").
+// Largest data or unified cache the Linux kernel lists under /sys for any processor (sizes "<n>K" or "M"), 0 if none.
 long long largestSysfsCache() {
     long long largest = 0;
     const long ncpu = std::max(1L, sysconf(_SC_NPROCESSORS_CONF));
@@ -112,8 +103,7 @@ long long largestSysfsCache() {
     return largest;
 }
 
-// The largest data or unified cache the kernel lists (at least the C library's L1 and L2), the same
-// on every call; a null pointer is refused.
+// The largest data or unified cache the kernel lists (at least libc's L1 and L2), the same on every call; null refused.
 TEST(MaxCacheSize, LargestCacheListedByTheKernel) {
     EXPECT_EQ(omkGetMaxCacheSizeB(nullptr), omkStsNullPtr);
     int size = -1, again = -2;
@@ -126,10 +116,6 @@ TEST(MaxCacheSize, LargestCacheListedByTheKernel) {
     if (sysfs > 0) EXPECT_EQ(static_cast<long long>(size), std::min<long long>(sysfs, INT_MAX));
 }
 
-// ---------------------------------------------------------------------------------------------
-// Thread budget
-
-// Restores the OpenMP thread count and the library's default after every case.
 class ThreadBudget : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -191,8 +177,7 @@ TEST_F(ThreadBudget, FixedCountIsProcessWide) {
     EXPECT_EQ(mismatches.load(), 0);
 }
 
-// omkGetNumThreads must not go through the exported ownGetNumThreads symbol: a program that
-// defines its own ownGetNumThreads (as this one does) would otherwise be asked for the budget.
+// omkGetNumThreads must not call the exported ownGetNumThreads, which a program may define itself (as this one does).
 TEST_F(ThreadBudget, GetNumThreadsDoesNotCallInterposedSymbol) {
     ASSERT_EQ(ownGetNumThreads(), omp_get_max_threads());  // the forwarder reaches the library
     ASSERT_EQ(omkSetNumThreads(5), omkStsOk);

@@ -1,9 +1,7 @@
-// The library's families as the shared cases see them: one row per family says which exports are
-// its members, the shapes to walk, how to fill the sources, the reference result of one object,
-// the work figure and the first figure that runs on threads, and how to make an object fail.
-// The cases of omkm_rules_test.cpp walk every row (results in every description and layout, serial
-// limits at their boundaries, parallel runs and the status merge); each family's own numerics are
-// in its subsystem's test file. A new family adds a row here and only the cases that are its own.
+// The families as the shared cases see them: per family a row of its members, the shapes to walk, how to fill the
+// sources, one object's reference result, the work figure and the first that runs on threads, and how to make an object
+// fail. omkm_rules_test.cpp walks every row; each family's own numerics are in its subsystem's test file. A new family
+// adds a row here and only the cases that are its own.
 #pragma once
 #include <omp.h>
 
@@ -24,8 +22,7 @@ struct Family {
     std::function<std::vector<Shape>(const Name&)> shapes;  // sizes to walk (counts and styles come from the case)
     std::function<void(Call&, std::mt19937&)> fill;         // the sources of a laid-out call
     std::function<OmkStatus(Call&, int k)> expect;          // object k into c.want; its status
-    // Work figure of an array call (sizes and count of the shape) and the smallest figure that runs
-    // on threads, which may depend on the layout (contiguous elements or not) of the laid-out call.
+    // Work figure of an array call, and the smallest one that runs on threads (it may depend on the layout).
     std::function<int64_t(const Name&, const Shape&)> work;
     std::function<int64_t(const Call&)> firstParallel;
     std::function<void(Call&, int k)> spoil;  // object k fails (families whose kernels can fail)
@@ -37,7 +34,6 @@ struct Family {
     std::function<bool(const Name&)> fails;  // the members spoil makes fail (every member when empty)
 };
 
-// Every family; each subsystem's rows come from its family file.
 const std::vector<Family>& families();
 std::vector<Family> elementwiseFamilies();
 std::vector<Family> productFamilies();
@@ -46,15 +42,12 @@ std::vector<Family> eigenFamilies();
 std::vector<Family> graphicsFamilies();
 const Family* familyOf(const Name& n);
 
-// ---- helpers for the rows ----
-
 // Random values with full mantissas: sign * [1, 2) * 2^e, e in [lo, hi].
 inline double entry(std::mt19937& rng, int lo = -2, int hi = 1) {
     std::uniform_real_distribution<double> mant(1.0, 2.0);
     std::uniform_int_distribution<int> ex(lo, hi), sign(0, 1);
     return (sign(rng) ? -1 : 1) * std::ldexp(mant(rng), ex(rng));
 }
-// Every source region of a call filled with entry(rng, lo, hi); index arrays get identity orders.
 inline void fillRandom(Call& c, std::mt19937& rng, int lo = -2, int hi = 1) {
     for (Region& g : c.regions) {
         if (g.output || g.kind == Region::Scratch) continue;
@@ -82,7 +75,6 @@ inline double& scalarArg(Call& c, const std::string& name) { return c.args.args.
 inline void setScalar(Call& c, const std::string& name, double v) {
     scalarArg(c, name) = c.esize == 4 ? double(float(v)) : v;
 }
-// Shapes of every width and height from 1 to `m`, or of every length from 1 to `m`.
 inline std::vector<Shape> allSizes(bool matrix, int m) {
     std::vector<Shape> out;
     for (int w = 1; w <= m; ++w)
@@ -113,7 +105,6 @@ inline void sprinkleSpecials(Call& c, std::mt19937& rng) {
     }
 }
 
-// Calls f(float()) or f(double()) by the element type of the call.
 template <class F> auto byType(int esize, F&& f) { return esize == 4 ? f(float()) : f(double()); }
 
 // A member's rounding order told apart from another (`way`) on some input of the walk.
@@ -126,9 +117,7 @@ template <class T> bool differ(const std::vector<T>& a, const std::vector<T>& b)
     return a.size() != b.size() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) != 0;
 }
 
-// ---- the parallel driver's split ----
-// The team the runtime grants for a budget, and the contiguous slices of `count` objects over it:
-// the first count % team threads take one object more.
+// The team granted for a budget, and `count` objects sliced contiguously over it (the first count % team get one more).
 inline int teamFor(int budget) { return std::min(budget, omp_get_thread_limit()); }
 struct Slice {
     int first, count;
@@ -159,7 +148,6 @@ inline OmkStatus expectSerial(const Family& f, Call& c) {
     return expectOver(f, c, {{0, c.name.array() ? c.count : 1}});
 }
 
-// A member's call laid out and filled by its family.
 inline Call prepared(const Family& f, const Export& ex, const Shape& s, std::mt19937& rng) {
     Call c = layCall(ex, s);
     f.fill(c, rng);

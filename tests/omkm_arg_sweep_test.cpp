@@ -1,16 +1,9 @@
-// Bad-argument sweep over every export.
-//
-// Each export is called through its real signature (sweep_calls.inc, generated from the public
-// header) with a valid call laid into guarded memory (arg_rules.h). Then every argument is spoiled
-// on its own (each pointer null, count 0 and -1, each size 0 and -1, each stride 0, negative, not a
-// multiple of the element size and INT_MIN, each ROI shift negative and misaligned, each size that
-// takes part in an agreement changed alone), then every pair of spoiled arguments. Each call must
-// return the status that the member's check order gives (arg_rules.h, written per family with each
-// deliberate difference between siblings), write no byte of any operand, guard or scratch buffer,
-// leave every pointer table as it was and never ask for the thread budget. The valid call itself
-// must succeed and write only its outputs (what it writes there is the family walks' business).
-// Members without checks must return omkStsOk on valid arguments (and, with a count, write nothing
-// for a count below one).
+// Bad-argument sweep over every export, called through its real signature (sweep_calls.inc) with a valid call laid into
+// guarded memory (arg_rules.h). Every argument is spoiled on its own in every way spoilsOf lists, then every pair of
+// spoiled arguments. Each call must return the status of the member's check order (arg_rules.h), write no byte of any
+// operand, guard or scratch buffer, leave every pointer table as it was and never ask for the thread budget. The valid
+// call must succeed and write only its outputs (their values are the family walks' business). Members without checks
+// return omkStsOk on valid arguments and write nothing for a count below one.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -39,9 +32,8 @@ struct Report {
     }
 };
 
-// Calls `c` with `args` and checks the status against `want`, the bytes written against the
-// call's outputs (none at all when `mayWrite` is false), the pointer tables and the budget asks;
-// then restores the arena and the tables.
+// Calls `c` with `args`; checks the status against `want`, the bytes written against the outputs (none when `mayWrite`
+// is false), the pointer tables and the budget asks; restores the arena and the tables.
 void check(Call& c, const Rule& rule, const std::vector<std::vector<void*>>& tables0, ArgList args, OmkStatus want,
            bool mayWrite, const std::string& label, Report& r) {
     probe::resetCalls();
@@ -150,8 +142,7 @@ std::vector<std::string> exportList() {
     return out;
 }
 
-// Every name of the library's export list has a generated call and a rule, and the generated
-// table holds nothing else.
+// Every name of the export list has a generated call and a rule, and the generated table holds nothing else.
 TEST(ArgSweep, EveryExportHasACallAndARule) {
     const std::vector<std::string> names = exportList();
     ASSERT_EQ(names.size(), 874u);
@@ -192,7 +183,6 @@ TEST_P(ArgSweepFamily, Exports) {
 INSTANTIATE_TEST_SUITE_P(ArgSweep, ArgSweepFamily, testing::ValuesIn(families()),
                          [](const testing::TestParamInfo<std::string>& i) { return i.param; });
 
-// Prints the figures of the sweep when the run ends.
 class Figures : public testing::Environment {
 public:
     void TearDown() override {

@@ -1,9 +1,5 @@
-// The eigenproblems' own cases; the shared rules (omkm_rules_test.cpp) walk every member against the
-// family rows (families/eigen.cpp). Here: results against Eigen's solvers in double as the oracle,
-// the closed form of order 2 at every branch, and the documented rules of the iterations: the sort
-// and its ties, the singular test on the product of the values, skipped reflections, QR as the
-// mirror image of QL, the sweep and step limits, the normalisation of general eigenvectors and
-// structured inputs (triangular, rotation, cyclic, defective).
+// The eigenproblems' own cases beside the shared walk of their rows (families/eigen.cpp): accuracy against Eigen's
+// solvers in double, the closed form of order 2, and the documented rules of the iterations.
 #include <gtest/gtest.h>
 
 #include <complex>
@@ -62,11 +58,8 @@ Mat diagonal(const std::vector<double>& d) {
     return a;
 }
 
-// ---- symmetric ----
-
-// The closed form of order 2 (the family's reference) at its branches and boundaries: the trace at
-// 0 and +-eps, a - d at +-eps and within, |2b| at eps and 0, |det| at and above eps. The element
-// below the diagonal is never read.
+// The closed form of order 2 (the family's reference) at its branches and boundaries: the trace at 0 and +-eps, a - d
+// at +-eps and within, |2b| at eps and 0, |det| at and above eps. The element below the diagonal is never read.
 TEST(EigenSym, OrderTwoAtEveryBranchAndBoundary) {
     for (const std::string& name : membersOf("EigenSym")) {
         const double e = epsOf(name), nan = std::nan("");
@@ -82,8 +75,8 @@ TEST(EigenSym, OrderTwoAtEveryBranchAndBoundary) {
     }
 }
 
-// The results of a diagonal matrix: its values (sorted descending by a selection sort that takes a
-// later value only when strictly larger, the unit vectors moving with them) or as they stand.
+// A diagonal matrix's results: its values (sorted descending by a selection sort that takes a later value only when
+// strictly larger, the unit vectors moving with them) or as they stand.
 void expectDiagonal(Call& c, std::vector<double> d, bool sort) {
     const int n = int(d.size());
     std::vector<int> col(d.size());
@@ -100,12 +93,11 @@ void expectDiagonal(Call& c, std::vector<double> d, bool sort) {
     }
 }
 
-// Inputs whose results are those of a diagonal: values descending with equal ones in their order
-// (also when their product overflows, which is not singular); omkStsSingular from order 3 when the
-// product of the values is at most eps in magnitude, the values left as the steps left them: diag(1,
-// eps, 1), subnormals ascending (QL) and descending (QR). And a column whose reflection would have
-// h = v'v <= eps is left as it is, the iteration reading only the diagonal and the first subdiagonal:
-// A(2,0) = A(0,2) = 2^-12 (32f) or 2^-27 (64f) is never seen and diag(1, 2, 1) comes back exactly.
+// Inputs whose results are those of a diagonal: values descending with equal ones in their order (also when their
+// product overflows, which is not singular); omkStsSingular from order 3 when the product of the values is at most eps
+// in magnitude, the values left as the steps left them: diag(1, eps, 1), subnormals ascending (QL) and descending (QR).
+// A column whose reflection would have h = v'v <= eps is left as it is, the iteration reading only the diagonal and
+// first subdiagonal: A(2,0) = A(0,2) = 2^-12 (32f) or 2^-27 (64f) is never seen and diag(1, 2, 1) comes back exactly.
 TEST(EigenSym, DiagonalResultsSortSingularAndSkippedReflections) {
     for (const std::string& name : membersOf("EigenSym")) {
         const double e = epsOf(name), big = f32(name) ? 0x1p120 : 0x1p1000, low = f32(name) ? 0x1p-140 : 0x1p-1060;
@@ -133,11 +125,10 @@ TEST(EigenSym, DiagonalResultsSortSingularAndSkippedReflections) {
     }
 }
 
-// The iteration runs QL when |d[n-1]| > |d[0]| in the tridiagonal form and QR otherwise, QR being
-// the QL steps on the rows in reverse order. A tridiagonal matrix whose couplings are powers of two
-// reduces exactly (sign flips of its inner rows), and so does its reversal J*A*J, which then runs QR
-// as the mirror image of the QL steps on A: the same values bit for bit, each vector with its rows
-// reversed. (On these matrices the two directions differ in the last bits.)
+// The iteration runs QL when |d[n-1]| > |d[0]| in the tridiagonal form, else QR: the QL steps on the rows in reverse
+// order. A tridiagonal matrix with power-of-two couplings reduces exactly (sign flips of its inner rows), and so does
+// its reversal J*A*J, which then runs QR as the mirror image of the QL steps on A: the same values bit for bit, each
+// vector's rows reversed (the two directions differ in the last bits here).
 TEST(EigenSym, QRIsTheMirrorImageOfQL) {
     std::mt19937 rng(3);
     std::uniform_real_distribution<double> diag(6, 12);  // values of at least 2: never singular
@@ -164,8 +155,7 @@ TEST(EigenSym, QRIsTheMirrorImageOfQL) {
             }
 }
 
-// Random symmetric matrices against Eigen's self-adjoint solver in double: values descending within
-// 64*n*eps*|A|, the columns orthonormal eigenvectors to that bound.
+// Random symmetric matrices against Eigen: values descending; values and orthonormal vectors within 64*n*eps*|A|.
 TEST(EigenSym, RandomMatricesAgainstEigen) {
     std::mt19937 rng(11);
     for (const std::string type : {"32f", "64f"})
@@ -195,8 +185,6 @@ TEST(EigenSym, RandomMatricesAgainstEigen) {
             }
 }
 
-// ---- general ----
-
 Cx valueOf(Call& c, int k, int j) { return {c.value(c["DstValues"], k, 0, j), c.value(c["DstValuesIm"], k, 0, j)}; }
 
 // Every value of `want` matched by a distinct computed one within tol.
@@ -213,9 +201,8 @@ void expectValues(Call& c, int k, const Eigen::VectorXcd& want, double tol) {
     }
 }
 
-// A pair in two consecutive positions, the positive imaginary part first; each vector of norm 1, its
-// component of largest modulus real and positive, and A*v = l*v (right) or u^H*A = l*u^H (left)
-// within tol.
+// A pair in two consecutive positions, the positive imaginary part first; each vector of norm 1, its component of
+// largest modulus real and positive, and A*v = l*v (right) or u^H*A = l*u^H (left) within tol.
 void expectStructure(Call& c, int k, const Eigen::MatrixXd& a, double tol) {
     const int n = int(a.rows());
     const double eps = c.esize == 4 ? 0x1p-23 : 0x1p-52;
@@ -248,8 +235,7 @@ void expectStructure(Call& c, int k, const Eigen::MatrixXd& a, double tol) {
     }
 }
 
-// Random matrices of orders 1 to 10 against Eigen's solver in double. (Every member gives the values
-// of EigenValues, and EigenValuesVectors the vectors of the one-sided members: the family's rule.)
+// Random matrices of orders 1 to 10 against Eigen via EigenValuesVectors (the family rows tie the rest to it).
 TEST(EigenGeneral, RandomMatricesAgainstEigen) {
     std::mt19937 rng(17);
     for (const std::string type : {"32f", "64f"})
@@ -267,10 +253,10 @@ TEST(EigenGeneral, RandomMatricesAgainstEigen) {
             }
 }
 
-// The rotation [[0, -1], [1, 0]] gives 0 +- i, its vectors' components tie exactly in modulus and
-// the first is made real; cyclic permutations, a fixed point of the standard shifts, converge
-// through the exceptional ones to the n-th roots of unity; a Jordan block hidden by an orthogonal
-// similarity gives values within 16*eps^(1/n) and finite vectors of norm 1 that nearly satisfy it.
+// The rotation [[0, -1], [1, 0]] gives 0 +- i, its vectors' components tie exactly in modulus and the first is made
+// real; cyclic permutations, a fixed point of the standard shifts, converge through the exceptional ones to the n-th
+// roots of unity; a Jordan block hidden by an orthogonal similarity gives values within 16*eps^(1/n) and finite vectors
+// of norm 1 that nearly satisfy it.
 TEST(EigenGeneral, RotationCyclicAndDefectiveMatrices) {
     for (const std::string& name : membersOf("EigenGeneral"))
         for (int n = 2; n <= 5; ++n)
@@ -301,8 +287,7 @@ TEST(EigenGeneral, RotationCyclicAndDefectiveMatrices) {
             }
 }
 
-// Upper triangular matrices are in Schur form already: the values are the diagonal at its own rows
-// (not sorted) with imaginary parts 0, at ordinary, subnormal and near-overflow scales.
+// Upper triangular input is in Schur form: values its diagonal, unsorted, imaginary parts 0, at every scale.
 TEST(EigenGeneral, TriangularInputGivesItsDiagonalInPlace) {
     for (const std::string& name : membersOf("EigenGeneral"))
         for (int n : {2, 3, 6, 9})
@@ -317,8 +302,7 @@ TEST(EigenGeneral, TriangularInputGivesItsDiagonalInPlace) {
             }
 }
 
-// NaN is never negligible: omkStsNotConverged after 30 sweeps for one value (EigenSym) or 30*n
-// steps (EigenGeneral).
+// NaN is never negligible: omkStsNotConverged after 30 sweeps for one value (EigenSym) or 30*n steps (EigenGeneral).
 TEST(EigenBoth, NaNStopsAtTheIterationLimit) {
     for (const char* family : {"EigenSym", "EigenGeneral"})
         for (const std::string& name : membersOf(family))

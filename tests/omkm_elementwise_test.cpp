@@ -1,10 +1,6 @@
-// Transpose: the cache-size queries that choose between the banded and the large path, and the
-// same words from both paths around every bound. The rest of the element-wise families is walked
-// by the shared cases (omkm_rules_test.cpp).
-//
-// The executable defines omkGetMaxCacheSizeB itself (exported, so that libomkm.so binds to it):
-// while a CacheSize override is alive it counts the library's queries and reports the size the
-// test chose; otherwise it forwards to the core library's own function.
+// Transpose: the cache-size queries choosing between the banded and the large path, and the same words from both paths
+// around every bound. The executable defines omkGetMaxCacheSizeB itself (exported, so libomkm.so binds to it): while a
+// CacheSize override is alive it counts the library's queries and reports the test's size, else forwards to the core's.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -49,9 +45,8 @@ struct CacheSize {
     ~CacheSize() { gOverride = false; }
 };
 
-// Queries of a call: only 32-bit calls with contiguous elements that are not _P ask. Arrays whose
-// traffic (8*w*h*count bytes) passes 0x20000 ask once and are large past three quarters of a
-// non-zero size; then every object whose smaller side is at least 129 asks, unless the call is large.
+// Only 32-bit contiguous non-_P calls ask. Arrays whose traffic 8*w*h*count bytes passes 0x20000 ask once and are large
+// past three quarters of a non-zero size; then each object with smaller side >= 129 asks, unless the call is large.
 int expectedQueries(const Call& c, int size) {
     const int w = c.size("width"), h = c.size("height");
     if (c.esize != 4 || c.name.desc == "P" || !contiguous(c)) return 0;
@@ -74,9 +69,8 @@ int threeQuartersBound(int64_t traffic) {
 
 }  // namespace
 
-// Heights and widths at, below and above the 64-row bands and the 129 threshold, traffic around
-// 0x20000 bytes, reported sizes none (the core's own), 0, 1, around 8*w*h and around the
-// three-quarter bound: the queries follow the rules, and every path gives the same words.
+// Sizes at, below and above the 64-row bands and the 129 threshold, traffic around 0x20000 bytes, reported sizes none
+// (the core's), 0, 1, near 8*w*h and the three-quarter bound: queries follow the rules, all paths give the same words.
 TEST(Transpose, CacheQueriesAndBandsAroundEveryBound) {
     const Family& moves = *familyOf(parseName("omkmTranspose_ma_32f"));
     const std::vector<std::tuple<int, int, int>> shapes = {

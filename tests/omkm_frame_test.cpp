@@ -1,5 +1,4 @@
-// The frame: the parallel driver's split and its serial cases, the version record, wrapping
-// work figures, and the library's exported names.
+// The frame: the driver's split and serial cases, the version record, wrapping work figures, the exported names.
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -39,8 +38,8 @@ std::vector<SliceRun> recordSlices(int count, OmkStatus (*status)(int first) = n
 
 }  // namespace
 
-// The slices follow each other in thread order, the first count % team threads taking one object
-// more; seven objects over a budget of three run as 3, 2 and 2 on threads 0, 1 and 2.
+// The slices follow each other in thread order, the first count % team threads taking one object more; seven objects
+// over a budget of three run as 3, 2 and 2 on threads 0, 1 and 2.
 TEST(ParallelDriver, ContiguousSlicesInThreadOrder) {
     for (int count : {5, 7, 10, 64, 1001})
         for (int team = 1; team <= 5 && team <= count; ++team) {
@@ -77,10 +76,9 @@ TEST(ParallelDriver, RunsSeriallyBelowTwoThreadsOrWithFewerObjects) {
     }
 }
 
-// A test program compiled with -fopenmp and the library share one OpenMP runtime (libgomp, or
-// libomp when the build links LLVM's): two runtimes in one process would each keep their own
-// notion of the enclosing region, and a call from inside the program's region would open a second
-// team instead of running on a team of one.
+// A test program built with -fopenmp and the library share one OpenMP runtime (libgomp, or LLVM's libomp when linked):
+// two runtimes would each keep their own notion of the enclosing region, and a call from inside the program's region
+// would open a second team instead of running on a team of one.
 TEST(ParallelDriver, OneOpenMPRuntimeInTheProcess) {
     std::ifstream maps("/proc/self/maps");
     std::set<std::string> runtimes;
@@ -159,12 +157,10 @@ std::set<std::string> definedSymbols(const std::string& library) {
 
 }  // namespace
 
-// The dynamic symbol table holds exactly the names of the API.
 TEST(Exports, DynamicSymbolTableIsTheBuiltList) {
     const std::set<std::string> built = readNames(OMKM_EXPORTS_MAP, true);
     const std::set<std::string> api = readNames(OMKM_EXPORTS_LIST, false);
     ASSERT_EQ(api.size(), 874u) << "the API's name list was not found at " << OMKM_EXPORTS_LIST;
-    // Every name of the API is built, and nothing else.
     for (const std::string& n : api) EXPECT_TRUE(built.count(n)) << n << " is not built";
     for (const std::string& n : built) EXPECT_TRUE(api.count(n)) << n << " is not an API name";
 

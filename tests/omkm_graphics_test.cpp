@@ -1,14 +1,11 @@
-// The graphics families' own cases; their rows (families/graphics.cpp) give the shared walk every
-// member bit for bit, the array forms also on their other strides and paths. Here: Unproject of a
-// singular combination with no vectors, and examples derived by hand.
+// The graphics families' own cases: Unproject of a singular combination with no vectors, and examples derived by hand.
 #include <gtest/gtest.h>
 
 #include "families.h"
 
 using namespace omkt;
 
-// A World without row 0 makes the combination singular: with vectors omkStsSingular and nothing
-// written (as in the walk), with count <= 0 omkStsOk at once.
+// A World without row 0 makes the combination singular: omkStsSingular, nothing written; count <= 0: omkStsOk at once.
 TEST(GraphicsCases, UnprojectOfASingularCombination) {
     for (int count : {3, 0, -1}) {
         Call c = layCall("omkmUnproject_m4v3a_32f");

@@ -1,5 +1,4 @@
-// The products' own cases beside the shared rules: the order two _P members choose by the OR of
-// their sizes, omkmMul_mm4x4_32f off 16-byte boundaries, and products over their own sources.
+// The products' own cases: _P order choice by the OR of sizes, omkmMul_mm4x4_32f off 16-byte boundaries, in place.
 #include <gtest/gtest.h>
 
 #include "families.h"
@@ -8,8 +7,7 @@ using namespace omkt;
 
 namespace {
 
-// Nine elements of each source, one pointer per element, and a destination of nine elements
-// holding -7 before the call.
+// Nine elements per source with one pointer each, and a destination of nine elements holding -7 before the call.
 template <class T> struct Tables {
     T a[9], b[9], d[9];
     const T* pa[9];
@@ -31,11 +29,10 @@ template <class T> struct Tables {
 
 }  // namespace
 
-// omkmMul_mm_32f_P and omkmMul_tt_64f_P take the order-3 code when the OR of the four sizes is 3,
-// square or not (the shared walk keeps to shapes where that is the square order): a 1x2 by 2x1
-// product reads nine entries of each table with that operand's own width as row pitch, so its
-// first result is the strided order-3 sum of entries 0, 1, 2 of both tables, and with a
-// destination of width 1 it writes entries i*1 + j for i, j < 3 (up to 4) only.
+// omkmMul_mm_32f_P and omkmMul_tt_64f_P take the order-3 code when the OR of the four sizes is 3, square or not (the
+// shared walk keeps to shapes where that is the square order): a 1x2 by 2x1 product reads nine entries of each table
+// with that operand's own width as row pitch, so its first result is the strided order-3 sum of entries 0, 1, 2 of both
+// tables, and with a destination of width 1 it writes entries i*1 + j for i, j < 3 (up to 4) only.
 TEST(MulOrRule, OrderThreeCodeForOperandsWhoseSizesOrToThree) {
     std::mt19937 rng(29);
     Tables<float> mm(rng);
@@ -48,8 +45,7 @@ TEST(MulOrRule, OrderThreeCodeForOperandsWhoseSizesOrToThree) {
     EXPECT_TRUE(tt.untouchedFrom(5));
 }
 
-// Operands off 16-byte boundaries take the unaligned loads and give the aligned call's bits, also
-// over either source (the aligned call is checked against the chain order by the shared walk).
+// Operands off 16-byte boundaries give the aligned call's bits (checked by the shared walk), also over either source.
 TEST(MulFixed, Mm4x4OffSixteenByteBoundariesOverEitherSource) {
     std::mt19937 rng(31);
     alignas(64) float a[16], b[16], d[16], x[20], y[20];

@@ -1,12 +1,8 @@
-// The rules every family keeps, each written once and walked over every family row (families.h):
-//   - every member, in every description, shape and layout, gives its reference bits and writes
-//     nothing but its outputs; the walk tells each documented rounding order from its alternatives;
-//   - a destination laid over a source it may overwrite gives the same result;
-//   - an array call asks for the thread budget exactly when its work reaches the family's limit,
-//     probed at the boundary itself; single objects never ask;
-//   - on threads, every slice gives the serial bits, stops at its own first failing object, and
-//     the first failing status stored is returned; the caller's scratch buffer is not touched.
-// Check orders and "nothing written on a failed check" are the argument sweep's.
+// The rules every family keeps, walked over every family row: reference bits and nothing but outputs written in every
+// description, shape and layout (the walk telling each documented rounding order from its alternatives); in-place
+// calls; budget asks exactly from the family's limit on, probed at the boundary, never for single objects; on threads
+// the serial bits per slice, each stopping at its own first failing object, the first failing status stored returned,
+// the caller's scratch buffer untouched. Check orders and "nothing written on a failed check" are the argument sweep's.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -45,7 +41,6 @@ const Family& familyNamed(const std::string& name) {
     throw std::out_of_range(name);
 }
 
-// Calls c with the budget probe reset and compares the whole arena with c.want.
 void callAndCompare(Call& c, OmkStatus status) {
     const auto tables = c.tables;
     probe::resetCalls();
@@ -95,10 +90,9 @@ TEST_P(Rules, EveryMemberShapeAndLayoutBitForBit) {
     for (const std::string& w : f.ways) EXPECT_GT(witnesses()[w], 0) << "no input told apart: " << w;
 }
 
-// NaN, infinities, signed zeros, subnormals and the largest values flow through the documented
-// formulas as IEEE arithmetic has them (any NaN matching any NaN): no flush to zero, no unfused
-// product at the overflow edge, no wrong zero sign, no special value reaching a result it does not
-// enter.
+// NaN, infinities, signed zeros, subnormals and the largest values flow through the documented formulas as IEEE
+// arithmetic has them (any NaN matching any NaN): no flush to zero, no unfused product at the overflow edge, no wrong
+// zero sign, no special value reaching a result it does not enter.
 TEST_P(Rules, SpecialValuesFollowTheReference) {
     const Family& f = familyNamed(GetParam());
     if (!f.specials) GTEST_SKIP() << "checked in the family's own cases";
@@ -124,7 +118,6 @@ TEST_P(Rules, InPlaceOverEverySourceThatMayBeOverwritten) {
                 for (const auto& layout : {std::vector<Style>{kPacked}, std::vector<Style>{kGapped}}) {
                     s.count = 3;
                     s.styles = layout;
-                    // Only over a source of the destination's shape.
                     Call plain = layCall(*ex, s);
                     if (!plain.hasRegion(source)) continue;
                     const Region &from = plain[source], &to = plain["Dst"];
@@ -138,8 +131,7 @@ TEST_P(Rules, InPlaceOverEverySourceThatMayBeOverwritten) {
 
 namespace {
 
-// The (sizes, count) of a member's shapes whose work is the largest below `limit`, the limit itself
-// when some shape gives it, and the smallest above it.
+// A member's shapes (sizes, count) of the largest work below `limit`, of work `limit` if any, and of the least above.
 std::vector<Shape> aroundLimit(const Family& f, const Name& nm, int64_t limit) {
     Shape below, at, above;
     int64_t wb = -1, wa = INT64_MAX;

@@ -1,8 +1,5 @@
-// The solvers' own cases: tolerances at their exact bounds, ties of the pivot search, what a failing
-// call has written, special inputs, calls in place, omkmInvert_m4_32f without pDet, the order-2
-// inverses of the header. Every call is compared over its whole arena with the family's reference
-// (families/solvers.cpp); the statuses and the values the header gives are asserted here from the
-// documented rules.
+// The solvers' own cases. Every call is compared over its whole arena with the family's reference
+// (families/solvers.cpp); the statuses and the values the header gives are asserted here from the documented rules.
 #include <gtest/gtest.h>
 
 #include "families.h"
@@ -58,8 +55,7 @@ std::function<void(Call&)> matrix(std::function<double(int, int)> v) {
             }
     };
 }
-// Diagonal matrices carry a value into a pivot exactly: v0 at (0, 0), v1 at (n-1, n-1) (or v0
-// at (at, at)), ones elsewhere on the diagonal.
+// Diagonals carry a value into a pivot exactly: v0 at (0, 0) (or (at, at)), v1 at (n-1, n-1), ones elsewhere.
 std::function<void(Call&)> diagonal(double v0, int at = 0, double v1 = 1) {
     return [=](Call& c) {
         const int n = c["Src"].kind == Region::Fixed ? 4 : c["Src"].rows;
@@ -80,19 +76,17 @@ double tolOf(int n, bool single) {
     return single ? double(float(2 * n * n * n) * std::numeric_limits<float>::min())
                   : 2 * n * n * n * std::numeric_limits<double>::min();
 }
-// The neighbour of v in the element type toward `to`.
 double next(double v, double to, bool single) {
     return single ? double(std::nextafter(float(v), float(to))) : std::nextafter(v, to);
 }
 
 }  // namespace
 
-// LU: orders 3 to 6 pass a pivot of 2^-125 (2^-1021) and fail the next number below; the other
-// orders fail epsilon and pass the next number above. Det: a pivot below t gives 0, one at t goes
-// on, the last one gives 0 at t (orders 3 and 4 have no tolerance), never omkStsSingular. Invert:
-// order 1 singular when |a| <= t; orders 3 to 6 when |det| < t; orders 2, 7 and 8 when a pivot
-// falls below t or |det| <= t; the m4 form when |det| < 2^-119. Cholesky fails a pivot 0 >= d.
-// QR stops on a column whose sum of squares is below eps; eps itself and 1.5 eps pass.
+// LU: orders 3 to 6 pass a pivot of 2^-125 (2^-1021) and fail the next number below; the other orders fail epsilon and
+// pass the next number above. Det: a pivot below t gives 0, one at t goes on, the last one gives 0 at t (orders 3 and 4
+// have no tolerance), never omkStsSingular. Invert: order 1 singular when |a| <= t; orders 3 to 6 when |det| < t;
+// orders 2, 7 and 8 when a pivot falls below t or |det| <= t; the m4 form when |det| < 2^-119. Cholesky fails a pivot
+// with 0 >= d. QR stops on a column whose sum of squares is below eps; eps itself and 1.5 eps pass.
 TEST(SolverTolerances, ExactBounds) {
     for (const Export* ex : members("LUDecomp"))
         for (int n = 1; n <= 8; ++n) {
@@ -153,9 +147,8 @@ TEST(SolverTolerances, ExactBounds) {
     }
 }
 
-// Equal magnitudes keep the upper row: a lower triangle of +-1 is a tie at every step of LU, and p
-// stays the identity. (Det and Invert meet ties in the results walk: their fill gives column 0
-// equal magnitudes.)
+// Equal magnitudes keep the upper row: a lower triangle of +-1 ties at every LU step, and p stays the identity (Det and
+// Invert meet ties in the results walk: their fill gives column 0 equal magnitudes).
 TEST(SolverTies, TheFirstMaximumWins) {
     for (const Export* ex : members("LUDecomp"))
         for (int n = 1; n <= 8; ++n) {
@@ -165,11 +158,10 @@ TEST(SolverTies, TheFirstMaximumWins) {
         }
 }
 
-// A zero column stops LU at its step (orders 3 to 6 have written p and the rows of the steps
-// before, the others the whole copy factored up to there), Invert with nothing written, QR at its
-// reflection (the earlier ones applied); a zero row stops Cholesky there, the rows before written.
-// A column that the first reflection leaves negligible stops QR at step 1. On one thread an array
-// stops at its first failing object, also inside a block of objects side by side.
+// A zero column stops LU at its step (orders 3 to 6 have written p and the rows of the steps before, the others the
+// whole copy factored up to there), Invert with nothing written, QR at its reflection (the earlier ones applied); a
+// zero row stops Cholesky there, the rows before written. A column the first reflection leaves negligible stops QR at
+// step 1. On one thread an array stops at its first failing object, also inside a block of objects side by side.
 TEST(SolverFailures, WhatAFailingCallHasWritten) {
     const std::map<std::string, OmkStatus> failures = {{"LUDecomp", omkStsSingular},
                                                        {"Invert", omkStsSingular},
@@ -198,12 +190,11 @@ TEST(SolverFailures, WhatAFailingCallHasWritten) {
         }
 }
 
-// The library reports none of them: NaN pivots pass every test (LU keeps p the identity), an
-// infinite LU pivot makes zero multipliers, a zero diagonal in the LU solver gives infinities and
-// NaN, Cholesky fails -inf and passes +inf (1/sqrt(inf) is 0 in 64f, NaN through the 32f estimate),
-// a NaN QR column spreads where the reflections carry it while a column of subnormals is negligible
-// (the exact copy written), NaN determinants are NaN by the closed forms and 0 by elimination,
-// Invert of order 1 fails NaN and the others give NaN; the closed forms keep a subnormal value.
+// The library reports none of them: NaN pivots pass every test (LU keeps p the identity), an infinite LU pivot makes
+// zero multipliers, a zero diagonal in the LU solver gives infinities and NaN, Cholesky fails -inf and passes +inf
+// (1/sqrt(inf) is 0 in 64f, NaN through the 32f estimate), a NaN QR column spreads where the reflections carry it while
+// a column of subnormals is negligible (the exact copy written), NaN determinants are NaN by the closed forms and 0 by
+// elimination, Invert of order 1 fails NaN and the others give NaN; the closed forms keep a subnormal value.
 TEST(SolverSpecialInputs, FollowIEEEThroughTheSteps) {
     const double nan = std::nan("0x5"), inf = INFINITY;
     const auto column = [](int j, std::function<double(const Call&)> v) {
@@ -257,8 +248,7 @@ TEST(SolverSpecialInputs, FollowIEEEThroughTheSteps) {
         }
 }
 
-// LU decompositions and Invert of orders 3 to 6 in place; the LU solution over its right-hand side
-// for orders 3 to 6, and for the others when p is the identity.
+// In place: LU decompositions, Invert of orders 3 to 6, LU solutions over the right-hand side (p identity off 3 to 6).
 TEST(SolverInPlace, OverTheSourcesThatMayBeOverwritten) {
     for (const char* op : {"LUDecomp", "LUBackSubst", "Invert"})
         for (const Export* ex : members(op))
@@ -275,8 +265,7 @@ TEST(SolverInPlace, OverTheSourcesThatMayBeOverwritten) {
                     }
 }
 
-// omkmInvert_m4_32f with a null pDet gives the same inverse; so does a singular matrix give its
-// status with nothing written.
+// omkmInvert_m4_32f with a null pDet gives the same inverse, or for a singular matrix its status with nothing written.
 TEST(SolverFixedSize, InvertM4WithoutDet) {
     const std::vector<const Export*> inverts = members("Invert");
     const Export& ex = **std::find_if(inverts.begin(), inverts.end(), [](auto e) { return fixed(*e); });
@@ -294,10 +283,9 @@ TEST(SolverFixedSize, InvertM4WithoutDet) {
         }
 }
 
-// The header's order-2 inverses: a minor element not above t counts as t, so zeros of the source
-// give -+r*t: [[2, 0], [0, 4]] inverts to [[0.5, -t/8], [-t/8, 0.25]] and [[1, 0], [3, 2]] to
-// [[1, -t/2], [-1.5, 0.5]]; a permutation matrix of order 2, 7 or 8 gives its transpose, with every
-// zero a tiny +-r*t.
+// The header's order-2 inverses: a minor element not above t counts as t, so source zeros give -+r*t: [[2, 0], [0, 4]]
+// inverts to [[0.5, -t/8], [-t/8, 0.25]], [[1, 0], [3, 2]] to [[1, -t/2], [-1.5, 0.5]]; a permutation matrix of order
+// 2, 7 or 8 gives its transpose, every zero a tiny +-r*t.
 TEST(InvertExamples, MinorsNotAboveTheToleranceTakeIt) {
     for (const Export* ex : members("Invert")) {
         if (fixed(*ex)) continue;

@@ -1,5 +1,4 @@
-// The test executable's own ownGetNumThreads: libomkm.so binds to it, so a test sets the budget
-// the library sees and counts how often the library asks.
+// The test executable's ownGetNumThreads (libomkm.so binds to it): tests set the library's budget and count its asks.
 #include "thread_budget_probe.h"
 
 #include <atomic>

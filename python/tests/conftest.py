@@ -23,8 +23,7 @@ def dt(request):
 
 
 def variants(x, nd):
-    """Arrays holding the values of x (one leading axis, `nd` core axes) in other layouts:
-    name -> (array, read in place). The in-place ones must work with copy=False."""
+    """x's values (one leading axis, `nd` core axes) in other layouts: name -> (array, read in place)."""
     dt = x.dtype
     out = {"contiguous": (x.copy(), True)}
     big = np.full(tuple(2 * s + 1 for s in x.shape), np.nan, dt)
@@ -49,8 +48,7 @@ def variants(x, nd):
 
 
 def check_layouts(f, oracle, x, nd, others=(), label=""):
-    """f(variant of x, *others) against oracle(x, *others) for every layout of x, with copy=False
-    raising exactly for the layouts that need a copy."""
+    """f(layout of x, *others) against oracle(x, *others); copy=False raises exactly for layouts needing a copy."""
     want = oracle(x.astype(np.float64), *[np.asarray(o, np.float64) for o in others])
     for name, (a, in_place) in variants(x, nd).items():
         got = f(a, *others)

@@ -1,9 +1,8 @@
-// Family rows of the eigenproblems: EigenSym (EigenValuesSym, EigenValuesVectorsSym) and EigenGeneral
-// (EigenValues, EigenValuesVectors, ...Left, ...Right and the buffer size queries).
-// The iterations round deterministically but by no formula element by element: from order 3 on the
-// reference of an object is the standard single-matrix member run on a packed copy of it, whose
-// bits every description, layout, block of lanes and thread count must give. Orders 1 and 2 are
-// closed forms, computed here. Accuracy against an oracle is in omkm_eigen_test.cpp.
+// Family rows of the eigenproblems: EigenSym (EigenValuesSym, EigenValuesVectorsSym) and EigenGeneral (the other
+// EigenValues members and the buffer size queries). The iterations round deterministically but by no formula element by
+// element: from order 3 on an object's reference is the standard single-matrix member run on a packed copy of it, whose
+// bits every description, layout, block of lanes and thread count must give. Orders 1 and 2 are closed forms, computed
+// here; accuracy against an oracle is in omkm_eigen_test.cpp.
 #include "families.h"
 
 namespace omkt {
@@ -14,8 +13,7 @@ bool isGeneral(const Name& n) { return n.op.rfind("EigenValues", 0) == 0 && !isS
 bool hasVectors(const Name& n) { return n.op.find("Vectors") != std::string::npos; }
 template <class T> constexpr T kEps = sizeof(T) == 4 ? T(0x1p-23) : T(0x1p-52);
 
-// Object k through the standard single-matrix member of `op`, on a packed copy: every output element
-// of object k that this member has takes what it leaves there. Returns its status.
+// Runs object k through `op`'s standard single-matrix member on a packed copy, taking its outputs; returns its status.
 OmkStatus throughSingle(Call& c, int k, const std::string& op) {
     Shape s;
     s.n = c.size("widthHeight");
@@ -40,9 +38,8 @@ OmkStatus throughSingle(Call& c, int k, const std::string& op) {
     return st;
 }
 
-// From order 3 on, through the member's own operation; the values are those of the values-only
-// member, the two sets of EigenValuesVectors those of the one-sided members, and a general matrix
-// that does not converge leaves the vector destinations untouched.
+// From order 3 on, through the member's own operation: the values as the values-only member's, EigenValuesVectors' two
+// sets as the one-sided members', and vector destinations untouched when a general matrix does not converge.
 OmkStatus throughSingles(Call& c, int k) {
     const Name& nm = c.name;
     const OmkStatus st = throughSingle(c, k, nm.op);
@@ -58,8 +55,7 @@ OmkStatus throughSingles(Call& c, int k) {
 }
 
 // ---- symmetric, order 2 in closed form from a = A(0,0), b = A(0,1), d = A(1,1) ----
-// `way` 0 as documented; 1: a*d - b*b with both products rounded; 2: c = 1/sqrt(q*q + 1) all in the
-// element type; 3: q*q + 1 in double.
+// `way` 1: a*d - b*b with both products rounded; 2: c = 1/sqrt(q*q + 1) in the element type; 3: q*q + 1 in double.
 const char* const kSymWays[] = {"Sym order 2 determinant unfused", "Sym order 2 unit scale in the element type",
                                 "Sym order 2 square in double"};
 template <class T> struct SymTwo {
@@ -126,10 +122,9 @@ template <class T> OmkStatus symSmall(Call& c, int k) {
 
 // ---- general, orders 1 and 2 ----
 // A 1x1 block gives H(0,0) + t (t = 0: -0 becomes +0) and vector 1. Order 2 deflates at once when
-// |a10| <= eps*(|a00| + |a11|), the diagonal being the values; otherwise, for x = a11, y = a00,
-// w = a10*a01, p = (y - x)/2, q = p*p + w: the real values x + z and x - w/z with
-// z = p + sign(p)*sqrt(q), or the pair (x + p) +- i*sqrt(-q). `way` 1: q fused; 2: the second real
-// value as the trace less the first.
+// |a10| <= eps*(|a00| + |a11|), the diagonal being the values; otherwise, for x = a11, y = a00, w = a10*a01,
+// p = (y - x)/2, q = p*p + w: the real values x + z and x - w/z with z = p + sign(p)*sqrt(q), or the pair
+// (x + p) +- i*sqrt(-q). `way` 1: q fused; 2: the second real value as the trace less the first.
 const char* const kGeneralWays[] = {"General order 2 q fused", "General order 2 second value from the trace"};
 template <class T> void generalTwo(T a00, T a01, T a10, T a11, int way, T* wr, T* wi) {
     T s = std::fabs(a00) + std::fabs(a11);
@@ -186,8 +181,8 @@ OmkStatus generalObject(Call& c, int k) {
     return byType(e, [&](auto t) { return generalSmall<decltype(t)>(c, k, st); });
 }
 
-// Random sources (symmetric ones for EigenSym). Every fourth symmetric matrix is diagonal with
-// repeated values; every fourth general one of order 2 has a10 at the deflation bound.
+// Random sources (symmetric for EigenSym). Every fourth symmetric matrix is diagonal with repeated values; every fourth
+// general one of order 2 has a10 at the deflation bound.
 void fill(Call& c, std::mt19937& rng) {
     if (!c.hasRegion("Src")) return;
     const Region& src = c["Src"];

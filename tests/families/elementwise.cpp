@@ -1,5 +1,4 @@
-// Family rows of the element-wise operations and data movement: Add and Sub, Saxpy and LComb,
-// Copy, Extract, LoadIdentity and Transpose.
+// Family rows of element-wise operations and moves: Add, Sub, Saxpy, LComb, Copy, Extract, LoadIdentity, Transpose.
 #include "families.h"
 
 namespace omkt {
@@ -20,7 +19,6 @@ std::vector<Shape> matrixShapes(const Name& n) {
     return out;
 }
 
-// Elements of a destination of a fixed-length form (v2, v3, v4) or of a strided one.
 int lengthOf(const Call& c, const Region& d) { return d.kind == Region::Fixed ? c.name.group[1] - '0' : d.cols; }
 
 // ---- Add and Sub: one rounded operation per element, the operands in the order of the name ----
@@ -56,9 +54,8 @@ int64_t addSubWork(const Name& n, const Shape& s) {
     return (2 * c + 1) * len;  // vav, vva, vac
 }
 
-// Matrices run on threads from work 2000 on (3000 for 32-bit standard calls with contiguous
-// elements); vectors above 1500 (_P), 2500 (_L), 1400 (64-bit standard) or 4800, and cva from one
-// less.
+// Matrices run on threads from work 2000 on (3000 for 32-bit standard calls with contiguous elements); vectors above
+// 1500 (_P), 2500 (_L), 1400 (64-bit standard) or 4800, and cva from one less.
 int64_t addSubFirstParallel(const Call& c) {
     const Name& n = c.name;
     if (isMatrixGroup(n)) return n.desc.empty() && c.esize == 4 && contiguous(c) ? 3000 : 2000;
@@ -87,8 +84,8 @@ template <class T> OmkStatus scaledSumObject(Call& c, int k) {
     return omkStsOk;
 }
 
-// Random vectors and scales; every odd element of the second source nearly cancels the first term,
-// so that the result is the rounding error of a product and tells the orders apart.
+// Random vectors and scales; every odd element of the second source nearly cancels the first term, leaving a product's
+// rounding error that tells the orders apart.
 void fillScaledSum(Call& c, std::mt19937& rng) {
     fillRandom(c, rng, -12, 12);
     const bool lcomb = c.name.op == "LComb";
@@ -108,8 +105,7 @@ int64_t scaledSumWork(const Name& n, const Shape& s) {
     return n.group == "vava" ? 3 * c * len : (2 * c + 1) * len;
 }
 
-// The serial bounds: work at most the bound runs on the calling thread; the first figure is for
-// contiguous elements (all three element strides the element size), the second for others.
+// Work up to the bound stays serial; the first bound is for contiguous elements, the second for others.
 int64_t scaledSumFirstParallel(const Call& c) {
     const Name& n = c.name;
     std::pair<int, int> b;
@@ -122,8 +118,8 @@ int64_t scaledSumFirstParallel(const Call& c) {
 }
 
 // ---- Copy, Extract, LoadIdentity, Transpose: raw words moved ----
-// Words that a move through arithmetic or a conversion would not keep: NaNs with payloads,
-// signalling NaNs, -0.0, subnormals, infinities; and random words.
+// Words a move through arithmetic or a conversion would not keep (NaNs with payloads, signalling NaNs, -0.0,
+// subnormals, infinities) and random words.
 void fillWords(Call& c, std::mt19937& rng) {
     static const uint64_t w32[] = {0x7fa00001, 0xffc12345, 0x7f800001, 0x80000000, 0x00000001, 0x807fffff},
                           w64[] = {0x7ff4000000000001, 0xfff8000000012345, 0x8000000000000000,

@@ -1,6 +1,5 @@
-// Family rows of the 3D graphics subsystem: vector helpers, transform builders, point transforms and
-// the checked homogeneous array transform. Every reference is the documented formula evaluated here
-// with std::fma in its documented order; the ways are other orders that the walk's inputs tell apart.
+// Family rows of the 3D graphics subsystem. Every reference is the documented formula evaluated with std::fma in its
+// documented order; the ways are other orders that the walk's inputs tell apart.
 #include <array>
 #include <sstream>
 
@@ -47,8 +46,7 @@ void setStride(Call& c, const std::string& name, int bytes) {
             (name.back() == '0' ? g.s0 : name.back() == '1' ? g.s1 : g.s2) = bytes;
 }
 
-// Members by their operation, and the ways "<op>_<group> <way>" (an array form under its single
-// form's group), from space-separated lists.
+// Members by operation, and ways "<op>_<group> <way>" (an array form under its single form's group), from word lists.
 std::function<bool(const Name&)> opIn(const std::string& ops) {
     return [ops](const Name& n) { return (" " + ops + " ").find(" " + n.op + " ") != std::string::npos; };
 }
@@ -78,8 +76,8 @@ OmkStatus vectorHelper(Call& c, int) {
     const int n = c.name.group[1] - '0';
     const F16 v1 = read(c, c.hasRegion("Src") ? "Src" : "Src1"), v2 = c.hasRegion("Src2") ? read(c, "Src2") : v1;
     const F16 v3 = c.hasRegion("Src3") ? read(c, "Src3") : v1, v4 = c.hasRegion("Src4") ? read(c, "Src4") : v1;
-    // `other`: LenSqr as a plain sum, Normalize by a reciprocal, Max and Min with ties to the first
-    // source, the interpolations in another order, Catmull-Rom halving before subtracting.
+    // `other`: LenSqr as a plain sum, Normalize by a reciprocal, Max and Min with ties to the first source, the
+    // interpolations in another order, Catmull-Rom halving before subtracting.
     float r[4], other[4], third[4];
     if (op == "LenSqr" || op == "Len") {
         float plain = v1[0] * v1[0];
@@ -126,8 +124,8 @@ OmkStatus vectorHelper(Call& c, int) {
     return write(c, 0, r, n);
 }
 
-// Max and Min half of the time from +0, -0 and NaN; the curve parameters mostly in [-0.25, 1.25];
-// one time in 8 V1 zero (Normalize: 0/0 = NaN).
+// Max and Min half of the time from +0, -0 and NaN; the curve parameters mostly in [-0.25, 1.25]; V1 zero one time in 8
+// (Normalize: 0/0 = NaN).
 void fillVectors(Call& c, std::mt19937& rng) {
     const bool ties = c.name.op == "Max" || c.name.op == "Min";
     fillWith(c, [&] { return ties && rng() % 2 ? std::array{0.0, -0.0, double(NAN)}[rng() % 3] : value(rng, -3, 3); });
@@ -140,8 +138,8 @@ void fillVectors(Call& c, std::mt19937& rng) {
 }
 
 // ---- transform builders ----
-// The 16 entries; `way` evaluates one detail otherwise: 1 "0 - d" as a negation, 2 products
-// unfused, 3 the cotangent as 1/tan, 4 MulTranspose's rows from column 0's product.
+// The 16 entries; `way` evaluates one detail otherwise: 1 "0 - d" as a negation, 2 products unfused, 3 the cotangent as
+// 1/tan, 4 MulTranspose's rows from column 0's product.
 F16 transform(Call& c, int way) {
     const std::string& op = c.name.op;
     auto sub = [&](float d) { return way == 1 ? -d : 0.0f - d; };
@@ -229,8 +227,8 @@ OmkStatus builder(Call& c, int) {
     return write(c, 0, m.data(), 16);
 }
 
-// Zeros one time in 8; one time in 4 equal near and far planes, left and right, bottom and top, an
-// eye at the origin; an identity with some entries replaced by 0, -0, 1, 3 or NaN for IsIdentity.
+// Zeros one time in 8; one time in 4 equal near and far planes, left and right, bottom and top, an eye at the origin;
+// for IsIdentity an identity with some entries replaced by 0, -0, 1, 3 or NaN.
 void fillBuilders(Call& c, std::mt19937& rng) {
     fillWith(c, [&] { return rng() % 8 ? value(rng, -2, 3) : 0.0; });
     const bool ties = rng() % 4 == 0;
@@ -243,8 +241,8 @@ void fillBuilders(Call& c, std::mt19937& rng) {
 }
 
 // ---- point transforms ----
-// Lane j of (x, y, z, w)*M in each form's order: 2 and 3 AffineTransform m4v2/m4v3, 4 m4v4 (also
-// Project's products), 5 Coord m4v3, 6 and 7 Normal m4v2/m4v3; `other` takes the terms otherwise.
+// Lane j of (x, y, z, w)*M in each form's order: 2 and 3 AffineTransform m4v2/m4v3, 4 m4v4 (also Project's products), 5
+// Coord m4v3, 6 and 7 Normal m4v2/m4v3; `other` takes the terms otherwise.
 float lane(int form, const F16& m, const float* v, int j, bool other) {
     const float x = v[0], y = v[1], z = v[2], w = v[3], a = m[j], b = m[4 + j], c = m[8 + j], d = m[12 + j];
     switch (form) {
@@ -297,9 +295,9 @@ OmkStatus pointObject(Call& c, int k) {
     return write(c, k, r, out);
 }
 
-// The array forms' strides as laid (32 bytes), or packed sources (two vectors a step when the
-// destination and its stride are multiples of 16 bytes) or sources padded by 4 bytes with other
-// destination strides. Unproject sometimes of a World without row 0, a singular combination.
+// The array forms' strides as laid (32 bytes), packed sources (two vectors a step when the destination and its stride
+// are multiples of 16 bytes), or sources padded by 4 bytes with other destination strides. Unproject sometimes of a
+// World without row 0 (singular).
 void fillPoints(Call& c, std::mt19937& rng) {
     if (c.name.array() && c.shape.alias.empty()) {
         const int in = 4 * (c.name.group[3] - '0'), out = c.name.op == "AffineTransform" ? 16 : in;
@@ -312,8 +310,8 @@ void fillPoints(Call& c, std::mt19937& rng) {
         for (int j = 0; j < 4; ++j) c.set(c["World"], 0, 0, j, 0.0);
 }
 
-// Sometimes the matrix read transposed, or (from two vectors on) the components of the source or
-// of the destination 8 bytes apart in vectors 20 bytes apart: the general kernel.
+// Sometimes the matrix read transposed, or (from two vectors on) the source's or destination's components 8 bytes apart
+// in vectors 20 bytes apart: the general kernel.
 void fillHomogeneous(Call& c, std::mt19937& rng) {
     const int pick = int(rng() % 4);
     if (pick == 1) setStride(c, "src1Stride1", 4), setStride(c, "src1Stride2", 16);
@@ -325,8 +323,8 @@ void fillHomogeneous(Call& c, std::mt19937& rng) {
 }  // namespace
 
 std::vector<Family> graphicsFamilies() {
-    // Each row in the order of Family's fields: name, members, shapes (independent draws here), fill,
-    // expect, work, firstParallel, spoil, ways, inPlace, specials, limitShapes.
+    // Each row in the order of Family's fields: name, members, shapes (independent draws here), fill, expect, work,
+    // firstParallel, spoil, ways, inPlace, specials, limitShapes.
     const auto draws = [](int n) { return [n](const Name& m) { return std::vector<Shape>(m.array() ? 8 : n); }; };
     Family vectors{"VectorHelpers",
                    opIn("LenSqr Len Normalize Max Min MulC BaryCentric Hermite InterpolationCatmullRom "

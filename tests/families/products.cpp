@@ -1,5 +1,4 @@
-// Family rows of the products: Mul of matrices and vectors, Mul by a constant, dot and cross
-// products, norms and trace, Gaxpy.
+// Family rows of the products: Mul of matrices, vectors and by constants, dot and cross products, norms, trace, Gaxpy.
 #include <array>
 #include <cctype>
 
@@ -59,7 +58,6 @@ template <class T> T tabledSum(const std::vector<T>& p, bool pairLast) {
 }
 bool tabled(size_t n) { return n >= 3 && n <= 6; }
 
-// Sources from entry(rng, lo, hi), the 16 elements of a fixed-size operand included.
 void fillSources(Call& c, std::mt19937& rng, int lo = -12, int hi = 12) {
     fillRandom(c, rng, lo, hi);
     for (Region& g : c.regions)
@@ -72,10 +70,9 @@ template <class F> std::function<OmkStatus(Call&, int)> typed(F f) {
 }
 
 // ---- Mul of matrices and vectors ----
-// The kernel orders by path (_P pointer; contiguous when every element stride is the element size):
-// square orders 3 to 6 the chain on the contiguous path and for order 5 on every path, else the
-// strided tables; other sizes eight lanes (contiguous), pairs of rounded products with an odd last
-// term fused (strided), or fused from zero (pointer).
+// The kernel orders by path (_P pointer; contiguous when every element stride is the element size): square orders 3 to
+// 6 the chain on the contiguous path and for order 5 on every path, else the strided tables; other sizes eight lanes
+// (contiguous), pairs of rounded products with an odd last term fused (strided), or fused from zero (pointer).
 template <class T> T generalProduct(const std::string& path, const std::vector<T>& a, const std::vector<T>& b) {
     if (path == "pointer") return fusedFromZero(a, b);
     if (path == "strided") {
@@ -121,8 +118,8 @@ template <class T> OmkStatus mulObject(Call& c, int k, T) {
     return omkStsOk;
 }
 
-// omkmMul_mm_32f_P and omkmMul_tt_64f_P take the order-3 or order-4 code when the OR of the four
-// sizes is 3 or 4, square or not; the walks keep to shapes where that is the square order.
+// omkmMul_mm_32f_P and omkmMul_tt_64f_P take the order-3 or order-4 code when the OR of the four sizes is 3 or 4,
+// square or not; the walks keep to shapes where that is the square order.
 bool orQuirk(const Name& n, const Shape& s) {
     if (n.desc != "P" || !((n.group == "mm" && n.type == "32f") || (n.group == "tt" && n.type == "64f"))) return false;
     const int aw = s.size("src1Width"), ah = s.size("src1Height"), bw = s.size("src2Width"), bh = s.size("src2Height");
@@ -158,8 +155,7 @@ int64_t mulWork(const Name& n, const Shape& s) {
     return first ? bw * bh + c * (aw * ah + ed) : aw * ah + c * (bw * bh + ed);
 }
 
-// Serial while the work is at most 1440 (_P and other strides), 3600 (_L and standard 64f
-// contiguous) or 2500 (standard 32f contiguous).
+// Serial up to work 1440 (_P, other strides), 3600 (_L, standard 64f contiguous) or 2500 (standard 32f contiguous).
 int64_t mulFirstParallel(const Call& c) {
     if (c.name.desc == "P" || !contiguous(c)) return 1441;
     return c.name.desc == "L" || c.esize == 8 ? 3601 : 2501;
@@ -185,8 +181,8 @@ int64_t scaleWork(const Name& n, const Shape& s) {
     return n.group == "vaca" ? c * (2 * len + 1) : len * (c + 1) + c;
 }
 
-// Serial limits: standard contiguous 32f and 64f, standard other, _L contiguous, _L other 32f and
-// 64f, _P. Contiguous: the source's and the destination's element strides are the element size.
+// Serial limits: standard contiguous 32f and 64f, standard other, _L contiguous, _L other 32f and 64f, _P. Contiguous:
+// the source's and destination's element strides are the element size.
 int64_t scaleFirstParallel(const Call& c) {
     static const std::map<char, std::array<int, 7>> limits = {{'m', {3500, 3500, 3500, 3500, 1500, 3500, 1700}},
                                                                 {'c', {2500, 3600, 1440, 3600, 1440, 1440, 1440}},
@@ -199,8 +195,8 @@ int64_t scaleFirstParallel(const Call& c) {
 }
 
 // ---- dot and cross products ----
-// Contiguous dot products of other lengths than 3 to 6: t = t + p_k until b reaches a 32-byte
-// boundary (`head` products), blocks of 16 into 16 lanes folded q+8, q+4, q+2, q+1, then the tail.
+// Contiguous dot products of lengths other than 3 to 6: t = t + p_k until b reaches a 32-byte boundary
+// (`head` products), blocks of 16 into 16 lanes folded q+8, q+4, q+2, q+1, then the tail.
 template <class T> T longDot(const std::vector<T>& p, uintptr_t bAddr, int& head) {
     const int n = int(p.size());
     int k = 0;
@@ -300,14 +296,12 @@ int64_t dotCrossWork(const Name& n, const Shape& s) {
     return n.group == "vav" ? (c + 1) * len : 2 * len * c;
 }
 
-// Dot: serial while the work is at most 5000 (contiguous), 2620 (other strides), 2400 (_P). Cross:
-// vava 3*count at most 3000, vav and vva 2*count at most 2999.
+// Serial up to work: dot 5000 (contiguous), 2620 (other strides), 2400 (_P); cross 3000 (vava), 2999 (vav and vva).
 int64_t dotCrossFirstParallel(const Call& c) {
     if (c.name.op == "CrossProduct") return c.name.group == "vava" ? 3001 : 3000;
     return c.name.desc == "P" ? 2401 : contiguous(c) ? 5001 : 2621;
 }
 
-// ---- norms and trace ----
 template <class T> OmkStatus normObject(Call& c, int k, T) {
     const Region& s = c["Src"];
     const std::string& op = c.name.op;
@@ -336,8 +330,8 @@ template <class T> OmkStatus normObject(Call& c, int k, T) {
     return omkStsOk;
 }
 
-// L2Norm len*count at most 1500; FrobNorm width*height*count 2500 when the element stride is the
-// element size, else 1800 (also _P); Trace widthHeight*count 3600.
+// L2Norm len*count at most 1500; FrobNorm width*height*count 2500 when the element stride is the element size, else
+// 1800 (also _P); Trace widthHeight*count 3600.
 int64_t normWork(const Name& n, const Shape& s) {
     if (n.op == "L2Norm") return int64_t(s.size("len")) * s.count;
     if (n.op == "Trace") return int64_t(s.size("widthHeight")) * s.count;
@@ -373,7 +367,6 @@ template <class T> OmkStatus gaxpyObject(Call& c, int k, T) {
     return omkStsOk;
 }
 
-// Every matrix of 1 to m columns and rows with its x and b.
 std::vector<Shape> gaxpyShapes(int m) {
     std::vector<Shape> out;
     for (int w = 1; w <= m; ++w)
@@ -382,8 +375,7 @@ std::vector<Shape> gaxpyShapes(int m) {
     return out;
 }
 
-// Serial while the work is at most: standard 32f 7000 (contiguous) or 5000, 64f 5000; _L 7000
-// (contiguous) or 500; _P 4500.
+// Serial up to work 7000 (standard 32f or _L, contiguous), 5000 (other standard), 500 (other _L), 4500 (_P).
 int64_t gaxpyFirstParallel(const Call& c) {
     if (c.name.desc == "P") return 4501;
     if (c.name.desc == "L") return contiguous(c) ? 7001 : 501;

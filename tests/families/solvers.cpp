@@ -1,6 +1,6 @@
-// Family rows of the solvers: LU, Cholesky, QR, and Det/Invert with the fixed 4x4 float forms. Each
-// reference replays the kernels' steps in their rounding order; `ways` names the other orders the
-// walk must tell apart, per element type (and per kernel where orders 3 to 6 have their own).
+// Family rows of the solvers: LU, Cholesky, QR, Det/Invert with the fixed 4x4 float forms. Each reference replays the
+// kernels' steps in their rounding order; `ways` names the other orders the walk must tell apart, per element type (and
+// per kernel where orders 3 to 6 have their own).
 #include <immintrin.h>
 
 #include <numeric>
@@ -48,9 +48,9 @@ std::string wayOf(const Call& c, const std::string& what, bool kernels) {
     return what + (c.esize == 4 ? " 32f" : " 64f") + (kernels ? kernel : "");
 }
 
-// One triangular pass over v, forward (i ascending, j < i) or backward (i descending, j > i):
-// v[i] = finish(i, t), t being v[i] less the sum of m(i, j)*v[j] as fused chains from the highest j
-// down or from the lowest up, or as rounded products added over ascending j and subtracted once.
+// One triangular pass over v, forward (i ascending, j < i) or backward (i descending, j > i): v[i] = finish(i, t), t
+// being v[i] less the sum of m(i, j)*v[j] as fused chains from the highest j down or from the lowest up, or as rounded
+// products added over ascending j and subtracted once.
 enum class Sum { FusedDown, FusedUp, Rounded };
 template <class T, class M, class F> void pass(Mat<T>& v, int n, bool backward, Sum how, M m, F finish) {
     for (int q = 0; q < n; ++q) {
@@ -67,7 +67,6 @@ template <class T, class M, class F> void pass(Mat<T>& v, int n, bool backward, 
     }
 }
 
-// ---- fills ----
 // Column 0 of objects 2, 5, 8 ... of the source is +-1.5: equal magnitudes in the first pivot search.
 void fillTied(Call& c, std::mt19937& rng) {
     fillRandom(c, rng);
@@ -75,9 +74,8 @@ void fillTied(Call& c, std::mt19937& rng) {
     for (int k = 2; k < c.objects(a); k += 3)
         for (int i = 0; i < a.rows; ++i) c.set(a, k, i, 0, i % 3 ? -1.5 : 1.5);
 }
-// Factors as the decompositions leave them: pivot-order row i (stored at row p[i], p a random
-// order for LU) with a diagonal of magnitude 1 to 4 and smaller entries elsewhere, NaN above the
-// diagonal for Cholesky (never read); random right-hand sides.
+// Factors as the decompositions leave them: pivot-order row i at row p[i] (p random for LU), diagonal of magnitude 1 to
+// 4, smaller entries elsewhere, NaN above the diagonal for Cholesky (never read); random right-hand sides.
 void fillFactors(Call& c, std::mt19937& rng) {
     const Region& a = c["Src"];
     const bool lu = c.hasRegion("SrcIndex"), chol = c.name.op[0] == 'C';
@@ -93,16 +91,14 @@ void fillFactors(Call& c, std::mt19937& rng) {
     }
     c.fill(c["Src2"], [&](int, int, int) { return entry(rng, -2, 2); });
 }
-// Symmetric and diagonally dominant with a positive diagonal: positive definite. The upper
-// triangle is NaN (never read).
+// Symmetric and diagonally dominant with a positive diagonal: positive definite; the upper triangle NaN (never read).
 void fillSpd(Call& c, std::mt19937& rng) {
     std::uniform_real_distribution<double> u(-1, 1);
     const int n = c["Src"].rows;
     c.fill(c["Src"], [&](int, int i, int j) { return j > i ? NAN : i == j ? n + std::fabs(entry(rng)) : u(rng); });
 }
 
-// Object k fails: a zero column (LU, Invert: column 1; QR: column 0) or, for Cholesky, a zero last
-// row, which makes its pivot exactly 0.
+// Object k fails: a zero column (LU, Invert: column 1; QR: column 0) or, for Cholesky, a zero last row (pivot 0).
 void spoil(Call& c, int k) {
     const Region& a = c["Src"];
     const int col = c.name.op[0] == 'Q' ? 0 : std::min(1, a.cols - 1);
@@ -111,8 +107,7 @@ void spoil(Call& c, int k) {
             if (c.name.op[0] == 'C' ? i == a.rows - 1 : j == col) c.set(a, k, i, j, 0);
 }
 
-// Decompositions n*n*count; solvers with a matrix per vector (n + 2)*n*count, one matrix for
-// every vector (n + 2*count)*n.
+// Decompositions n*n*count; solvers with a matrix per vector (n + 2)*n*count, one matrix for all (n + 2*count)*n.
 int64_t solveWork(const Name& nm, const Shape& s) {
     const int64_t n = s.size("widthHeight"), c = s.count;
     return nm.group == "ma" ? n * n * c : nm.group == "mava" ? (n + 2) * n * c : (n + 2 * c) * n;
@@ -125,9 +120,8 @@ std::function<std::vector<Shape>(const Name&)> orders(std::vector<int> list) {
     };
 }
 
-// ---- LU: rows never move, p gives the pivot order; the first maximum wins; orders 3 to 6 fail
-// below 2^-125 (2^-1021), the others at or below epsilon. One reciprocal per column, multipliers
-// by it, updates fma(-U(k, j), l, a(i, j)). ----
+// ---- LU: rows never move, p gives the pivot order; the first maximum wins; orders 3 to 6 fail below 2^-125 (2^-1021),
+// the others at or below epsilon. One reciprocal per column, multipliers by it, updates fma(-U(k, j), l, a(i, j)).
 template <class T> struct LUFactor {
     Mat<T> a;  // by source row
     std::vector<int> p;
@@ -164,8 +158,7 @@ template <class T> LUFactor<T> luOf(Mat<T> a, int n, Way way = kLibrary) {
     return f;
 }
 
-// p on every return; orders 3 to 6 the rows p[s] of the finished steps, the general loop the whole
-// copy as far as it got.
+// p on every return; orders 3 to 6 the rows p[s] of the finished steps, the general loop the whole copy so far.
 template <class T> OmkStatus luDecomp(Call& c, int k) {
     const int n = c.size("widthHeight");
     const Mat<T> a = grab<T>(c, c["Src"], k);
@@ -185,8 +178,8 @@ template <class T> OmkStatus luDecomp(Call& c, int k) {
     return omkStsOk;
 }
 
-// Forward with the unit lower factor, backward with U and a division by its diagonal: orders 3 to 6
-// fused chains from the highest index down, the general loop rounded sums.
+// Forward with the unit lower factor, backward with U and a division by its diagonal: orders 3 to 6 fused chains from
+// the highest index down, the general loop rounded sums.
 template <class T> Mat<T> luSolution(const Mat<T>& lu, const std::vector<int>& p, const Mat<T>& b, int n, Sum how) {
     auto U = [&](int i, int j) { return lu[size_t(p[i]) * n + j]; };
     Mat<T> v(static_cast<size_t>(n));
@@ -207,9 +200,8 @@ template <class T> OmkStatus luSolve(Call& c, int k) {
     return omkStsOk;
 }
 
-// ---- Cholesky: L below the diagonal, R(i) = 1/L(i, i) on it; 0 >= d fails (NaN passes) ----
-// R: for 32f the processor's estimate refined by one Newton step, left to right, unfused; for 64f
-// a rounded square root and a rounded division.
+// ---- Cholesky: L below the diagonal, R(i) = 1/L(i, i) on it; 0 >= d fails (NaN passes). R: for 32f the processor's
+// estimate refined by one Newton step, left to right, unfused; for 64f a rounded square root and division.
 float rootOf(float d) {
     const float r0 = _mm_cvtss_f32(_mm_rsqrt_ss(_mm_set_ss(d)));
     return (r0 * -0.5f) * ((d * r0) * r0 - 3.0f);
@@ -221,8 +213,7 @@ template <class T> struct CholFactor {
     OmkStatus status = omkStsOk;
     int rows = 0;  // rows formed and written
 };
-// Row by row; each difference a chain of fma(-x, y, s) over ascending k (orders 3 to 6) or rounded
-// products subtracted in turn (the general loop).
+// Row by row; each difference a chain of fma(-x, y, s) over ascending k (orders 3 to 6) or rounded products subtracted.
 template <class T> CholFactor<T> cholOf(const Mat<T>& a, int n, bool fused) {
     CholFactor<T> f{Mat<T>(size_t(n) * n)};
     auto L = [&](int i, int j) -> T& { return f.l[size_t(i) * n + j]; };
@@ -272,10 +263,10 @@ template <class T> OmkStatus cholSolve(Call& c, int k) {
 }
 
 // ---- QR: Householder reflections, width - 1 for a square matrix, width otherwise ----
-// Reflection k: s = t + x*x from 0 over rows k ...; |s| < eps stops with omkStsDivByZero;
-// alpha = sqrt(s) when a(k, k) > 0, else -sqrt(s); v_i = a(i, k) * 1/(a(k, k) + alpha), v_k = 1;
-// v'v = 1 plus rounded squares two at a time, an odd last one fused; beta = -2/(v'v); every column
-// j >= k: t = sum of v_i*a(i, j) from 0, a(i, j) = fma(beta*t, v_i, a(i, j)); v below the diagonal.
+// Reflection k: s = t + x*x from 0 over rows k ...; |s| < eps stops with omkStsDivByZero; alpha = sqrt(s) when
+// a(k, k) > 0, else -sqrt(s); v_i = a(i, k) * 1/(a(k, k) + alpha), v_k = 1; v'v = 1 plus rounded squares two at a time,
+// an odd last one fused; beta = -2/(v'v); every column j >= k: t = sum of v_i*a(i, j) from 0,
+// a(i, j) = fma(beta*t, v_i, a(i, j)); v below the diagonal.
 int reflections(int w, int h) { return w == h ? w - 1 : w; }
 template <class T> OmkStatus qrOf(Mat<T>& a, int w, int h, Way way = kLibrary) {
     auto A = [&](int i, int j) -> T& { return a[size_t(i) * w + j]; };
@@ -317,9 +308,8 @@ template <class T> OmkStatus qrDecomp(Call& c, int k) {
     }
     return status;
 }
-// Each reflection: beta = -2/(1 + v_i^2 ...) fused from 1; t = b_k, t = fma(v_i, b_i, t);
-// b_k = b_k + beta*t, b_i = fma(beta*t, v_i, b_i). Then R*x = b from the bottom, fused over
-// increasing j, divided by R(i, i).
+// Each reflection: beta = -2/(1 + v_i^2 ...) fused from 1; t = b_k, t = fma(v_i, b_i, t); b_k = b_k + beta*t,
+// b_i = fma(beta*t, v_i, b_i). Then R*x = b from the bottom, fused over increasing j, divided by R(i, i).
 template <class T> Mat<T> qrSolution(const Mat<T>& f, Mat<T> y, int w, int h, Way way, Sum how) {
     auto F = [&](int i, int j) { return f[size_t(i) * w + j]; };
     for (int k = 0; k < reflections(w, h); ++k) {
@@ -359,9 +349,8 @@ template <class T> T cofactor(const Mat<T>& b, int n, int i, int j) {
     const T m = expand(minorOf(b, n, i, j), n - 1);
     return (i + j) % 2 ? -m : m;
 }
-// Order 2 one fms; order 3 along row 0 over the fms minors of rows 1 and 2,
-// fma(b02, M01, fms(b00, M12, b01*M02)); order 4 fma(b00, C00, b01*C01) + fma(b02, C02, b03*C03);
-// orders 5 and 6 t = b00*C00, then t = fma(b0j, C0j, t).
+// Order 2 one fms; order 3 along row 0 over the fms minors of rows 1 and 2, fma(b02, M01, fms(b00, M12, b01*M02));
+// order 4 fma(b00, C00, b01*C01) + fma(b02, C02, b03*C03); orders 5 and 6 t = b00*C00, then t = fma(b0j, C0j, t).
 template <class T> T expand(const Mat<T>& b, int n) {
     auto B = [&](int i, int j) { return b[size_t(i) * n + j]; };
     auto M = [&](int j0, int j1) { return fms(B(1, j0), B(2, j1), B(1, j1) * B(2, j0)); };
@@ -391,9 +380,9 @@ template <class T> T detOrder3(const Mat<T>& a, Way way) {
     return std::fma(A(2, 0), m0, fms(A(2, 2), m2, A(2, 1) * m1));
 }
 
-// Elimination over row indices: the first maximum of |a(., k)| wins, an exchange negates the sign,
-// a pivot below t stops (after its exchange); multipliers a(i, k) / pivot (Det) or (1/pivot) *
-// a(i, k) (Invert), updates fma(-l, a(k, j), a(i, j)); the product of the pivots of steps 0 ... n-2.
+// Elimination over row indices: the first maximum of |a(., k)| wins, an exchange negates the sign, a pivot below t
+// stops (after its exchange); multipliers a(i, k) / pivot (Det) or (1/pivot) * a(i, k) (Invert), updates
+// fma(-l, a(k, j), a(i, j)); the product of the pivots of steps 0 ... n-2.
 template <class T> struct Elim {
     bool ok;
     T product, last;
@@ -424,8 +413,8 @@ template <class T> Elim<T> eliminate(Mat<T> w, int n, T t, bool reciprocal, Way 
     return e;
 }
 
-// Orders 3 and 4 the closed forms (no tolerance); the others the elimination, 0 when a pivot falls
-// below t or the last one is not above it, else product*(last*sign).
+// Orders 3 and 4 the closed forms (no tolerance); the others the elimination, 0 when a pivot falls below t or the last
+// one is not above it, else product*(last*sign).
 template <class T> T detOf(const Mat<T>& a, int n, Way way = kLibrary) {
     if (n == 3) return detOrder3(a, way);
     if (n == 4) return way == kUnfused ? plainSum(a, 4) : expand(a, 4);
@@ -434,11 +423,10 @@ template <class T> T detOf(const Mat<T>& a, int n, Way way = kLibrary) {
     return !e.ok || !(std::fabs(e.last) > t) ? T(0) : e.product * (e.last * T(e.sign));
 }
 
-// Order 1: 1/a unless |a| <= t. Orders 3 to 6: the adjugate C(i, j) * (1/det) at (j, i), singular
-// when |det| < t (det from row 0). Order 2 and 7 and more: the elimination, singular when a pivot
-// falls below t, then det = (sign*last)*product, singular when |det| <= t; each element is
-// r * (its minor's value) with the sign (-1)^(i+j) times the minor's exchange sign, the value t when
-// the minor's elimination fails or its last pivot is not above t (order 2: the element itself).
+// Order 1: 1/a unless |a| <= t. Orders 3 to 6: the adjugate C(i, j) * (1/det) at (j, i), singular when |det| < t, det
+// from row 0. Orders 2 and 7 up: the elimination, singular when a pivot falls below t, then det = (sign*last)*product,
+// singular when |det| <= t; element (j, i) is r * (value of minor (i, j)), signed (-1)^(i+j) times the minor's exchange
+// sign, the value t when the minor's elimination fails or its last pivot is not above t (order 2: its one element).
 template <class T> struct Inverse {
     OmkStatus status = omkStsSingular;
     Mat<T> x;
@@ -491,8 +479,8 @@ template <class T> OmkStatus detExpect(Call& c, int k) {
     return omkStsOk;
 }
 
-// omkmInvert_m4_32f: the adjugate times r = (r0 + r0) - det*(r0*r0), r0 the processor's reciprocal
-// estimate of det; *pDet = det, or 0 when |det| < 2^-119 (singular, nothing else written).
+// omkmInvert_m4_32f: the adjugate times r = (r0 + r0) - det*(r0*r0), r0 the processor's reciprocal estimate of det;
+// *pDet = det, or 0 when |det| < 2^-119 (singular, nothing else written).
 OmkStatus invert4(Call& c) {
     const Mat<float> a = grab<float>(c, c["Src"], 0);
     const float det = expand(a, 4), r0 = _mm_cvtss_f32(_mm_rcp_ss(_mm_set_ss(det)));
@@ -553,8 +541,7 @@ std::vector<Family> solverFamilies() {
         if (decomposes(c.name)) return c.esize == 4 ? cholDecomp<float>(c, k) : cholDecomp<double>(c, k);
         return c.esize == 4 ? cholSolve<float>(c, k) : cholSolve<double>(c, k);
     };
-    // Solves with a matrix per vector from 2051 when every element stride is the element size
-    // (standard and _L), else from 1701.
+    // Solves with a matrix per vector from 2051 when contiguous (standard, _L), else from 1701.
     chol.firstParallel = [](const Call& c) -> int64_t {
         const std::string& g = c.name.group;
         return g == "ma" ? 7501 : g == "mva" ? 1201 : contiguous(c) && c.name.desc != "P" ? 2051 : 1701;
@@ -601,8 +588,7 @@ std::vector<Family> solverFamilies() {
         if (c.name.op == "Det") return c.esize == 4 ? detExpect<float>(c, k) : detExpect<double>(c, k);
         return c.esize == 4 ? invertExpect<float>(c, k) : invertExpect<double>(c, k);
     };
-    // Det serial while n*count < 14401; Invert while 2*n*count <= 3600 when every element stride is
-    // the element size (standard and _L), else <= 2500.
+    // Det serial while n*count < 14401; Invert while 2*n*count <= 3600 when contiguous (standard, _L), else <= 2500.
     det.work = [](const Name& nm, const Shape& s) -> int64_t {
         return (nm.op == "Det" ? 1 : 2) * int64_t(s.size("widthHeight")) * s.count;
     };

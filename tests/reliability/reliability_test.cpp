@@ -1,16 +1,12 @@
-// The library under concurrent callers, inside callers' parallel regions, with a thread budget that
-// changes between calls and with per-thread scratch that cannot be had; and its heap use.
-//
-// The workload is one call of members of every family (families.h), laid out and checked against
-// the family's reference. This executable links the real omkcore (the budget is set with
-// omkSetNumThreads) and defines, exported so that every library of the process binds to them:
-//  - the C allocation functions (malloc, calloc, realloc, free, the aligned forms; the C++ operators
-//    reach them through libstdc++), forwarding to the C library and counting inside a window;
-//  - omp_alloc and omp_free, counting the scratch blocks and their sizes (the runtime's own heap use
-//    inside them is part of that block), and refusing a block on request;
-//  - omp_get_num_threads and omp_get_thread_num, recording inside a window the team sizes the driver
-//    was granted and the system threads that ran as members of a team.
-// Windows hold library calls only: calls are laid out before a window opens and checked after it.
+// The library under concurrent callers, inside callers' parallel regions, with a budget that changes between calls and
+// with per-thread scratch refused; and its heap use. The workload is one call of members of every family (families.h),
+// checked against the family's reference. This executable links the real omkcore, whose budget omkSetNumThreads sets,
+// and defines, exported so that every library of the process binds to them: the C allocation functions (malloc, calloc,
+// realloc, free, the aligned forms; the C++ operators reach them through libstdc++), forwarding to the C library and
+// counting inside a window; omp_alloc and omp_free, counting the scratch blocks and their sizes (the runtime's heap use
+// inside them is part of the block) and refusing a block on request; omp_get_num_threads and omp_get_thread_num,
+// recording inside a window the team sizes granted and the system threads that ran as team members. Windows hold
+// library calls only: calls are laid out before and checked after.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <omp.h>
@@ -175,9 +171,8 @@ Prepared prepare(const Job& j) {
     return r;
 }
 
-// Members of every family: the first standard and the first _L array member of each family with
-// array members, above their serial limits (count >= 9) or below them (count 2); the first member
-// of the others (single objects).
+// Members of every family: the first standard and the first _L array member of each family with array members, above
+// their serial limits (count >= 9) or below them (count 2); the first member of the others.
 std::vector<Job> workload(bool aboveLimits) {
     std::vector<Job> jobs;
     for (const Family& f : families())
@@ -237,8 +232,7 @@ private:
 
 }  // namespace
 
-// The counters see the allocations of this program, of libstdc++ and of the runtime's allocator, so
-// that a zero below means that nothing allocated.
+// The counters see allocations of this program, of libstdc++ and of the runtime's allocator: a zero below means none.
 TEST_F(Reliability, TheCountersSeeEveryKindOfAllocation) {
     void* (*volatile m)(size_t) = malloc;
     static void* volatile sink;
@@ -258,12 +252,10 @@ TEST_F(Reliability, TheCountersSeeEveryKindOfAllocation) {
     EXPECT_EQ(w.ompBytes, 100u);
 }
 
-// Serial calls (a budget of one, or arrays below their limits) take no memory and open no region;
-// parallel calls take none either, except one block from omp_alloc per call of the families with
-// per-thread scratch, sized for every thread of the team and freed before the call returns. Every
-// call gives its reference bits and runs on a team of the budget when it is parallel. A budget set
-// between two calls decides the next call's team; the default (budget 0, last) follows
-// omp_set_num_threads.
+// Serial calls (a budget of one, or arrays below their limits) take no memory and open no region; parallel ones none
+// either, except one block from omp_alloc per call of the families with per-thread scratch, sized for the whole team
+// and freed before the call returns. Each call gives its reference bits, on a team of the budget when parallel. A
+// budget set between calls decides the next call's team; the default (budget 0, last) follows omp_set_num_threads.
 TEST_F(Reliability, HeapUseAndTeamsOfEveryFamily) {
     const int saved = omp_get_max_threads();
     for (const bool above : {false, true}) {
@@ -296,9 +288,8 @@ TEST_F(Reliability, HeapUseAndTeamsOfEveryFamily) {
     omp_set_num_threads(saved);
 }
 
-// Eight threads run every job at once on their own memory: first all the same job together, then
-// each in its own order. Each result has the reference bits, every call of a scratch family took
-// and returned one block, and the calls ran on teams of the budget.
+// Eight threads run every job at once on their own memory, first the same job together, then each in its own order:
+// reference bits, one block taken and returned per call of a scratch family, teams of the budget.
 TEST_F(Reliability, EightCallersAtOnce) {
     const std::vector<Job> jobs = workload(true);
     constexpr int kCallers = 8;
@@ -335,8 +326,7 @@ TEST_F(Reliability, EightCallersAtOnce) {
     }
 }
 
-// From inside the caller's parallel region every call runs on a team of one (one active level, the
-// runtime's default) and gives the reference bits.
+// Inside a caller's parallel region (one active level, the default) calls run on a team of one with the reference bits.
 TEST_F(Reliability, CallsInsideACallersParallelRegionRunOnATeamOfOne) {
     const std::vector<Job> jobs = workload(true);
     std::vector<std::vector<Prepared>> runs;
@@ -364,8 +354,7 @@ TEST_F(Reliability, CallsInsideACallersParallelRegionRunOnATeamOfOne) {
     EXPECT_LE(w.members.size(), 3u);
 }
 
-// When the per-thread scratch block cannot be had, a parallel call still gives the reference status
-// and bits (it runs serially in the caller's buffer).
+// Denied its scratch block, a parallel call runs serially in the caller's buffer with the reference status and bits.
 TEST_F(Reliability, AParallelCallWithoutItsScratchStillGetsItsResult) {
     const std::vector<Job> jobs = workload(true);
     std::vector<Prepared> runs = prepareAll(jobs);
