@@ -65,14 +65,16 @@ TEST(ParallelDriver, ContiguousSlicesInThreadOrder) {
     }
 }
 
+// Serial below two threads or with fewer objects than threads; as many objects as threads is a team of one each.
 TEST(ParallelDriver, RunsSeriallyBelowTwoThreadsOrWithFewerObjects) {
-    for (auto [budget, count] : {std::pair{1, 100}, std::pair{0, 100}, std::pair{4, 3}}) {
+    for (auto [budget, count] : {std::pair{1, 100}, std::pair{0, 100}, std::pair{4, 3}, std::pair{4, 4}}) {
         probe::Budget b(budget);
         const std::vector<SliceRun> runs = recordSlices(count);
-        EXPECT_EQ(probe::calls(), 1);
-        ASSERT_EQ(runs.size(), 1u);
+        const size_t team = budget == count ? size_t(count) : 1;
+        EXPECT_EQ(probe::calls(), int(team == 1 ? 1 : 2));
+        ASSERT_EQ(runs.size(), team);
         EXPECT_EQ(runs[0].first, 0);
-        EXPECT_EQ(runs[0].m, count);
+        EXPECT_EQ(runs[0].m, count / int(team));
     }
 }
 

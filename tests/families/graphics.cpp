@@ -324,13 +324,13 @@ void fillHomogeneous(Call& c, std::mt19937& rng) {
 
 std::vector<Family> graphicsFamilies() {
     // Each row in the order of Family's fields: name, members, shapes (independent draws here), fill, expect, work,
-    // firstParallel, spoil, ways, inPlace, specials, limitShapes.
+    // firstParallel, spoil, ways, inPlace, specials, limitShapes, fails.
     const auto draws = [](int n) { return [n](const Name& m) { return std::vector<Shape>(m.array() ? 8 : n); }; };
     Family vectors{"VectorHelpers",
                    opIn("LenSqr Len Normalize Max Min MulC BaryCentric Hermite InterpolationCatmullRom "
                         "InterpolationLinear"),
                    draws(40), fillVectors, vectorHelper, {}, {}, {}, {}, {"Src", "Src1", "Src2", "Src3", "Src4"},
-                   true, {}};
+                   true, {}, {}};
     addWays(vectors, "v2 v3 v4",
             {{"LenSqr Normalize Max Min BaryCentric InterpolationLinear Hermite InterpolationCatmullRom",
               "in another order"},
@@ -342,7 +342,7 @@ std::vector<Family> graphicsFamilies() {
         return n.group == "v3m4" || (n.group == "m4" && !opIn("Transpose Det Invert")(n));
     };
     Family builders{"TransformBuilders", transforms, draws(40), fillBuilders, builder, {}, {}, {}, {}, {"Src1", "Src2"},
-                    true, {}};
+                    true, {}, {}};
     addWays(builders, "m4",
             {{"OrthoLH OrthoOffCenterLH OrthoOffCenterRH PerspectiveLH PerspectiveFovLH PerspectiveOffCenterLH "
               "RotationX RotationY RotationZ RotationYawPitchRoll LookAtLH LookAtRH",
@@ -353,7 +353,7 @@ std::vector<Family> graphicsFamilies() {
 
     Family points{"PointTransforms",
                   opIn("AffineTransform AffineTransformCoord AffineTransformNormal Project Unproject"), draws(40),
-                  fillPoints, pointObject, {}, {}, {}, {}, {"Src"}, true, {}};
+                  fillPoints, pointObject, {}, {}, {}, {}, {"Src"}, true, {}, {}};
     addWays(points, "m4v2 m4v3", {{"AffineTransform AffineTransformCoord AffineTransformNormal", "in another order"}});
     addWays(points, "m4v4", {{"AffineTransform", "in another order"}});
     addWays(points, "m4v3", {{"Project", "with its viewport unfused"}});
@@ -361,7 +361,7 @@ std::vector<Family> graphicsFamilies() {
     // The only member with checks, a serial limit (6*count <= 784) and parallel runs.
     Family homogeneous{"PointTransforms3DH", opIn("AffineTransform3DH"), draws(4), fillHomogeneous, pointObject,
                        [](const Name&, const Shape& s) { return int64_t(6) * s.count; },
-                       [](const Call&) { return int64_t(785); }, {}, {}, {}, true, {}};
+                       [](const Call&) { return int64_t(785); }, {}, {}, {}, true, {}, {}};
     addWays(homogeneous, "mv", {{"AffineTransform3DH", "in another order"}});
     return {vectors, builders, points, homogeneous};
 }
