@@ -1,19 +1,7 @@
-// libFuzzer harness over the array members' arguments. An input picks a member with a count argument, a layout in
-// guarded memory (matrix order, count, element step, row and object gaps, ROI shift of the pointer tables) and,
-// argument by argument, the valid value or a spoiled one: a null pointer, a count or size too small
-// (or a smaller valid one), a stride or ROI shift that is zero, negative, not a multiple of the element size or
-// INT_MIN. Statuses are judged by tests/arg_rules.h, independently of the library: with some argument wrong, the status
-// of the first failing step of the member's order, nothing written (every arena byte compared), no pointer table
-// changed, no budget asked; with all valid, omkStsOk, only output elements written, and the same bytes from a serial
-// run (budget 1) and a run on a budget of 2. Members without checks get only valid arguments and any count (a count
-// below one writes nothing). A disagreement aborts, describing the call.
-// Input bytes, read front to back (missing bytes read as zero, so a short input is a valid call):
-//   0-1  member (little-endian, modulo the number of array members in header order)
-//   2    order of the matrices and lengths: 1 + b % 6
-//   3    count of the layout: 1 + b % 48
-//   4    element step 1 + (b & 1), row gap (b >> 1) & 3, object gap (b >> 3) & 3, ROI (b >> 5) & 3
-//   5    bit 0: also compare with a run on a budget of 2 threads
-//   then per argument a selector byte (below 160: the valid value); a spoiled one adds a selector and 4 value bytes.
+// libFuzzer harness over the array members' arguments, judged by the argument rules of tests/arg_rules.h (independent
+// of the library): a wrong argument gives the status of the first failing step of its member's order, writes nothing;
+// a valid call succeeds, writes only its outputs, and gives the same bytes on budgets 1 and 2. fuzz/README.md gives the
+// input layout and how to run it.
 #include <cstdio>
 #include <cstdlib>
 #include <string>

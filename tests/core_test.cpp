@@ -18,9 +18,7 @@
 
 // This executable defines its own ownGetNumThreads, as libomkm's test programs do to count budget reads. It forwards to
 // the library's (next in lookup order), so the tests see the real budget, and counts the calls.
-namespace {
-std::atomic<int> interposedCalls{0};
-}
+static std::atomic<int> interposedCalls{0};
 
 extern "C" int ownGetNumThreads(void) {
     using Fn = int (*)(void);
@@ -74,11 +72,6 @@ TEST(CpuFeatures, EachBitMatchesCompilerRuntimeDetection) {
     EXPECT_EQ(fromThread, mask);
 }
 
-long sysconfValue(int name) {
-    const long v = sysconf(name);
-    return v > 0 ? v : 0;
-}
-
 // Largest data or unified cache the Linux kernel lists under /sys for any processor (sizes "<n>K" or "M"), 0 if none.
 long long largestSysfsCache() {
     long long largest = 0;
@@ -103,15 +96,13 @@ long long largestSysfsCache() {
     return largest;
 }
 
-// The largest data or unified cache the kernel lists (at least libc's L1 and L2), the same on every call; null refused.
+// The largest data or unified cache the kernel lists, the same on every call; a null pointer refused.
 TEST(MaxCacheSize, LargestCacheListedByTheKernel) {
     EXPECT_EQ(omkGetMaxCacheSizeB(nullptr), omkStsNullPtr);
     int size = -1, again = -2;
     ASSERT_EQ(omkGetMaxCacheSizeB(&size), omkStsOk);
     ASSERT_EQ(omkGetMaxCacheSizeB(&again), omkStsOk);
     EXPECT_EQ(size, again);
-    EXPECT_GE(long(size), std::min<long>(sysconfValue(_SC_LEVEL1_DCACHE_SIZE), INT_MAX));
-    EXPECT_GE(long(size), std::min<long>(sysconfValue(_SC_LEVEL2_CACHE_SIZE), INT_MAX));
     const long long sysfs = largestSysfsCache();
     if (sysfs > 0) EXPECT_EQ(static_cast<long long>(size), std::min<long long>(sysfs, INT_MAX));
 }
@@ -156,25 +147,6 @@ TEST_F(ThreadBudget, DefaultFixedCountAndRestore) {
     EXPECT_EQ(ownGetNumThreads(), 2);
     EXPECT_EQ(reported(), 2);
     EXPECT_EQ(omkGetNumThreads(nullptr), omkStsNullPtr);
-}
-
-TEST_F(ThreadBudget, FixedCountIsProcessWide) {
-    ASSERT_EQ(omkSetNumThreads(5), omkStsOk);
-    int fromThread = 0, reportedFromThread = 0;
-    std::thread t([&] {
-        fromThread = ownGetNumThreads();
-        omkGetNumThreads(&reportedFromThread);
-    });
-    t.join();
-    EXPECT_EQ(fromThread, 5);
-    EXPECT_EQ(reportedFromThread, 5);
-
-    std::atomic<int> mismatches{0};
-#pragma omp parallel num_threads(2)
-    {
-        if (ownGetNumThreads() != 5) mismatches.fetch_add(1);
-    }
-    EXPECT_EQ(mismatches.load(), 0);
 }
 
 // omkGetNumThreads must not call the exported ownGetNumThreads, which a program may define itself (as this one does).

@@ -302,16 +302,4 @@ TEST(EigenGeneral, TriangularInputGivesItsDiagonalInPlace) {
             }
 }
 
-// NaN is never negligible: omkStsNotConverged after 30 sweeps for one value (EigenSym) or 30*n steps (EigenGeneral).
-TEST(EigenBoth, NaNStopsAtTheIterationLimit) {
-    for (const char* family : {"EigenSym", "EigenGeneral"})
-        for (const std::string& name : membersOf(family))
-            for (int n : {3, 9}) {
-                Mat a(size_t(n * n), 1.0);
-                a[size_t(n)] = std::nan("");
-                Call c = callOn(name, a);
-                EXPECT_EQ(c.run(), omkStsNotConverged) << name;
-            }
-}
-
 }  // namespace

@@ -107,12 +107,3 @@ TEST(Transpose, CacheQueriesAndBandsAroundEveryBound) {
                 }
             }
 }
-
-TEST(MaxCacheSize, ForwardsToTheCoreWithoutAnOverride) {
-    ASSERT_NE(coreQuery(), nullptr);
-    ASSERT_NE(reinterpret_cast<void*>(coreQuery()), reinterpret_cast<void*>(&omkGetMaxCacheSizeB));
-    int mine = -1, core = -2;
-    EXPECT_EQ(omkGetMaxCacheSizeB(&mine), coreQuery()(&core));
-    EXPECT_EQ(mine, core);
-    EXPECT_GE(mine, 0);
-}

@@ -147,17 +147,6 @@ TEST(SolverTolerances, ExactBounds) {
     }
 }
 
-// Equal magnitudes keep the upper row: a lower triangle of +-1 ties at every LU step, and p stays the identity (Det and
-// Invert meet ties in the results walk: their fill gives column 0 equal magnitudes).
-TEST(SolverTies, TheFirstMaximumWins) {
-    for (const Export* ex : members("LUDecomp"))
-        for (int n = 1; n <= 8; ++n) {
-            Checked r = check(*ex, shapeOf(*ex, n), matrix([](int i, int j) { return j > i ? 0 : i % 2 ? -1 : 1; }));
-            for (int k = 0; k < r.c.objects(r.c["DstIndex"]); ++k)
-                for (int i = 0; i < n; ++i) EXPECT_EQ(r.c.get<int32_t>(r.c["DstIndex"], k, 0, i), i) << ex->name;
-        }
-}
-
 // A zero column stops LU at its step (orders 3 to 6 have written p and the rows of the steps before, the others the
 // whole copy factored up to there), Invert with nothing written, QR at its reflection (the earlier ones applied); a
 // zero row stops Cholesky there, the rows before written. A column the first reflection leaves negligible stops QR at
@@ -190,56 +179,9 @@ TEST(SolverFailures, WhatAFailingCallHasWritten) {
         }
 }
 
-// The library reports none of them: NaN pivots pass every test (LU keeps p the identity), an infinite LU pivot makes
-// zero multipliers, a zero diagonal in the LU solver gives infinities and NaN, Cholesky fails -inf and passes +inf
-// (1/sqrt(inf) is 0 in 64f, NaN through the 32f estimate), a NaN QR column spreads where the reflections carry it while
-// a column of subnormals is negligible (the exact copy written), NaN determinants are NaN by the closed forms and 0 by
-// elimination, Invert of order 1 fails NaN and the others give NaN; the closed forms keep a subnormal value.
-TEST(SolverSpecialInputs, FollowIEEEThroughTheSteps) {
-    const double nan = std::nan("0x5"), inf = INFINITY;
-    const auto column = [](int j, std::function<double(const Call&)> v) {
-        return [=](Call& c) {
-            const Region& a = c["Src"];
-            for (int k = 0; k < c.objects(a); ++k)
-                for (int i = 0; i < a.rows; ++i) c.set(a, k, i, std::min(j, a.cols - 1), v(c) * (i + 3));
-        };
-    };
-    const auto zeroPivot = [](Call& c) {  // U(n-1, n-1) of every factor
-        const Region &a = c["Src"], &p = c["SrcIndex"];
-        for (int k = 0; k < c.objects(a); ++k) c.set(a, k, c.get<int32_t>(p, k, 0, a.rows - 1), a.rows - 1, 0);
-    };
-    const auto ok = [](const Call&) { return omkStsOk; };
-    const std::vector<std::tuple<const char*, std::function<void(Call&)>, std::function<OmkStatus(const Call&)>>>
-        cases = {
-            {"LUDecomp", matrix([&](int, int) { return nan; }), ok},
-            {"LUDecomp",
-             [&](Call& c) {
-                 matrix([&](int i, int j) { return j == 0 && i == c["Src"].rows - 1 ? inf : j == i + 1 ? 4 : 0.5; })(c);
-             },
-             ok},
-            {"LUBackSubst", zeroPivot, ok},
-            {"CholeskyDecomp", diagonal(-inf), [](const Call&) { return omkStsNotPosDefinite; }},
-            {"CholeskyDecomp", diagonal(nan), ok},
-            {"CholeskyDecomp", diagonal(inf), ok},
-            {"QRDecomp", column(1, [&](const Call&) { return nan; }), ok},
-            {"QRDecomp", column(0, [](const Call& c) { return c.esize == 4 ? 0x1p-149 : 0x1p-1074; }),
-             [](const Call& c) { return c.size("height") == 1 ? omkStsOk : omkStsDivByZero; }},
-            {"Det", matrix([&](int, int) { return nan; }), ok},
-            {"Invert", matrix([&](int, int) { return nan; }),
-             [](const Call& c) {
-                 return c.size("widthHeight") == 1 && c.name.group != "m4" ? omkStsSingular : omkStsOk;
-             }},
-        };
-    for (const auto& [op, edit, status] : cases)
-        for (const Export* ex : members(op))
-            for (Shape s : familyOf(parseName(ex->name))->shapes(parseName(ex->name))) {
-                s.count = parseName(ex->name).array() ? 3 : 1;
-                s.styles = {kGapped};
-                Checked r = check(*ex, s, edit);
-                EXPECT_EQ(r.status, status(r.c)) << ex->name;
-                if (fixed(*ex)) break;
-            }
-    // Normal diagonals whose product is subnormal: 2^-120 * 2^-10 (2^-1000 * 2^-60), exactly.
+// The closed forms of orders 3 and 4 keep a subnormal determinant of normal diagonals: 2^-120 * 2^-10 (2^-1000 *
+// 2^-60), exactly. (Special values through every solver: the shared walk.)
+TEST(SolverSpecialInputs, ClosedFormsKeepASubnormalDeterminant) {
     for (const Export* ex : members("Det"))
         for (int n : {3, 4}) {
             const bool s = f32(*ex);
