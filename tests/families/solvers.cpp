@@ -451,8 +451,8 @@ template <class T> Inverse<T> inverseOf(const Mat<T>& a, int n, Way way = kLibra
         if (std::fabs(det) <= t) return v;
         for (int p = 0; p < n * n; ++p) {
             const int i = p / n, j = p % n;
-            const T el = a[size_t(1 - i) * n + (1 - j)];
-            const Elim<T> m = n == 2 ? Elim<T>{true, T(1), el, 1} : eliminate(minorOf(a, n, i, j), n - 1, t, true, way);
+            const Elim<T> m = n == 2 ? Elim<T>{true, T(1), a[size_t(1 - i) * n + (1 - j)], 1}
+                                     : eliminate(minorOf(a, n, i, j), n - 1, t, true, way);
             const T value = m.ok && std::fabs(m.last) > t ? m.last * m.product : t;
             const T x = (T(1) / det) * value;
             v.x[size_t(j) * n + i] = ((i + j) % 2 == 0) == (m.sign > 0) ? x : -x;
