@@ -43,9 +43,13 @@ OMKCORE_API unsigned long long omkGetEnabledCpuFeatures(void);
  * Returns omkStsNullPtr for a null pSizeByte, else omkStsOk. */
 OMKCORE_API OmkStatus omkGetMaxCacheSizeB(int* pSizeByte);
 
-/* Thread budget of the omkm libraries. By default it follows the OpenMP runtime's maximum
- * (omp_get_max_threads, so OMP_NUM_THREADS applies). omkSetNumThreads(n) with n >= 1 fixes it
- * to n; n = 0 returns to the default; n < 0 returns omkStsBadSize and changes nothing. */
+/* Thread budget of the omkm libraries. By default it is the OpenMP runtime's maximum
+ * (omp_get_max_threads, so OMP_NUM_THREADS applies), at most the processors of the process's
+ * affinity mask that other processes leave free, and at least 1: how busy the processors are is
+ * sampled from /proc/stat at most every 50 ms, less this process's own CPU time, so a team never
+ * waits for a thread on a processor another process keeps busy. omkSetNumThreads(n) with n >= 1
+ * fixes it to n whatever the load; n = 0 returns to the default; n < 0 returns omkStsBadSize and
+ * changes nothing. */
 OMKCORE_API OmkStatus omkSetNumThreads(int numThreads);
 OMKCORE_API OmkStatus omkGetNumThreads(int* pNumThreads);
 

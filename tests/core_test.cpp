@@ -5,6 +5,9 @@
 
 #include <dlfcn.h>
 #include <omp.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +18,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "core/cpu_load.h"
 
 // This executable defines its own ownGetNumThreads, as libomkm's test programs do to count budget reads. It forwards to
 // the library's (next in lookup order), so the tests see the real budget, and counts the calls.
@@ -122,21 +127,26 @@ protected:
         EXPECT_EQ(omkGetNumThreads(&n), omkStsOk);
         return n;
     }
+    static int allowedProcessors() {
+        cpu_set_t set;
+        return sched_getaffinity(0, sizeof set, &set) == 0 ? CPU_COUNT(&set) : 1;
+    }
     int savedOmp_ = 1;
 };
 
-// By default the budget follows omp_set_num_threads; a count set overrides it until 0 restores the
-// default; a negative count is refused and changes nothing; a null pointer is refused.
+// By default the budget follows omp_set_num_threads, at most the processors this process may use; a count set overrides
+// it as it is until 0 restores the default; a negative count is refused and changes nothing; a null pointer is refused.
 TEST_F(ThreadBudget, DefaultFixedCountAndRestore) {
-    EXPECT_EQ(ownGetNumThreads(), omp_get_max_threads());
-    for (int n : {3, 7, 1}) {
+    const int cpus = allowedProcessors();
+    for (int n : {1, 3, 7}) {
         omp_set_num_threads(n);
-        EXPECT_EQ(ownGetNumThreads(), n);
-        EXPECT_EQ(reported(), n);
+        const int b = ownGetNumThreads();
+        EXPECT_GE(b, 1);
+        EXPECT_LE(b, std::min(n, cpus));
+        EXPECT_LE(reported(), std::min(n, cpus));
     }
-    omp_set_num_threads(3);
     EXPECT_EQ(omkSetNumThreads(-1), omkStsBadSize);
-    EXPECT_EQ(ownGetNumThreads(), 3);
+    EXPECT_LE(ownGetNumThreads(), std::min(7, cpus));
     ASSERT_EQ(omkSetNumThreads(5), omkStsOk);
     omp_set_num_threads(2);
     EXPECT_EQ(ownGetNumThreads(), 5);
@@ -144,19 +154,81 @@ TEST_F(ThreadBudget, DefaultFixedCountAndRestore) {
     EXPECT_EQ(omkSetNumThreads(INT_MIN), omkStsBadSize);
     EXPECT_EQ(reported(), 5);
     ASSERT_EQ(omkSetNumThreads(0), omkStsOk);
-    EXPECT_EQ(ownGetNumThreads(), 2);
-    EXPECT_EQ(reported(), 2);
+    omp_set_num_threads(1);
+    EXPECT_EQ(ownGetNumThreads(), 1);
+    EXPECT_EQ(reported(), 1);
     EXPECT_EQ(omkGetNumThreads(nullptr), omkStsNullPtr);
+}
+
+// The default budget's pieces on given input: the processor lines of /proc/stat summed over the allowed processors
+// (a line cut between pieces, the total line skipped, reading ended by the first other line), the processors taken
+// with their hysteresis, and the budget they leave.
+TEST(FreeProcessors, StatLinesTakenAndBudget) {
+    const std::string stat =
+        "cpu  900 0 900 900 0 0 0 0 0 0\ncpu0 10 1 2 100 3 4 5 6 7 0\ncpu1 20 0 0 200 0 0 0 0 0 0\n"
+        "cpu2 1 1 1 1 1 1 1 1 0 0\nintr 1 2 3\ncpu3 9 9 9 9 9 9 9 9 9 9\n";
+    cpu_set_t allowed;
+    CPU_ZERO(&allowed);
+    CPU_SET(0, &allowed);
+    CPU_SET(2, &allowed);
+    CPU_SET(3, &allowed);
+    for (size_t piece : {size_t(1), size_t(7), stat.size()}) {
+        omk::core::StatReader r(allowed);
+        for (size_t at = 0; at < stat.size() && r.feed(stat.data() + at, std::min(piece, stat.size() - at));)
+            at += piece;
+        EXPECT_TRUE(r.done());
+        EXPECT_EQ(r.ticks().cpus, 2) << piece;
+        EXPECT_EQ(r.ticks().busy, 28u + 6u) << piece;          // user nice system irq softirq steal
+        EXPECT_EQ(r.ticks().total, 28u + 103u + 6u + 2u) << piece;  // and idle, iowait
+    }
+    struct Row { double share; int before, taken; };
+    for (const Row& row : {Row{0.6, 0, 0}, Row{0.7, 0, 1}, Row{1.4, 1, 1}, Row{0.4, 1, 1}, Row{0.3, 1, 0},
+                           Row{-0.2, 2, 0}, Row{3.2, 0, 3}, Row{2.6, 1, 3}})
+        EXPECT_EQ(omk::core::processorsTaken(row.share, row.before), row.taken) << row.share << " " << row.before;
+    EXPECT_EQ(omk::core::budgetFor(8, 4, 1), 3);
+    EXPECT_EQ(omk::core::budgetFor(2, 4, 1), 2);
+    EXPECT_EQ(omk::core::budgetFor(8, 4, 4), 1);
+    EXPECT_EQ(omk::core::budgetFor(8, 4, 6), 1);
+}
+
+// With a spinning process on every allowed processor the default budget falls to one within a few samples, while a
+// fixed count stays as it was set.
+TEST_F(ThreadBudget, DefaultFallsToOneWhenEveryProcessorIsBusy) {
+    const int cpus = allowedProcessors();
+    if (cpus < 2 || omp_get_max_threads() < 2) GTEST_SKIP() << "one processor: the default is one already";
+    std::vector<pid_t> spinners;
+    for (int i = 0; i < cpus; ++i) {
+        const pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            alarm(10);
+            for (volatile unsigned long spin = 0;; ++spin) {
+            }
+        }
+        spinners.push_back(pid);
+    }
+    int budget = ownGetNumThreads();
+    for (int i = 0; i < 300 && budget > 1; ++i) {
+        usleep(10'000);
+        budget = ownGetNumThreads();
+    }
+    ASSERT_EQ(omkSetNumThreads(cpus), omkStsOk);
+    const int fixedCount = ownGetNumThreads();
+    for (pid_t pid : spinners) kill(pid, SIGKILL);
+    for (pid_t pid : spinners) waitpid(pid, nullptr, 0);
+    EXPECT_EQ(budget, 1);
+    EXPECT_EQ(fixedCount, cpus);
 }
 
 // omkGetNumThreads must not call the exported ownGetNumThreads, which a program may define itself (as this one does).
 TEST_F(ThreadBudget, GetNumThreadsDoesNotCallInterposedSymbol) {
-    ASSERT_EQ(ownGetNumThreads(), omp_get_max_threads());  // the forwarder reaches the library
+    omp_set_num_threads(1);
+    ASSERT_EQ(ownGetNumThreads(), 1);  // the forwarder reaches the library
     ASSERT_EQ(omkSetNumThreads(5), omkStsOk);
     const int before = interposedCalls.load();
     EXPECT_EQ(reported(), 5);
     ASSERT_EQ(omkSetNumThreads(0), omkStsOk);
-    EXPECT_EQ(reported(), omp_get_max_threads());
+    EXPECT_EQ(reported(), 1);
     EXPECT_EQ(interposedCalls.load(), before);
 }
 

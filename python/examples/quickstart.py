@@ -21,6 +21,6 @@ try:
 except omkm.SingularMatrixError as e:
     print("singular:", e.status)
 
-omkm.set_num_threads(1)   # the thread budget of the library; 0 returns to OMP_NUM_THREADS
+omkm.set_num_threads(1)   # the thread budget of the library; 0 returns to the default
 assert np.allclose(bodies["pose"] @ moved, np.eye(4), atol=1e-9)
 print("poses:", bodies["pose"].shape, "threads:", omkm.get_num_threads())

@@ -214,7 +214,8 @@ core.omkGetNumThreads.argtypes = [ctypes.POINTER(ctypes.c_int)]
 
 def set_num_threads(n):
     """Sets the thread budget of the omkm libraries to n >= 1; n = 0 returns to the default
-    (the OpenMP runtime's maximum, so OMP_NUM_THREADS applies)."""
+    (the OpenMP runtime's maximum, so OMP_NUM_THREADS applies, at most the processors other
+    processes leave free)."""
     n = int(n)
     if n < 0:
         raise ValueError(f"set_num_threads: n must be >= 0, got {n}")

@@ -235,16 +235,16 @@ TEST_F(Reliability, TheCountersSeeEveryKindOfAllocation) {
 // Serial calls (a budget of one, or arrays below their limits) take no memory and open no region; parallel ones none
 // either, except one block from omp_alloc per call of the families with per-thread scratch, sized for the whole team
 // and freed before the call returns. Each call gives its reference bits, on a team of the budget when parallel. A
-// budget set between calls decides the next call's team; the default (budget 0, last) follows omp_set_num_threads.
+// budget set between calls decides the next call's team; the default (budget 0, last) follows omp_set_num_threads(1).
 TEST_F(Reliability, HeapUseAndTeamsOfEveryFamily) {
     const int saved = omp_get_max_threads();
     for (const bool above : {false, true}) {
         const std::vector<Job> jobs = workload(above);
         std::vector<Prepared> runs = prepareAll(jobs);
         for (int set : {1, 2, 3, 0}) {
-            omp_set_num_threads(set ? saved : 3);
+            omp_set_num_threads(set ? saved : 1);
             ASSERT_EQ(omkSetNumThreads(set), omkStsOk);
-            const int budget = set ? set : 3;
+            const int budget = set ? set : 1;
             for (Prepared& r : runs) r.call();  // first calls: lazy binding, the runtime's threads
             for (size_t i = 0; i < runs.size(); ++i) {
                 OmkStatus st = 0;
