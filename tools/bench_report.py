@@ -989,6 +989,8 @@ def write_report(data, args, machine, software, start_load):
         if start is not None:
             lines += ["## Single-object calls", ""] + page[start + 1:] + [""]
 
+    lines += contention_section(docs)
+
     if os.path.exists(os.path.join(docs, "python_numpy.md")):
         lines += ["## The Python binding against numpy", "",
                   "[python_numpy.md](python_numpy.md): `omkm.matmul`, `inv`, `solve`, `cholesky`, `det` and `eigh` "
@@ -1001,6 +1003,32 @@ def write_report(data, args, machine, software, start_load):
     with open(os.path.join(docs, "benchmarks.md"), "w", encoding="utf-8") as f:
         f.write("\n".join(lines))
     return errors
+
+
+def contention_section(docs):
+    """The summary and the per-runtime tables of docs/contention.md (tools/contention_report.py), without
+    its tables of the runtimes' own settings."""
+    path = os.path.join(docs, "contention.md")
+    if not os.path.exists(path):
+        return []
+    with open(path, encoding="utf-8") as f:
+        page = f.read().splitlines()
+    kept, keep = [], False
+    for ln in page:
+        if ln.startswith("## ") or ln.startswith("### "):
+            keep = ln.startswith("## ")
+            if keep and ln != "## Summary":
+                kept += ["### " + ln[3:], ""]
+            continue
+        if keep and ln:
+            kept.append(ln)
+        elif keep and kept and kept[-1]:
+            kept.append("")
+    return ["## Parallel calls on a busy machine", "",
+            "From [contention.md](contention.md), which says how each figure is taken and what a program can set "
+            "itself: microseconds per call (median / 90th percentile / maximum) of array calls above their "
+            "serial limits, on a budget of 1, on the former default (the processor count) and on the default, "
+            "which keeps the team to the processors other processes leave free.", ""] + kept + [""]
 
 
 def main():

@@ -122,10 +122,16 @@ def single_calls(times, runtime):
     return lines
 
 
-def main():
-    ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+def runtime_builds_parser(doc):
+    """The arguments every per-runtime report takes: --build RUNTIME=DIR (repeated) and --docs."""
+    ap = argparse.ArgumentParser(description=doc, formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--build", action="append", required=True, metavar="RUNTIME=DIR")
     ap.add_argument("--docs", default=os.path.join(ROOT, "docs"))
+    return ap
+
+
+def main():
+    ap = runtime_builds_parser(__doc__)
     ap.add_argument("--repetitions", type=int, default=5)
     ap.add_argument("--min-time", type=float, default=0.3)
     args = ap.parse_args()
