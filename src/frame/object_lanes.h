@@ -49,6 +49,30 @@ template <> struct BlockLanes<double> {
     static bool anyBelow(X x, double t) { return any(abs(x) < t); }
 };
 
+// What a body written once for one object (X = float or double) and for a block (X = Block8f or
+// Block4d) needs beyond the arithmetic operators: the element type, an integer of the lanes' width
+// (a row index per object; its comparisons give masks usable with `mask ? x : y` on X as on the
+// index), whether any lane of a mask is set, and the magnitude.
+template <class X> struct LaneTraits {
+    using T = X;
+    using Index = int;
+};
+template <> struct LaneTraits<Block8f> {
+    using T = float;
+    using Index = Block8i;
+};
+template <> struct LaneTraits<Block4d> {
+    using T = double;
+    using Index = Block4l;
+};
+inline bool anyLane(bool m) { return m; }
+inline bool anyLane(Block8i m) { return BlockLanes<float>::any(m); }
+inline bool anyLane(Block4l m) { return BlockLanes<double>::any(m); }
+inline float laneAbs(float x) { return std::fabs(x); }
+inline double laneAbs(double x) { return std::fabs(x); }
+inline Block8f laneAbs(Block8f x) { return BlockLanes<float>::abs(x); }
+inline Block4d laneAbs(Block4d x) { return BlockLanes<double>::abs(x); }
+
 template <class X, int N>
 struct LaneMatrix {
     X v[N][N];
@@ -130,11 +154,26 @@ void runLanes(Block4d* v, const Row& row, int i) {
     }
 }
 
+// The first M (<= 8) packed elements of row i of the block's objects into v[0 ... M-1] (Load), or
+// v into them.
+template <bool Load, int M, class X, class Row>
+void leadLanes(X* v, const Row& row, int i) {
+    runLanes<Load, 0, (M < 4 ? M : 4)>(v, row, i);
+    if constexpr (M > 4) runLanes<Load, 4, M - 4>(v, row, i);
+}
 // Row i of the block's objects (N <= 8 packed elements) into v[0 ... N-1] (Load), or v into it.
 template <bool Load, int N, class X, class Row>
 void rowLanes(X (&v)[N], const Row& row, int i) {
-    runLanes<Load, 0, (N < 4 ? N : 4)>(v, row, i);
-    if constexpr (N > 4) runLanes<Load, 4, N - 4>(v, row, i);
+    leadLanes<Load, N>(v, row, i);
+}
+// The lower triangle (row i up to column i) of the block's objects into m (Load), or m into it;
+// nothing of the strict upper triangle is read or written.
+template <bool Load, int N, int I = 0, class X, class Row>
+void lowerLanes(X (&m)[N][N], const Row& row) {
+    if constexpr (I < N) {
+        leadLanes<Load, I + 1>(m[I], row, I);
+        lowerLanes<Load, N, I + 1>(m, row);
+    }
 }
 
 // Element (i, j) of the block's objects obj(0) ... obj(W - 1), object q in lane q.
@@ -168,6 +207,20 @@ int32_t forOrder(int n, F&& blocks) {
         if (n == Lo) return blocks(std::integral_constant<int, Lo>{});
         return forOrder<Lo + 1, Hi>(n, blocks);
     }
+}
+
+// Runs block(order, k) on the whole blocks k = 0, W, 2W, ... among `count` objects, the order a
+// constant for the orders Lo ... Hi, and stops before the first block for which it returns false.
+// Returns how many objects it did (0 for other orders).
+template <int Lo, int Hi, class T, class Block>
+int32_t wholeBlocks(int n, int32_t count, Block&& block) {
+    constexpr int W = BlockLanes<T>::W;
+    return forOrder<Lo, Hi>(n, [&](auto order) {
+        int32_t k = 0;
+        for (; k + W <= count; k += W)
+            if (!block(order, k)) break;
+        return k;
+    });
 }
 
 }  // namespace omk

@@ -14,6 +14,7 @@
 #include <type_traits>
 
 #include "frame/checks.h"
+#include "frame/object_lanes.h"
 #include "frame/operand_views.h"
 #include "solvers/solver_arrays.h"
 
@@ -45,14 +46,15 @@ constexpr int32_t limitOf(Group g, bool packed) {
 // 32-bit: the processor's approximate reciprocal square root r0, refined by one Newton step
 // evaluated left to right as (r0 * -0.5) * ((d * r0) * r0 - 3). 64-bit: a correctly rounded square
 // root and one division.
-inline float reciprocalRoot(float d) {
-    const float r0 = _mm_cvtss_f32(_mm_rsqrt_ss(_mm_set_ss(d)));
-    return (r0 * -0.5f) * ((d * r0) * r0 - 3.0f);
-}
+template <class X> X newtonStep(X d, X r0) { return (r0 * -0.5f) * ((d * r0) * r0 - 3.0f); }
+inline float reciprocalRoot(float d) { return newtonStep(d, _mm_cvtss_f32(_mm_rsqrt_ss(_mm_set_ss(d)))); }
 inline double reciprocalRoot(double d) { return 1.0 / std::sqrt(d); }
+// The same lane by lane: the packed approximation gives every lane the bits of the scalar one.
+inline Block8f reciprocalRoot(Block8f d) { return newtonStep(d, (Block8f)_mm256_rsqrt_ps((__m256)d)); }
+inline Block4d reciprocalRoot(Block4d d) { return 1.0 / BlockLanes<double>::sqrt(d); }
 
-// A pivot fails when 0 >= d, so a NaN pivot passes.
-template <class T> bool notPositive(T d) { return T(0) >= d; }
+// A pivot fails when 0 >= d, so a NaN pivot passes (lane by lane for a block).
+template <class X> auto notPositive(X d) { return d <= typename LaneTraits<X>::T(0); }
 
 // ---- decomposition, general loop ----
 // Row by row: L(i, j) = (a(i, j) - L(i, 0)*L(j, 0) - ... - L(i, j-1)*L(j, j-1)) * R(j), each
@@ -82,11 +84,35 @@ OmkStatus decompGeneral(const DO& l, const SO& a, int n) {
     return omkStsOk;
 }
 
-// ---- decomposition, orders 3 to 6 ----
-// The lower triangle is read into a local copy first. Each difference is a chain of fused
-// multiply-adds over ascending k: s = fma(-L(i, k), L(j, k), s) from s = a(i, j), then
-// L(i, j) = s * R(j); the pivot is fma(-L(i, k), L(i, k), d) from d = a(i, i). Row i is written as
-// soon as its pivot passes.
+// ---- decomposition, orders 3 to 6: one body for one object and for a block of objects ----
+// The steps over the lower triangle m, X one element or a block of lanes (frame/object_lanes.h).
+// Each difference is a chain of fused multiply-adds over ascending k: s = fma(-L(i, k), L(j, k), s)
+// from s = a(i, j), then L(i, j) = s * R(j); the pivot is fma(-L(i, k), L(i, k), d) from
+// d = a(i, i). rowDone(i) is called once row i is final; returns false, at once, when a pivot of
+// any lane is not positive.
+template <int N, class X, class RowDone>
+[[gnu::always_inline]] inline bool factorSteps(X (&m)[N][N], RowDone&& rowDone) {
+#pragma GCC unroll 6
+    for (int i = 0; i < N; ++i) {
+#pragma GCC unroll 6
+        for (int j = 0; j < i; ++j) {
+            X s = m[i][j];
+#pragma GCC unroll 6
+            for (int k = 0; k < j; ++k) s = fmadd(-m[i][k], m[j][k], s);
+            m[i][j] = s * m[j][j];
+        }
+        X d = m[i][i];
+#pragma GCC unroll 6
+        for (int k = 0; k < i; ++k) d = fmadd(-m[i][k], m[i][k], d);
+        if (anyLane(notPositive(d))) return false;
+        m[i][i] = reciprocalRoot(d);
+        rowDone(i);
+    }
+    return true;
+}
+
+// One object: the lower triangle is read into a local copy first; row i is written as soon as its
+// pivot passes.
 template <int N, class T, class DO, class SO>
 OmkStatus decompFixed(const DO& l, const SO& a) {
     T m[N][N];
@@ -94,62 +120,35 @@ OmkStatus decompFixed(const DO& l, const SO& a) {
     for (int i = 0; i < N; ++i)
 #pragma GCC unroll 6
         for (int j = 0; j <= i; ++j) m[i][j] = a.at(i, j);
-#pragma GCC unroll 6
-    for (int i = 0; i < N; ++i) {
-#pragma GCC unroll 6
-        for (int j = 0; j < i; ++j) {
-            T s = m[i][j];
-#pragma GCC unroll 6
-            for (int k = 0; k < j; ++k) s = std::fma(-m[i][k], m[j][k], s);
-            m[i][j] = s * m[j][j];
-        }
-        T d = m[i][i];
-#pragma GCC unroll 6
-        for (int k = 0; k < i; ++k) d = std::fma(-m[i][k], m[i][k], d);
-        if (notPositive(d)) return omkStsNotPosDefinite;
-        m[i][i] = reciprocalRoot(d);
+    const bool ok = factorSteps<N>(m, [&](int i) {
 #pragma GCC unroll 6
         for (int j = 0; j <= i; ++j) l.at(i, j) = m[i][j];
-    }
-    return omkStsOk;
+    });
+    return ok ? omkStsOk : omkStsNotPosDefinite;
 }
 
-// Doubles of orders 3 to 6, two objects at once: lane q of every register belongs to object q, and
-// each lane runs the operations of decompFixed (fnmadd is fma with the product negated, square
-// root and division per lane), so every bit is that of the one-object kernel. Nothing is written
-// until both factors are complete; a pair with a failing pivot returns false and is redone object
-// by object, which then writes and stops as the one-object kernel does.
-template <int N, class DO, class SO>
-bool decompFixedPair(const DO& l0, const DO& l1, const SO& a0, const SO& a1) {
-    __m128d m[N][N];
-#pragma GCC unroll 6
-    for (int i = 0; i < N; ++i)
-#pragma GCC unroll 6
-        for (int j = 0; j <= i; ++j) m[i][j] = _mm_set_pd(a1.at(i, j), a0.at(i, j));
-    const __m128d zero = _mm_setzero_pd(), one = _mm_set1_pd(1.0);
-#pragma GCC unroll 6
-    for (int i = 0; i < N; ++i) {
-#pragma GCC unroll 6
-        for (int j = 0; j < i; ++j) {
-            __m128d s = m[i][j];
-#pragma GCC unroll 6
-            for (int k = 0; k < j; ++k) s = _mm_fnmadd_pd(m[i][k], m[j][k], s);
-            m[i][j] = _mm_mul_pd(s, m[j][j]);
-        }
-        __m128d d = m[i][i];
-#pragma GCC unroll 6
-        for (int k = 0; k < i; ++k) d = _mm_fnmadd_pd(m[i][k], m[i][k], d);
-        if (_mm_movemask_pd(_mm_cmp_pd(zero, d, _CMP_GE_OQ))) return false;
-        m[i][i] = _mm_div_pd(one, _mm_sqrt_pd(d));
-    }
-#pragma GCC unroll 6
-    for (int i = 0; i < N; ++i)
-#pragma GCC unroll 6
-        for (int j = 0; j <= i; ++j) {
-            _mm_storel_pd(&l0.at(i, j), m[i][j]);
-            _mm_storeh_pd(&l1.at(i, j), m[i][j]);
-        }
+// A block of objects with packed rows, dst(q) and src(q) of object q: the whole block is read
+// before any of it is written; false, with nothing written, when an object of the block has a
+// pivot that is not positive (the per-object path then takes the block, and stops where it fails).
+template <int N, class T, class Dst, class Src>
+[[gnu::flatten]] bool decompBlock(const Dst& dst, const Src& src) {
+    typename BlockLanes<T>::X m[N][N];
+    const auto in = copyObjects<T>(src);
+    lowerLanes<true, N>(m, [&](int q, int r) { return in.o[q].row(r); });
+    if (!factorSteps<N>(m, [](int) {})) return false;
+    const auto out = copyObjects<T>(dst);
+    lowerLanes<false, N>(m, [&](int q, int r) { return out.o[q].row(r); });
     return true;
+}
+
+// Decompositions of orders 3 to 6 of the whole blocks among objects 0 ... count-1; stops before a
+// block that holds a failing matrix. Returns how many objects it did.
+template <class T, class Dst, class Src>
+int32_t decompLanes(const Dst& dst, const Src& src, int n, int32_t count) {
+    return wholeBlocks<3, 6, T>(n, count, [&](auto order, int32_t k) {
+        return decompBlock<decltype(order)::value, T>([&](int q) { return dst(k + q); },
+                                                      [&](int q) { return src(k + q); });
+    });
 }
 
 template <class T, class DO, class SO>
@@ -208,48 +207,44 @@ struct FixedFactor {
         T v[N];
 #pragma GCC unroll 6
         for (int i = 0; i < N; ++i) v[i] = b.at(i, 0);
-#pragma GCC unroll 6
-        for (int i = 0; i < N; ++i) {
-            T t = v[i];
-#pragma GCC unroll 6
-            for (int j = i - 1; j >= 0; --j) t = std::fma(-f[i][j], v[j], t);
-            v[i] = t * f[i][i];
-        }
-#pragma GCC unroll 6
-        for (int i = N - 1; i >= 0; --i) {
-            T t = v[i];
-#pragma GCC unroll 6
-            for (int j = N - 1; j > i; --j) t = std::fma(-f[j][i], v[j], t);
-            v[i] = t * f[i][i];
-        }
+        steps(f, v);
 #pragma GCC unroll 6
         for (int i = 0; i < N; ++i) x.at(i, 0) = v[i];
     }
+
+    // The steps, for one system (V = T) and for blocks of systems side by side (solve::solveLanes).
+    template <class V>
+    [[gnu::always_inline]] static void steps(const V (&fl)[N][N], V (&v)[N]) {
+#pragma GCC unroll 6
+        for (int i = 0; i < N; ++i) {
+            V t = v[i];
+#pragma GCC unroll 6
+            for (int j = i - 1; j >= 0; --j) t = fmadd(-fl[i][j], v[j], t);
+            v[i] = t * fl[i][i];
+        }
+#pragma GCC unroll 6
+        for (int i = N - 1; i >= 0; --i) {
+            V t = v[i];
+#pragma GCC unroll 6
+            for (int j = N - 1; j > i; --j) t = fmadd(-fl[j][i], v[j], t);
+            v[i] = t * fl[i][i];
+        }
+    }
+    template <class V, class Row, class Piv>
+    static void loadLanes(V (&fl)[N][N], const Row& row, const Piv&) {
+        lowerLanes<true, N>(fl, row);
+    }
+    static int rhsRow(NoPivots::Tag, int i) { return i; }
 };
 
 // ---- objects of an array ----
 
-template <int N, bool Packed, class D, class A>
-int32_t decompPairs(const D& d, const A& a, int32_t count) {
-    int32_t k = 0;
-    for (; k + 1 < count; k += 2)
-        if (!decompFixedPair<N>(objectOf<Packed>(d, k), objectOf<Packed>(d, k + 1), objectOf<Packed>(a, k),
-                                objectOf<Packed>(a, k + 1)))
-            break;
-    return k;
-}
-
 template <bool Packed, class T, class D, class A>
 OmkStatus decompObjects(const D& d, const A& a, int n, int32_t count) {
     int32_t k = 0;
-    if constexpr (std::is_same_v<T, double>) {
-        switch (n) {
-        case 3: k = decompPairs<3, Packed>(d, a, count); break;
-        case 4: k = decompPairs<4, Packed>(d, a, count); break;
-        case 5: k = decompPairs<5, Packed>(d, a, count); break;
-        case 6: k = decompPairs<6, Packed>(d, a, count); break;
-        }
-    }
+    if constexpr (Packed)
+        k = decompLanes<T>([&](int32_t q) { return objectOf<Packed>(d, q); },
+                           [&](int32_t q) { return objectOf<Packed>(a, q); }, n, count);
     for (; k < count; ++k)
         if (const OmkStatus st = decompObject<T>(objectOf<Packed>(d, k), objectOf<Packed>(a, k), n)) return st;
     return omkStsOk;
@@ -257,7 +252,10 @@ OmkStatus decompObjects(const D& d, const A& a, int n, int32_t count) {
 
 template <bool Packed, class T, class X, class A, class B>
 OmkStatus solveObjects(const X& x, const A& a, const B& b, int n, int32_t count) {
-    solveSystems<FixedFactor, Packed, T>(x, a, NoPivots{}, b, n, count,
+    int32_t k = 0;
+    if constexpr (Packed)
+        if (X::kArray) k = solve::solveLanes<FixedFactor, T>(x, a, NoPivots{}, b, n, count);
+    solveSystems<FixedFactor, Packed, T>(x.from(k), a.from(k), NoPivots{}, b.from(k), n, count - k,
                                          [n](const auto& xk, const auto& l, NoPivots::Tag, const auto& bk) {
                                              solveGeneral<T>(xk, l, bk, n);
                                          });

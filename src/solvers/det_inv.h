@@ -552,14 +552,9 @@ int32_t detLanes(const Src& src, T* out, int n, int32_t count) {
 // per-object kernel then takes in order up to that matrix; returns how many objects it did.
 template <class T, class Dst, class Src>
 int32_t invertLanes(const Dst& dst, const Src& src, int n, int32_t count) {
-    constexpr int W = BlockLanes<T>::W;
-    return forOrder<3, 6>(n, [&](auto order) {
-        int32_t k = 0;
-        for (; k + W <= count; k += W)
-            if (!invertBlock<decltype(order)::value, T>([&](int q) { return dst(k + q); },
-                                                         [&](int q) { return src(k + q); }))
-                break;
-        return k;
+    return wholeBlocks<3, 6, T>(n, count, [&](auto order, int32_t k) {
+        return invertBlock<decltype(order)::value, T>([&](int q) { return dst(k + q); },
+                                                      [&](int q) { return src(k + q); });
     });
 }
 

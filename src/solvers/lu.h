@@ -8,10 +8,12 @@
 #pragma once
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 #include <utility>
 
 #include "frame/checks.h"
+#include "frame/object_lanes.h"
 #include "frame/operand_views.h"
 #include "solvers/solver_arrays.h"
 
@@ -70,11 +72,61 @@ OmkStatus decompGeneral(const DO& lu, const SO& a, int* p, int n) {
     return std::fabs(lu.at(p[n - 1], n - 1)) <= kGeneralTol<T> ? omkStsSingular : omkStsOk;
 }
 
-// ---- decomposition, orders 3 to 6 ----
-// The whole source is read into a local copy whose rows stand in pivot order (local row k is
-// source row p[k]), so the steps index the copy by constants. The arithmetic is the general
-// loop's, operation for operation; only the singularity test differs. Row p[k] of the destination
-// is written as soon as step k is final; p is written on every return.
+// ---- decomposition, orders 3 to 6: one body for one object and for a block of objects ----
+// The steps over a matrix m whose rows stand in pivot order (row k is source row p[k]), so that
+// they index it by constants. X is one element (one object) or a block of lanes, one object per
+// lane (frame/object_lanes.h); I is the row index of the same width. Each lane takes its own
+// object's steps: its own pivot search (first maximum wins), its own exchange under a lane mask.
+// The arithmetic is the general loop's, operation for operation; only the singularity test
+// differs. rowDone(k) is called once row k is final. Returns false, at once, when a pivot of any
+// lane is singular.
+template <int N, class X, class I, class RowDone>
+[[gnu::always_inline]] inline bool factorSteps(X (&m)[N][N], I (&p)[N], RowDone&& rowDone) {
+    using T = typename LaneTraits<X>::T;
+#pragma GCC unroll 6
+    for (int k = 0; k + 1 < N; ++k) {
+        X big = laneAbs(m[k][k]);
+        I best = I{} + k;
+#pragma GCC unroll 6
+        for (int i = k + 1; i < N; ++i) {
+            const X v = laneAbs(m[i][k]);
+            const auto greater = v > big;
+            big = greater ? v : big;
+            best = greater ? I{} + i : best;
+        }
+        if (anyLane(big < kStraightTol<T>)) return false;
+#pragma GCC unroll 6
+        for (int i = k + 1; i < N; ++i) {
+            const auto exchange = best == I{} + i;
+            if (!anyLane(exchange)) continue;
+            const I pk = p[k];
+            p[k] = exchange ? p[i] : pk;
+            p[i] = exchange ? pk : p[i];
+#pragma GCC unroll 6
+            for (int j = 0; j < N; ++j) {
+                const X mk = m[k][j];
+                m[k][j] = exchange ? m[i][j] : mk;
+                m[i][j] = exchange ? mk : m[i][j];
+            }
+        }
+        const X r = T(1) / m[k][k];
+#pragma GCC unroll 6
+        for (int i = k + 1; i < N; ++i) {
+            const X mult = m[i][k] * r;
+            m[i][k] = mult;
+#pragma GCC unroll 6
+            for (int j = k + 1; j < N; ++j) m[i][j] = fmadd(-m[k][j], mult, m[i][j]);
+        }
+        rowDone(k);
+    }
+    if (anyLane(laneAbs(m[N - 1][N - 1]) < kStraightTol<T>)) return false;
+    rowDone(N - 1);
+    return true;
+}
+
+// One object: the whole source is read into the local copy first (in-place use changes nothing
+// there); row p[k] of the destination is written as soon as step k is final, and p on every
+// return.
 template <int N, class T, class DO, class SO>
 OmkStatus decompFixed(const DO& lu, const SO& a, int* pOut) {
     T m[N][N];
@@ -85,43 +137,50 @@ OmkStatus decompFixed(const DO& lu, const SO& a, int* pOut) {
 #pragma GCC unroll 6
         for (int j = 0; j < N; ++j) m[i][j] = a.at(i, j);
     }
-    auto finish = [&](OmkStatus st) {
-#pragma GCC unroll 6
-        for (int i = 0; i < N; ++i) pOut[i] = p[i];
-        return st;
-    };
-    auto writeRow = [&](int k) {
+    const bool ok = factorSteps<N>(m, p, [&](int k) {
 #pragma GCC unroll 6
         for (int j = 0; j < N; ++j) lu.at(p[k], j) = m[k][j];
-    };
+    });
 #pragma GCC unroll 6
-    for (int k = 0; k + 1 < N; ++k) {
-        int best = k;
-        T big = std::fabs(m[k][k]);
+    for (int i = 0; i < N; ++i) pOut[i] = p[i];
+    return ok ? omkStsOk : omkStsSingular;
+}
+
+// A block of objects with packed rows: dst(q), src(q) and the index array piv(q) of object q.
+// The whole block is read before any of it is written; false, with nothing written, when an object
+// of the block is singular (the per-object path then takes the block, and stops where it fails).
+template <int N, class T, class Dst, class Src, class Piv>
+[[gnu::flatten]] bool decompBlock(const Dst& dst, const Src& src, const Piv& piv) {
+    using I = typename BlockLanes<T>::Mask;
+    auto a = loadLanes<N, T>(src);
+    I p[N];
 #pragma GCC unroll 6
-        for (int i = k + 1; i < N; ++i) {
-            const T v = std::fabs(m[i][k]);
-            if (v > big) big = v, best = i;
-        }
-        if (big < kStraightTol<T>) return finish(omkStsSingular);
-        if (best != k) {
-            std::swap(p[k], p[best]);
+    for (int i = 0; i < N; ++i) p[i] = I{} + i;
+    if (!factorSteps<N>(a.v, p, [](int) {})) return false;
+    constexpr int W = BlockLanes<T>::W;
+    using Lane = std::conditional_t<sizeof(T) == 4, int32_t, int64_t>;
+    alignas(32) Lane rows[N][W];  // the pivot rows, lane by lane
+    std::memcpy(rows, p, sizeof rows);
+    const auto out = copyObjects<T>(dst);
 #pragma GCC unroll 6
-            for (int j = 0; j < N; ++j) std::swap(m[k][j], m[best][j]);
-        }
-        const T r = T(1) / m[k][k];
+    for (int k = 0; k < N; ++k) rowLanes<false, N>(a.v[k], [&](int q, int) { return out.o[q].row(int(rows[k][q])); }, k);
+    for (int q = 0; q < W; ++q) {
+        int* pq = piv(q);
 #pragma GCC unroll 6
-        for (int i = k + 1; i < N; ++i) {
-            const T mult = m[i][k] * r;
-            m[i][k] = mult;
-#pragma GCC unroll 6
-            for (int j = k + 1; j < N; ++j) m[i][j] = std::fma(-m[k][j], mult, m[i][j]);
-        }
-        writeRow(k);
+        for (int i = 0; i < N; ++i) pq[i] = int(rows[i][q]);
     }
-    if (std::fabs(m[N - 1][N - 1]) < kStraightTol<T>) return finish(omkStsSingular);
-    writeRow(N - 1);
-    return finish(omkStsOk);
+    return true;
+}
+
+// Decompositions of orders 3 to 6 of the whole blocks among objects 0 ... count-1; stops before a
+// block that holds a singular matrix. Returns how many objects it did.
+template <class T, class Dst, class Src, class Piv>
+int32_t decompLanes(const Dst& dst, const Src& src, const Piv& piv, int n, int32_t count) {
+    return wholeBlocks<3, 6, T>(n, count, [&](auto order, int32_t k) {
+        return decompBlock<decltype(order)::value, T>([&](int q) { return dst(k + q); },
+                                                      [&](int q) { return src(k + q); },
+                                                      [&](int q) { return piv(k + q); });
+    });
 }
 
 template <class T, class DO, class SO>
@@ -162,6 +221,28 @@ void solveGeneral(const XO& x, const LO& lu, const int* p, const BO& b, int n) {
     }
 }
 
+// Orders 3 to 6, one body for one system (X = T) and for a block of systems side by side: the
+// factor in pivot order f (row i is LU[p[i]]) and the right-hand side v, already in pivot order,
+// into the solution. Each sum is a chain of fused multiply-adds from the highest index down,
+// starting at v[i], and x[i] is that chain divided by the diagonal.
+template <int N, class X>
+[[gnu::always_inline]] inline void substituteSteps(const X (&f)[N][N], X (&v)[N]) {
+#pragma GCC unroll 6
+    for (int i = 1; i < N; ++i) {
+        X t = v[i];
+#pragma GCC unroll 6
+        for (int j = i - 1; j >= 0; --j) t = fmadd(-f[i][j], v[j], t);
+        v[i] = t;
+    }
+#pragma GCC unroll 6
+    for (int i = N - 1; i >= 0; --i) {
+        X t = v[i];
+#pragma GCC unroll 6
+        for (int j = N - 1; j > i; --j) t = fmadd(-f[i][j], v[j], t);
+        v[i] = t / f[i][i];
+    }
+}
+
 // Orders 3 to 6: the factor in pivot order (row i is LU[p[i]]) read once, then for every vector
 // each sum is a chain of fused multiply-adds from the highest index down, starting at b[p[i]]
 // (forward) or y[i] (backward), and x[i] is that chain divided by the diagonal. The right-hand
@@ -185,30 +266,33 @@ struct FixedFactor {
         T v[N];
 #pragma GCC unroll 6
         for (int i = 0; i < N; ++i) v[i] = b.at(p[i], 0);
-#pragma GCC unroll 6
-        for (int i = 1; i < N; ++i) {
-            T t = v[i];
-#pragma GCC unroll 6
-            for (int j = i - 1; j >= 0; --j) t = std::fma(-f[i][j], v[j], t);
-            v[i] = t;
-        }
-#pragma GCC unroll 6
-        for (int i = N - 1; i >= 0; --i) {
-            T t = v[i];
-#pragma GCC unroll 6
-            for (int j = N - 1; j > i; --j) t = std::fma(-f[i][j], v[j], t);
-            v[i] = t / f[i][i];
-        }
+        substituteSteps<N>(f, v);
 #pragma GCC unroll 6
         for (int i = 0; i < N; ++i) x.at(i, 0) = v[i];
     }
+
+    // The same for blocks of systems (solve::solveLanes): row i of lane q's factor is row piv(q)[i]
+    // of its matrix, and the right-hand side is read in that order.
+    template <class V, class Row, class Piv>
+    static void loadLanes(V (&fl)[N][N], const Row& row, const Piv& piv) {
+#pragma GCC unroll 6
+        for (int i = 0; i < N; ++i) rowLanes<true, N>(fl[i], [&](int q, int) { return row(q, piv(q)[i]); }, i);
+    }
+    static int rhsRow(const int* pk, int i) { return pk[i]; }
+    template <class V>
+    static void steps(const V (&fl)[N][N], V (&v)[N]) { substituteSteps<N>(fl, v); }
 };
 
 // ---- objects of an array ----
 
 template <bool Packed, class T, class D, class A, class I>
 OmkStatus decompObjects(const D& d, const A& a, const I& p, int n, int32_t count) {
-    for (int32_t k = 0; k < count; ++k)
+    int32_t k = 0;
+    if constexpr (Packed)
+        k = decompLanes<T>([&](int32_t q) { return objectOf<Packed>(d, q); },
+                           [&](int32_t q) { return objectOf<Packed>(a, q); }, [&](int32_t q) { return p.obj(q); }, n,
+                           count);
+    for (; k < count; ++k)
         if (const OmkStatus st = decompObject<T>(objectOf<Packed>(d, k), objectOf<Packed>(a, k), p.obj(k), n))
             return st;
     return omkStsOk;
@@ -216,7 +300,10 @@ OmkStatus decompObjects(const D& d, const A& a, const I& p, int n, int32_t count
 
 template <bool Packed, class T, class X, class A, class I, class B>
 OmkStatus solveObjects(const X& x, const A& a, const I& p, const B& b, int n, int32_t count) {
-    solveSystems<FixedFactor, Packed, T>(x, a, p, b, n, count,
+    int32_t k = 0;
+    if constexpr (Packed)
+        if (X::kArray) k = solve::solveLanes<FixedFactor, T>(x, a, p, b, n, count);
+    solveSystems<FixedFactor, Packed, T>(x.from(k), a.from(k), p.from(k), b.from(k), n, count - k,
                                          [n](const auto& xk, const auto& lu, const int* pk, const auto& bk) {
                                              solveGeneral<T>(xk, lu, pk, bk, n);
                                          });
