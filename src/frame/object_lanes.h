@@ -66,8 +66,13 @@ template <> struct LaneTraits<Block4d> {
     using Index = Block4l;
 };
 inline bool anyLane(bool m) { return m; }
-inline bool anyLane(Block8i m) { return BlockLanes<float>::any(m); }
-inline bool anyLane(Block4l m) { return BlockLanes<double>::any(m); }
+// Any mask of a block; a template, because compilers differ in the integer type of the lanes a
+// comparison gives (int64_t or long long for doubles).
+template <class M>
+bool anyLane(M m) {
+    if constexpr (sizeof(m[0]) == 4) return BlockLanes<float>::any((Block8i)m);
+    else return BlockLanes<double>::any((Block4l)m);
+}
 inline float laneAbs(float x) { return std::fabs(x); }
 inline double laneAbs(double x) { return std::fabs(x); }
 inline Block8f laneAbs(Block8f x) { return BlockLanes<float>::abs(x); }
