@@ -114,8 +114,8 @@ def main():
             "the load (`omp_get_max_threads()`, n here). **Default**: `omkSetNumThreads(0)`, which follows "
             "`omp_get_max_threads()`, at most the processors that other processes leave free.", ""]
     summary, sections = [], []
-    for spec in args.build:
-        name, build = spec.split("=", 1)
+    for build_arg in args.build:
+        name, build = build_arg.split("=", 1)
         label = RUNTIMES.get(name, name)
         results = run(build, args.runs, None, None)
         table, worst = main_table(results)

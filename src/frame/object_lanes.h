@@ -50,20 +50,16 @@ template <> struct BlockLanes<double> {
 };
 
 // What a body written once for one object (X = float or double) and for a block (X = Block8f or
-// Block4d) needs beyond the arithmetic operators: the element type, an integer of the lanes' width
-// (a row index per object; its comparisons give masks usable with `mask ? x : y` on X as on the
-// index), whether any lane of a mask is set, and the magnitude.
+// Block4d) needs beyond the arithmetic operators: the element type, whether any lane of a mask is
+// set, and the magnitude. A row index per object is an int, or BlockLanes<T>::Mask for a block.
 template <class X> struct LaneTraits {
     using T = X;
-    using Index = int;
 };
 template <> struct LaneTraits<Block8f> {
     using T = float;
-    using Index = Block8i;
 };
 template <> struct LaneTraits<Block4d> {
     using T = double;
-    using Index = Block4l;
 };
 inline bool anyLane(bool m) { return m; }
 // Any mask of a block; a template, because compilers differ in the integer type of the lanes a
