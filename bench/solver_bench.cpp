@@ -8,6 +8,9 @@
 //   BM_omkm_Cholesky_64f/NxN/C/threads:1  omkmCholeskyDecomp_ma_64f
 //   BM_eigen_Cholesky_64f/NxN/C           Eigen LLT per object
 //   BM_lapacke_Cholesky_64f/NxN/C         LAPACKE dpotrf_work per object
+//   BM_floor_LUSolve_<T>/NxN/C,           the arithmetic floor of the same work: only the object's own
+//   BM_floor_Cholesky_64f/NxN/C           fused multiply-adds, divisions and roots, 8 float or 4
+//                                         double objects side by side, on values in registers
 //
 // for N = 4 and 6 and C = 1000 objects. The LU matrices have entries drawn uniformly from [-1, 1]
 // (so the pivot search exchanges rows), the Cholesky matrices are M*M^T + N*I. Every variant writes
@@ -17,8 +20,10 @@
 // timing: LU rows by the residual of A*x = b, Cholesky rows by the factor against a double-precision
 // factorisation.
 #include <benchmark/benchmark.h>
+#include <immintrin.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -266,10 +271,97 @@ void factorRow(const std::string& name, int n, int (*run)(Systems<double>&), At 
         ->Unit(benchmark::kMicrosecond);
 }
 
+// ---- arithmetic floors ----
+// Per block of 8 float or 4 double objects: F fused multiply-adds in 12 independent chains (more than
+// the FMA units' latency times their throughput, so throughput alone limits them), D divisions and R
+// square roots, each independent of the others, on values kept in registers; no pivot search, no
+// exchange, no load or store. LU and one solve of order n: sum over j < n of (j^2 + j), plus n(n-1), plus n
+// multiply-adds and n divisions; Cholesky: sum over j < n of (j(n-j) + n-j-1) multiply-adds, n roots
+// and n divisions.
+constexpr int luFmas(int n) { return (n - 1) * n * (n + 1) / 3 + n * (n - 1) + n; }
+constexpr int choleskyFmas(int n) {
+    int f = 0;
+    for (int j = 0; j < n; ++j) f += j * (n - j) + n - j - 1;
+    return f;
+}
+// One 256-bit register of T; a traits struct, so that no vector type (whose attributes a template
+// argument would drop) is itself a template argument.
+template <class T> struct Reg;
+template <> struct Reg<float> {
+    using V = __m256;
+    static V set(double x) { return _mm256_set1_ps(float(x)); }
+    static V fma(V a, V b, V c) { return _mm256_fmadd_ps(a, b, c); }
+    static V div(V a, V b) { return _mm256_div_ps(a, b); }
+    static V sqrt(V a) { return _mm256_sqrt_ps(a); }
+};
+template <> struct Reg<double> {
+    using V = __m256d;
+    static V set(double x) { return _mm256_set1_pd(x); }
+    static V fma(V a, V b, V c) { return _mm256_fmadd_pd(a, b, c); }
+    static V div(V a, V b) { return _mm256_div_pd(a, b); }
+    static V sqrt(V a) { return _mm256_sqrt_pd(a); }
+};
+
+template <class T, int F, int D, int R>
+__attribute__((noinline)) void fmaBlocks(int blocks) {
+    using G = Reg<T>;
+    typename G::V acc[12];
+    for (int i = 0; i < 12; ++i) acc[i] = G::set(i);
+    typename G::V x = G::set(1.0000001);
+    const typename G::V y = G::set(0.9999999);
+    for (int b = 0; b < blocks; ++b) {
+        asm volatile("" : "+x"(x));  // a factor unknown to the compiler in every block
+#pragma GCC unroll 128
+        for (int k = 0; k < F; ++k) acc[k % 12] = G::fma(x, y, acc[k % 12]);
+    }
+    for (int i = 0; i < 12; ++i) asm volatile("" : : "x"(acc[i]));
+}
+template <class T, int F, int D, int R>
+__attribute__((noinline)) void dividerBlocks(int blocks) {
+    using G = Reg<T>;
+    typename G::V q[4];
+    for (int i = 0; i < 4; ++i) q[i] = G::set(2 + i);
+    const typename G::V x = G::set(1.0000001);
+    for (int b = 0; b < blocks; ++b) {
+#pragma GCC unroll 8
+        for (int k = 0; k < D + R; ++k) {
+            typename G::V d = q[k % 4];
+            asm volatile("" : "+x"(d));  // a fresh operand each time: nothing is hoisted or shared
+            const typename G::V r = k < D ? G::div(x, d) : G::sqrt(d);
+            asm volatile("" : : "x"(r));
+        }
+    }
+}
+
+// Each iteration times the multiply-adds and the divisions and roots of all blocks apart and counts
+// the longer: the floor as the larger of the two units' times. (On this processor a kernel mixing
+// them takes about their sum: the divider and the multiply-adds share an issue port.)
+template <class T, int F, int D, int R>
+void BM_floor(benchmark::State& state) {
+    using Clock = std::chrono::steady_clock;
+    const int blocks = kCount / int(32 / sizeof(T));
+    constexpr int kRounds = 16;  // calls per clock reading, so that reading the clock costs nothing
+    for (auto _ : state) {
+        const auto t0 = Clock::now();
+        for (int r = 0; r < kRounds; ++r) fmaBlocks<T, F, D, R>(blocks);
+        const auto t1 = Clock::now();
+        for (int r = 0; r < kRounds; ++r) dividerBlocks<T, F, D, R>(blocks);
+        const auto t2 = Clock::now();
+        state.SetIterationTime(std::chrono::duration<double>(std::max(t1 - t0, t2 - t1)).count() / kRounds);
+    }
+    finishTraffic(state, kCount, 0, 1);
+}
+
+template <class T, int F, int D, int R>
+void floorRow(const std::string& name) {
+    benchmark::RegisterBenchmark(name.c_str(), BM_floor<T, F, D, R>)->UseManualTime()->Unit(benchmark::kMicrosecond);
+}
+
 template <class T, int N>
 void addLU(const std::string& type) {
     const std::string c = "/" + std::to_string(N) + "x" + std::to_string(N) + "/" + std::to_string(kCount);
     solveRow<T>("BM_omkm_LUSolve_" + type + c + "/threads:1", N, omkmLUSolve<T>, 1);
+    floorRow<T, luFmas(N), N, 0>("BM_floor_LUSolve_" + type + c);
 #ifdef OMKM_BENCH_HAVE_EIGEN
     solveRow<T>("BM_eigen_LUSolve_" + type + c, N, eigenLUSolve<T, N>, -1);
 #endif
@@ -286,6 +378,7 @@ void addCholesky() {
     auto omkmAt = [](const double* f, int n, int i, int j) { return i == j ? 1.0 / f[i * n + i] : f[i * n + j]; };
     auto plainAt = [](const double* f, int n, int i, int j) { return f[i * n + j]; };
     factorRow("BM_omkm_Cholesky_64f" + c + "/threads:1", N, omkmCholesky, omkmAt, 1);
+    floorRow<double, choleskyFmas(N), N, N>("BM_floor_Cholesky_64f" + c);
 #ifdef OMKM_BENCH_HAVE_EIGEN
     factorRow("BM_eigen_Cholesky_64f" + c, N, eigenCholesky<N>, plainAt, -1);
 #endif

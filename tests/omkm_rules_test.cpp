@@ -5,6 +5,7 @@
 // the caller's scratch buffer untouched. Check orders and "nothing written on a failed check" are the argument sweep's.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <set>
 
 #include "families.h"
@@ -214,6 +215,51 @@ TEST_P(Rules, SlicesGiveTheSerialBitsAndStopAtTheirOwnFailure) {
                             << describe(c) << ": the caller's buffer was used on threads";
                 }
         }
+    }
+}
+
+// Packed arrays run in blocks of 8 floats or 4 doubles (19 objects: whole blocks and a tail). Each object keeps its own
+// bits whatever shares its block: a block of copies of itself, or neighbours of the family's own fill (LU's and
+// DetInvert's tie and pivot there); and an array stops at its first failing object wherever it lies, at every lane of a
+// block and in the tail, at every order the family walks.
+TEST_P(Rules, BlocksGiveEachObjectItsOwnBits) {
+    const Family& f = familyNamed(GetParam());
+    if (!f.work) GTEST_SKIP() << "no array members";
+    probe::Budget one(1);
+    for (const Export* ex : membersOf(f)) {
+        const Name nm = parseName(ex->name);
+        if (!nm.array()) continue;
+        int failed = 0;
+        for (Shape s : f.shapes(nm)) {
+            s.count = 19;
+            s.styles = {kPacked};
+            // A call holds pointers into its own arena: each case lays out its own, with the same fill.
+            auto fresh = [&] {
+                std::mt19937 rng(7);
+                return prepared(f, *ex, s, rng);
+            };
+            const int lanes = 32 / (nm.type == "32f" ? 4 : 8);
+            for (const int k : {0, lanes + 1, 18}) {
+                Call c = fresh();
+                ASSERT_TRUE(c.error.empty()) << c.error;
+                for (const Region& g : c.regions)
+                    if (g.array && !g.output && g.kind != Region::Scratch)
+                        for (int q = 0; q < c.count; ++q)
+                            for (int i = 0; i < g.rows; ++i)
+                                for (int j = 0; j < g.cols; ++j)
+                                    std::memcpy(c.arena.at(g.at(q, i, j)), c.arena.at(g.at(k, i, j)), size_t(g.esize));
+                callAndCompare(c, expectSerial(f, c));
+            }
+            if (!f.spoil || (f.fails && !f.fails(nm))) continue;
+            for (const int k : {0, lanes - 1, lanes + 2, 2 * lanes - 1, 17}) {
+                Call c = fresh();
+                f.spoil(c, k);
+                const OmkStatus status = expectSerial(f, c);
+                failed += status != omkStsOk;  // some shapes cannot fail (a 1x1 QR has no reflection)
+                callAndCompare(c, status);
+            }
+        }
+        if (f.spoil && (!f.fails || f.fails(nm))) EXPECT_GT(failed, 0) << ex->name << ": no object failed";
     }
 }
 

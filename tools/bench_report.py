@@ -267,6 +267,8 @@ class Row:
         self.count = int(args[-1]) if args and args[-1].isdigit() else None
         if self.who == "fmaBound":
             self.kind = "bound"  # an arithmetic limit, quoted by the targets only
+        elif self.who == "floor":
+            self.kind = "reference"  # the object's own arithmetic alone, shown beside the workload
         elif self.who == "stream" or (self.who == "memcpy" and op == "copy"):
             self.kind = "reference"
         elif self.who == "omkm":
@@ -288,6 +290,8 @@ class Row:
     def label(self):
         if self.kind == "omkm":
             return "omkm" + (f", {self.variant}" if self.variant else "")
+        if self.who == "floor":
+            return "arithmetic floor"
         if self.kind == "reference":
             return f"{self.who} ({self.op}), memory limit"
         return FAMILY_NAME.get(self.family, self.who) + (f" ({self.tag})" if self.tag else "")
@@ -372,7 +376,7 @@ class Workload:
 def group(rows):
     workloads = {}
     for r in rows:
-        if r.kind == "bound" or (r.kind == "reference" and r.op not in ("Mul_mama_32f",)):
+        if r.kind == "bound" or (r.kind == "reference" and r.op not in ("Mul_mama_32f",) and r.who != "floor"):
             continue
         workloads.setdefault(r.key, Workload(r.key)).add(r)
     return workloads
@@ -664,6 +668,12 @@ def summary_table(workloads, default_threads):
             cells += [fmt_ratio(w.ratio(one)), fmt_ratio(w.ratio(dflt))]
             lines.append("| " + " | ".join(cells) + " |")
             for ref in w.refs:
+                if ref.who == "floor":
+                    notes.append(f"{workload_title(w)}, {fmt_count(w.sample.count)} objects: the arithmetic floor "
+                                 f"(the object's own fused multiply-adds, divisions and roots, 8 floats or 4 "
+                                 f"doubles side by side, nothing else) takes {fmt_ns(ref.ns)} ns per object; omkm "
+                                 f"on 1 thread takes {fmt_ratio(one.ns / ref.ns if one and one.ns else None)} times that.")
+                    continue
                 notes.append(f"{workload_title(w)}, {fmt_count(w.sample.count)} objects: the STREAM-like add over "
                              f"the same arrays takes {fmt_ns(ref.ns)} ns per object on {int(ref.threads or 1)} "
                              f"thread(s), the memory or cache limit of this product.")
@@ -958,7 +968,7 @@ def write_report(data, args, machine, software, start_load):
             lines += [f"### {SWEEP_TITLES.get(key, key)}", "", f"![{key}]({fname})", "", "ns per object:", ""]
             lines += table + [""]
 
-    refs = [r for r in rows if r.kind == "reference" and not r.error and r.op != "Mul_mama_32f"]
+    refs = [r for r in rows if r.kind == "reference" and not r.error and r.op != "Mul_mama_32f" and r.who != "floor"]
     if refs:
         lines += ["## Memory bandwidth in the same run", "", "| row | GB/s |", "|---|---:|"]
         for r in sorted(refs, key=lambda r: r.name):

@@ -73,6 +73,10 @@ inline float laneAbs(float x) { return std::fabs(x); }
 inline double laneAbs(double x) { return std::fabs(x); }
 inline Block8f laneAbs(Block8f x) { return BlockLanes<float>::abs(x); }
 inline Block4d laneAbs(Block4d x) { return BlockLanes<double>::abs(x); }
+inline float laneSqrt(float x) { return std::sqrt(x); }
+inline double laneSqrt(double x) { return std::sqrt(x); }
+inline Block8f laneSqrt(Block8f x) { return BlockLanes<float>::sqrt(x); }
+inline Block4d laneSqrt(Block4d x) { return BlockLanes<double>::sqrt(x); }
 
 template <class X, int N>
 struct LaneMatrix {
@@ -210,18 +214,22 @@ int32_t forOrder(int n, F&& blocks) {
     }
 }
 
-// Runs block(order, k) on the whole blocks k = 0, W, 2W, ... among `count` objects, the order a
-// constant for the orders Lo ... Hi, and stops before the first block for which it returns false.
-// Returns how many objects it did (0 for other orders).
+// Runs block(k) on the whole blocks k = 0, W, 2W, ... among `count` objects and stops before the
+// first block for which it returns false. Returns how many objects it did.
+template <class T, class Block>
+int32_t blockRun(int32_t count, Block&& block) {
+    constexpr int W = BlockLanes<T>::W;
+    int32_t k = 0;
+    for (; k + W <= count; k += W)
+        if (!block(k)) break;
+    return k;
+}
+
+// blockRun with block(order, k), the order a constant for the orders Lo ... Hi (0 objects done for
+// other orders).
 template <int Lo, int Hi, class T, class Block>
 int32_t wholeBlocks(int n, int32_t count, Block&& block) {
-    constexpr int W = BlockLanes<T>::W;
-    return forOrder<Lo, Hi>(n, [&](auto order) {
-        int32_t k = 0;
-        for (; k + W <= count; k += W)
-            if (!block(order, k)) break;
-        return k;
-    });
+    return forOrder<Lo, Hi>(n, [&](auto order) { return blockRun<T>(count, [&](int32_t k) { return block(order, k); }); });
 }
 
 }  // namespace omk

@@ -193,6 +193,7 @@ void solveGeneral(const XO& x, const LO& l, const BO& b, int n) {
 // R(i). The right-hand side is read whole before the solution is written.
 template <int N, class T>
 struct FixedFactor {
+    static constexpr int kRows = N, kCols = N;
     T f[N][N];
 
     template <class LO>

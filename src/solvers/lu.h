@@ -249,6 +249,7 @@ template <int N, class X>
 // side is read whole before the solution is written.
 template <int N, class T>
 struct FixedFactor {
+    static constexpr int kRows = N, kCols = N;
     T f[N][N];
     int p[N];
 

@@ -12,6 +12,7 @@
 #include <type_traits>
 
 #include "frame/checks.h"
+#include "frame/object_lanes.h"
 #include "frame/operand_views.h"
 #include "frame/parallel_driver.h"
 #include "frame/wrapping.h"
@@ -47,103 +48,181 @@ template <class T> constexpr T kEps = sizeof(T) == 4 ? T(0x1p-23) : T(0x1p-52);
 
 inline int reflections(int w, int h) { return w == h ? w - 1 : w; }
 
-// ---- decomposition of one matrix ----
-// Copy; then for each reflection k: s = sum over i >= k of a(i, k)^2 (t = t + x*x from 0), below
-// eps in magnitude stops with omkStsDivByZero; alpha = sqrt(s) when a(k, k) > 0, else -sqrt(s);
-// q = 1/(a(k, k) + alpha); v_k = 1 and v_i = a(i, k)*q in `v`; v'v = 1 + the squares in pairs of
-// rounded products, an odd last square fused; beta = -2/(v'v). Every column j >= k:
-// t = sum of v_i*a(i, j) from 0 in increasing i, then a(i, j) = fma(beta*t, v_i, a(i, j)). The
-// vector then goes below the diagonal.
-template <int N, class T, class DO, class SO>
-OmkStatus decompObject(const DO& a, const SO& src, T* v, int wArg, int hArg) {
-    const int w = N ? N : wArg, h = N ? N : hArg;
-    for (int i = 0; i < h; ++i)
-        for (int j = 0; j < w; ++j) a.at(i, j) = src.at(i, j);
+// ---- the steps, one body for one object and for a block of objects ----
+// X is one element (one object) or a block of lanes, one object per lane (frame/object_lanes.h);
+// each lane takes exactly its object's steps, and a test of one object is a test of any lane.
+
+// Decomposition in place of the matrix a(i, j), v holding `h` elements. For each reflection k:
+// s = sum over i >= k of a(i, k)^2 (t = t + x*x from 0), below eps in magnitude stops with false
+// before anything of reflection k is changed; alpha = sqrt(s) when a(k, k) > 0, else -sqrt(s);
+// q = 1/(a(k, k) + alpha); v_k = 1 and v_i = a(i, k)*q; v'v = 1 + the squares in pairs of rounded
+// products, an odd last square fused; beta = -2/(v'v). Every column j >= k: t = sum of
+// v_i*a(i, j) from 0 in increasing i, then a(i, j) = fma(beta*t, v_i, a(i, j)). The vector then
+// goes below the diagonal.
+template <class X, class A>
+[[gnu::always_inline]] inline bool reflectSteps(A&& a, X* v, int w, int h) {
+    using T = typename LaneTraits<X>::T;
     const int r = reflections(w, h);
+#pragma GCC unroll 6
     for (int k = 0; k < r; ++k) {
-        T s = T(0);
+        X s{};
+#pragma GCC unroll 6
         for (int i = k; i < h; ++i) {
-            const T x = a.at(i, k);
+            const X x = a(i, k);
             s = s + x * x;
         }
-        if (std::fabs(s) < kEps<T>) return omkStsDivByZero;
-        const T akk = a.at(k, k);
-        const T alpha = akk > T(0) ? std::sqrt(s) : -std::sqrt(s);
-        const T q = T(1) / (akk + alpha);
-        v[k] = T(1);
-        for (int i = k + 1; i < h; ++i) v[i] = a.at(i, k) * q;
-        T vtv = T(1);
+        if (anyLane(laneAbs(s) < kEps<T>)) return false;
+        const X akk = a(k, k);
+        const X root = laneSqrt(s);
+        const X alpha = akk > T(0) ? root : -root;
+        const X q = T(1) / (akk + alpha);
+        v[k] = X{} + T(1);
+#pragma GCC unroll 6
+        for (int i = k + 1; i < h; ++i) v[i] = a(i, k) * q;
+        X vtv = X{} + T(1);
         int i = k + 1;
+#pragma GCC unroll 6
         for (; i + 1 < h; i += 2) {
             vtv = vtv + v[i] * v[i];
             vtv = vtv + v[i + 1] * v[i + 1];
         }
-        if (i < h) vtv = std::fma(v[i], v[i], vtv);
-        const T beta = T(-2) / vtv;
+        if (i < h) vtv = fmadd(v[i], v[i], vtv);
+        const X beta = T(-2) / vtv;
+#pragma GCC unroll 6
         for (int j = k; j < w; ++j) {
-            T t = T(0);
-            for (int q2 = k; q2 < h; ++q2) t = t + v[q2] * a.at(q2, j);
-            const T bt = beta * t;
-            for (int q2 = k; q2 < h; ++q2) a.at(q2, j) = std::fma(bt, v[q2], a.at(q2, j));
+            X t{};
+#pragma GCC unroll 6
+            for (int i2 = k; i2 < h; ++i2) t = t + v[i2] * a(i2, j);
+            const X bt = beta * t;
+#pragma GCC unroll 6
+            for (int i2 = k; i2 < h; ++i2) a(i2, j) = fmadd(bt, v[i2], a(i2, j));
         }
-        for (int q2 = k + 1; q2 < h; ++q2) a.at(q2, k) = v[q2];
+#pragma GCC unroll 6
+        for (int i2 = k + 1; i2 < h; ++i2) a(i2, k) = v[i2];
     }
-    return omkStsOk;
+    return true;
 }
 
-// ---- back substitution of one right-hand side ----
-// b is copied into `y` (height elements). Each reflection k: beta_k = -2 / (1 + v_i^2 ...) with
-// fused accumulation from 1 in increasing i; t = b_k, then t = fma(v_i, b_i, t); b_k = b_k + beta*t
-// (beta*t rounded once); b_i = fma(beta*t, v_i, b_i). Then R*x = b from the bottom:
-// t = b_i, t = fma(-R(i, j), x_j, t) for j = i+1 ... w-1 in increasing j, x_i = t / R(i, i).
-template <int N, class T, class XO, class FO, class BO>
-void solveObject(const XO& x, const FO& f, const BO& b, T* y, int wArg, int hArg) {
-    const int w = N ? N : wArg, h = N ? N : hArg;
-    for (int i = 0; i < h; ++i) y[i] = b.at(i, 0);
+// Back substitution of the right-hand side y (h elements) through the factor f(i, j), the solution
+// into y's first w elements. Each reflection k: beta_k = -2 / (1 + v_i^2 ...) with fused
+// accumulation from 1 in increasing i; t = b_k, then t = fma(v_i, b_i, t); b_k = b_k + beta*t
+// (beta*t rounded once); b_i = fma(beta*t, v_i, b_i). Then R*x = b from the bottom: t = b_i,
+// t = fma(-R(i, j), x_j, t) for j = i+1 ... w-1 in increasing j, x_i = t / R(i, i).
+template <class X, class F>
+[[gnu::always_inline]] inline void applySteps(const F& f, X* y, int w, int h) {
+    using T = typename LaneTraits<X>::T;
     const int r = reflections(w, h);
+#pragma GCC unroll 6
     for (int k = 0; k < r; ++k) {
-        T vtv = T(1);
+        X vtv = X{} + T(1);
+#pragma GCC unroll 6
         for (int i = k + 1; i < h; ++i) {
-            const T vi = f.at(i, k);
-            vtv = std::fma(vi, vi, vtv);
+            const X vi = f(i, k);
+            vtv = fmadd(vi, vi, vtv);
         }
-        const T beta = T(-2) / vtv;
-        T t = y[k];
-        for (int i = k + 1; i < h; ++i) t = std::fma(T(f.at(i, k)), y[i], t);
-        const T bt = beta * t;
+        const X beta = T(-2) / vtv;
+        X t = y[k];
+#pragma GCC unroll 6
+        for (int i = k + 1; i < h; ++i) t = fmadd(f(i, k), y[i], t);
+        const X bt = beta * t;
         y[k] = y[k] + bt;
-        for (int i = k + 1; i < h; ++i) y[i] = std::fma(bt, T(f.at(i, k)), y[i]);
+#pragma GCC unroll 6
+        for (int i = k + 1; i < h; ++i) y[i] = fmadd(bt, f(i, k), y[i]);
     }
+#pragma GCC unroll 6
     for (int i = w - 1; i >= 0; --i) {
-        T t = y[i];
-        for (int j = i + 1; j < w; ++j) t = std::fma(-T(f.at(i, j)), y[j], t);
-        y[i] = t / T(f.at(i, i));
+        X t = y[i];
+#pragma GCC unroll 6
+        for (int j = i + 1; j < w; ++j) t = fmadd(-f(i, j), y[j], t);
+        y[i] = t / f(i, i);
     }
-    for (int i = 0; i < w; ++i) x.at(i, 0) = y[i];
 }
 
-// Square orders 3 to 6 run the same steps at a fixed order, fully unrolled by the compiler.
+// ---- shapes with constant sizes: heights 3 to 6, widths 3 to the height ----
+inline bool fixedShape(int w, int h) { return h >= 3 && h <= 6 && w >= 3 && w <= h; }
+// Runs f(height, width) with both sizes constants for the fixed shapes, else returns 0.
+template <class F>
+int32_t forShape(int w, int h, F&& f) {
+    return forOrder<3, 6>(h, [&](auto hc) {
+        return forOrder<3, decltype(hc)::value>(w, [&](auto wc) { return f(hc, wc); });
+    });
+}
+
+// ---- one object ----
+// A fixed shape is factored in a local copy, written back whole (as far as it got on a failure,
+// which is what the in-place loop leaves); any other shape in place in the destination, with `v`
+// from the caller's scratch.
+template <int H, int W, class T, class DO, class SO>
+OmkStatus decompFixed(const DO& a, const SO& src) {
+    T m[H][W], v[H];
+#pragma GCC unroll 6
+    for (int i = 0; i < H; ++i)
+#pragma GCC unroll 6
+        for (int j = 0; j < W; ++j) m[i][j] = src.at(i, j);
+    const bool ok = reflectSteps<T>([&](int i, int j) -> T& { return m[i][j]; }, v, W, H);
+#pragma GCC unroll 6
+    for (int i = 0; i < H; ++i)
+#pragma GCC unroll 6
+        for (int j = 0; j < W; ++j) a.at(i, j) = m[i][j];
+    return ok ? omkStsOk : omkStsDivByZero;
+}
+
 template <class T, class DO, class SO>
-OmkStatus decompAny(const DO& a, const SO& src, T* v, int w, int h) {
-    if (w == h) switch (w) {
-        case 3: return decompObject<3, T>(a, src, v, 3, 3);
-        case 4: return decompObject<4, T>(a, src, v, 4, 4);
-        case 5: return decompObject<5, T>(a, src, v, 5, 5);
-        case 6: return decompObject<6, T>(a, src, v, 6, 6);
-        }
-    return decompObject<0, T>(a, src, v, w, h);
+OmkStatus decompObject(const DO& a, const SO& src, T* v, int w, int h) {
+    if (fixedShape(w, h))
+        return forShape(w, h, [&](auto hc, auto wc) { return decompFixed<hc.value, wc.value, T>(a, src); });
+    for (int i = 0; i < h; ++i)
+        for (int j = 0; j < w; ++j) a.at(i, j) = src.at(i, j);
+    return reflectSteps<T>([&](int i, int j) -> T& { return a.at(i, j); }, v, w, h) ? omkStsOk : omkStsDivByZero;
 }
 
+// The right-hand side is copied into `y` (height elements) before the solution is written.
 template <class T, class XO, class FO, class BO>
-void solveAny(const XO& x, const FO& f, const BO& b, T* y, int w, int h) {
-    if (w == h) switch (w) {
-        case 3: return solveObject<3, T>(x, f, b, y, 3, 3);
-        case 4: return solveObject<4, T>(x, f, b, y, 4, 4);
-        case 5: return solveObject<5, T>(x, f, b, y, 5, 5);
-        case 6: return solveObject<6, T>(x, f, b, y, 6, 6);
-        }
-    solveObject<0, T>(x, f, b, y, w, h);
+void solveObject(const XO& x, const FO& f, const BO& b, T* y, int w, int h) {
+    // Sizes as std::integral_constant for the fixed shapes, so that each shape's loops unroll.
+    auto run = [&](auto wc, auto hc) {
+        for (int i = 0; i < int(hc); ++i) y[i] = b.at(i, 0);
+        applySteps<T>([&](int i, int j) { return T(f.at(i, j)); }, y, int(wc), int(hc));
+        for (int i = 0; i < int(wc); ++i) x.at(i, 0) = y[i];
+        return 0;
+    };
+    if (fixedShape(w, h)) forShape(w, h, [&](auto hc, auto wc) { return run(wc, hc); });
+    else run(w, h);
 }
+
+// ---- blocks of objects with packed rows ----
+// The whole block is read before any of it is written; false, with nothing written, when a column
+// of an object is negligible (the per-object path then takes the block, and stops where it fails).
+template <int H, int W, class T, class Dst, class Src>
+[[gnu::flatten]] bool decompBlock(const Dst& dst, const Src& src) {
+    using X = typename BlockLanes<T>::X;
+    X m[H][W], v[H];
+    const auto in = copyObjects<T>(src);
+#pragma GCC unroll 6
+    for (int i = 0; i < H; ++i) rowLanes<true, W>(m[i], [&](int q, int r) { return in.o[q].row(r); }, i);
+    if (!reflectSteps<X>([&](int i, int j) -> X& { return m[i][j]; }, v, W, H)) return false;
+    const auto out = copyObjects<T>(dst);
+#pragma GCC unroll 6
+    for (int i = 0; i < H; ++i) rowLanes<false, W>(m[i], [&](int q, int r) { return out.o[q].row(r); }, i);
+    return true;
+}
+
+// The factor of a fixed shape for solve::solveBlocks: height right-hand side elements in their own
+// order, width solution elements.
+template <int H, int W, class T>
+struct BlockFactor {
+    static constexpr int kRows = H, kCols = W;
+    template <class V, class Row, class Piv>
+    static void loadLanes(V (&f)[H][W], const Row& row, const Piv&) {
+#pragma GCC unroll 6
+        for (int i = 0; i < H; ++i) rowLanes<true, W>(f[i], [&](int q, int) { return row(q, i); }, i);
+    }
+    static int rhsRow(solve::NoPivots::Tag, int i) { return i; }
+    template <class V>
+    static void steps(const V (&f)[H][W], V (&y)[H]) {
+        applySteps<V>([&](int i, int j) { return f[i][j]; }, y, W, H);
+    }
+};
 
 // ---- exported forms ----
 // Arrays run on the calling thread with the caller's buffer, or over the driver with `height`
@@ -161,8 +240,16 @@ OmkStatus qrDecomp(const D& d, const A& a, const B& buffer, const Dims& dims) {
             constexpr bool P = decltype(packed)::value;
             const D ds = d.from(first);
             const A as = a.from(first);
-            for (int32_t k = 0; k < cnt; ++k)
-                if (const OmkStatus st = decompAny<T>(objectOf<P>(ds, k), objectOf<P>(as, k), v, s.width, s.height))
+            int32_t k = 0;
+            if constexpr (P)
+                k = forShape(s.width, s.height, [&](auto hc, auto wc) {
+                    return blockRun<T>(cnt, [&](int32_t k0) {
+                        return decompBlock<hc.value, wc.value, T>([&](int q) { return objectOf<P>(ds, k0 + q); },
+                                                                  [&](int q) { return objectOf<P>(as, k0 + q); });
+                    });
+                });
+            for (; k < cnt; ++k)
+                if (const OmkStatus st = decompObject<T>(objectOf<P>(ds, k), objectOf<P>(as, k), v, s.width, s.height))
                     return st;
             return omkStsOk;
         }, d, a);
@@ -182,8 +269,15 @@ OmkStatus qrBackSubst(const X& x, const A& a, const B& buffer, const V& b, const
             const X xs = x.from(first);
             const A as = a.from(first);
             const V bs = b.from(first);
-            for (int32_t k = 0; k < cnt; ++k)
-                solveAny<T>(objectOf<P>(xs, k), objectOf<P>(as, k), objectOf<P>(bs, k), y, s.width, s.height);
+            int32_t k = 0;
+            if constexpr (P)
+                if (X::kArray)
+                    k = forShape(s.width, s.height, [&](auto hc, auto wc) {
+                        return solve::solveBlocks<BlockFactor<hc.value, wc.value, T>, T>(xs, as, solve::NoPivots{}, bs,
+                                                                                          cnt);
+                    });
+            for (; k < cnt; ++k)
+                solveObject<T>(objectOf<P>(xs, k), objectOf<P>(as, k), objectOf<P>(bs, k), y, s.width, s.height);
             return omkStsOk;
         }, x, a, b);
     });

@@ -60,45 +60,48 @@ void solveSystems(const X& x, const A& a, const I& p, const B& b, int n, int32_t
 // Blocks of systems side by side, one per lane (frame/object_lanes.h), for arrays of vectors whose
 // views all have packed columns: the factor of each lane's own matrix (mava) or the one factor in
 // every lane (mva), the right-hand sides gathered in the factor's row order, the solutions
-// scattered back. Factor<N, T> gives the factor's rows (loadLanes), the right-hand side's row order
-// (rhsRow) and the steps, the same as for one system. Every right-hand side of a block is read
-// before any solution is written. Returns how many systems it did: the whole blocks of orders 3
-// to 6 among 0 ... count-1.
+// scattered back. F gives the factor's shape (kRows right-hand side elements, kCols solution
+// elements), its rows (loadLanes), the right-hand side's row order (rhsRow) and the steps, the same
+// as for one system. Every right-hand side of a block is read before any solution is written.
+// Returns how many systems it did: the whole blocks among 0 ... count-1.
+template <class F, class T, class X, class A, class I, class B>
+int32_t solveBlocks(const X& x, const A& a, const I& piv, const B& b, int32_t count) {
+    using V = typename BlockLanes<T>::X;
+    constexpr int W = BlockLanes<T>::W, R = F::kRows, C = F::kCols;
+    V f[R][C];
+    auto pivOf = [&](int32_t k) { return piv.obj(A::kArray ? k : 0); };
+    auto load = [&](int32_t k) {
+        const auto as = copyObjects<T>([&](int q) { return objectOf<true>(a, A::kArray ? k + q : 0); });
+        F::loadLanes(f, [&](int q, int r) { return as.o[q].row(r); }, [&](int q) { return pivOf(k + q); });
+    };
+    if constexpr (!A::kArray) load(0);
+    return blockRun<T>(count, [&](int32_t k) {
+        if constexpr (A::kArray) load(k);
+        alignas(32) T lanes[R][W];
+        for (int q = 0; q < W; ++q) {
+            const auto bq = objectOf<true>(b, k + q);
+            const auto pq = pivOf(k + q);
+#pragma GCC unroll 6
+            for (int i = 0; i < R; ++i) lanes[i][q] = bq.at(F::rhsRow(pq, i), 0);
+        }
+        V v[R];
+        std::memcpy(v, lanes, sizeof v);
+        F::steps(f, v);
+        std::memcpy(lanes, v, sizeof v);
+        for (int q = 0; q < W; ++q) {
+            const auto xq = objectOf<true>(x, k + q);
+#pragma GCC unroll 6
+            for (int i = 0; i < C; ++i) xq.at(i, 0) = lanes[i][q];
+        }
+        return true;
+    });
+}
+
+// solveBlocks for square factors of orders 3 to 6, Factor<N, T>; 0 systems done for other orders.
 template <template <int, class> class Factor, class T, class X, class A, class I, class B>
 int32_t solveLanes(const X& x, const A& a, const I& piv, const B& b, int n, int32_t count) {
-    using V = typename BlockLanes<T>::X;
-    constexpr int W = BlockLanes<T>::W;
     return forOrder<3, 6>(n, [&](auto order) {
-        constexpr int N = decltype(order)::value;
-        using F = Factor<N, T>;
-        V f[N][N];
-        auto pivOf = [&](int32_t k) { return piv.obj(A::kArray ? k : 0); };
-        auto load = [&](int32_t k) {
-            const auto as = copyObjects<T>([&](int q) { return objectOf<true>(a, A::kArray ? k + q : 0); });
-            F::loadLanes(f, [&](int q, int r) { return as.o[q].row(r); }, [&](int q) { return pivOf(k + q); });
-        };
-        if constexpr (!A::kArray) load(0);
-        int32_t k = 0;
-        for (; k + W <= count; k += W) {
-            if constexpr (A::kArray) load(k);
-            alignas(32) T lanes[N][W];
-            for (int q = 0; q < W; ++q) {
-                const auto bq = objectOf<true>(b, k + q);
-                const auto pq = pivOf(k + q);
-#pragma GCC unroll 6
-                for (int i = 0; i < N; ++i) lanes[i][q] = bq.at(F::rhsRow(pq, i), 0);
-            }
-            V v[N];
-            std::memcpy(v, lanes, sizeof v);
-            F::steps(f, v);
-            std::memcpy(lanes, v, sizeof v);
-            for (int q = 0; q < W; ++q) {
-                const auto xq = objectOf<true>(x, k + q);
-#pragma GCC unroll 6
-                for (int i = 0; i < N; ++i) xq.at(i, 0) = lanes[i][q];
-            }
-        }
-        return k;
+        return solveBlocks<Factor<decltype(order)::value, T>, T>(x, a, piv, b, count);
     });
 }
 
