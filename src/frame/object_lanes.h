@@ -78,6 +78,21 @@ inline double laneSqrt(double x) { return std::sqrt(x); }
 inline Block8f laneSqrt(Block8f x) { return BlockLanes<float>::sqrt(x); }
 inline Block4d laneSqrt(Block4d x) { return BlockLanes<double>::sqrt(x); }
 
+// Two blocks taken as one value: a body run over Twin<X> carries two independent instruction
+// streams, so that the long-latency chain of one block (square roots, divisions) overlaps the
+// other's. Each half takes exactly the operations of its block.
+template <class X> struct Twin {
+    X a, b;
+};
+template <class X> struct LaneTraits<Twin<X>> {
+    using T = typename LaneTraits<X>::T;
+};
+template <class X> Twin<X> operator-(Twin<X> x) { return {-x.a, -x.b}; }
+template <class X> Twin<X> operator*(Twin<X> x, Twin<X> y) { return {x.a * y.a, x.b * y.b}; }
+template <class X> Twin<X> fmadd(Twin<X> x, Twin<X> y, Twin<X> z) { return {fmadd(x.a, y.a, z.a), fmadd(x.b, y.b, z.b)}; }
+template <class X, class S> auto operator<=(Twin<X> x, S s) { return Twin<decltype(x.a <= s)>{x.a <= s, x.b <= s}; }
+template <class M> bool anyLane(Twin<M> m) { return anyLane(m.a) || anyLane(m.b); }
+
 template <class X, int N>
 struct LaneMatrix {
     X v[N][N];

@@ -52,6 +52,7 @@ inline double reciprocalRoot(double d) { return 1.0 / std::sqrt(d); }
 // The same lane by lane: the packed approximation gives every lane the bits of the scalar one.
 inline Block8f reciprocalRoot(Block8f d) { return newtonStep(d, (Block8f)_mm256_rsqrt_ps((__m256)d)); }
 inline Block4d reciprocalRoot(Block4d d) { return 1.0 / BlockLanes<double>::sqrt(d); }
+template <class X> Twin<X> reciprocalRoot(Twin<X> d) { return {reciprocalRoot(d.a), reciprocalRoot(d.b)}; }
 
 // A pivot fails when 0 >= d, so a NaN pivot passes (lane by lane for a block).
 template <class X> auto notPositive(X d) { return d <= typename LaneTraits<X>::T(0); }
@@ -141,13 +142,50 @@ template <int N, class T, class Dst, class Src>
     return true;
 }
 
-// Decompositions of orders 3 to 6 of the whole blocks among objects 0 ... count-1; stops before a
-// block that holds a failing matrix. Returns how many objects it did.
+// Two blocks at once, objects 0 ... 2W-1 of dst and src, through Twin: the same as decompBlock on
+// each, but false, with nothing written, when either block holds a failing matrix.
+template <int N, class T, class Dst, class Src>
+[[gnu::flatten]] bool decompTwinBlock(const Dst& dst, const Src& src) {
+    using X = typename BlockLanes<T>::X;
+    constexpr int W = BlockLanes<T>::W;
+    X m0[N][N], m1[N][N];
+    const auto in0 = copyObjects<T>(src);
+    const auto in1 = copyObjects<T>([&](int q) { return src(q + W); });
+    lowerLanes<true, N>(m0, [&](int q, int r) { return in0.o[q].row(r); });
+    lowerLanes<true, N>(m1, [&](int q, int r) { return in1.o[q].row(r); });
+    Twin<X> m[N][N];
+#pragma GCC unroll 6
+    for (int i = 0; i < N; ++i)
+#pragma GCC unroll 6
+        for (int j = 0; j <= i; ++j) m[i][j] = {m0[i][j], m1[i][j]};
+    if (!factorSteps<N>(m, [](int) {})) return false;
+#pragma GCC unroll 6
+    for (int i = 0; i < N; ++i)
+#pragma GCC unroll 6
+        for (int j = 0; j <= i; ++j) m0[i][j] = m[i][j].a, m1[i][j] = m[i][j].b;
+    const auto out0 = copyObjects<T>(dst);
+    const auto out1 = copyObjects<T>([&](int q) { return dst(q + W); });
+    lowerLanes<false, N>(m0, [&](int q, int r) { return out0.o[q].row(r); });
+    lowerLanes<false, N>(m1, [&](int q, int r) { return out1.o[q].row(r); });
+    return true;
+}
+
+// Decompositions of orders 3 to 6 of the whole blocks among objects 0 ... count-1 (orders 3 and 4
+// two blocks at a time while both pass), then block by block; stops before a block that holds a failing matrix.
+// Returns how many objects it did.
 template <class T, class Dst, class Src>
 int32_t decompLanes(const Dst& dst, const Src& src, int n, int32_t count) {
-    return wholeBlocks<3, 6, T>(n, count, [&](auto order, int32_t k) {
-        return decompBlock<decltype(order)::value, T>([&](int q) { return dst(k + q); },
-                                                      [&](int q) { return src(k + q); });
+    constexpr int W = BlockLanes<T>::W;
+    return forOrder<3, 6>(n, [&](auto order) {
+        constexpr int N = decltype(order)::value;
+        int32_t k = 0;
+        if constexpr (N <= 4)  // larger orders gain nothing from it
+            for (; k + 2 * W <= count; k += 2 * W)
+                if (!decompTwinBlock<N, T>([&](int q) { return dst(k + q); }, [&](int q) { return src(k + q); }))
+                    break;
+        return k + blockRun<T>(count - k, [&](int32_t b) {
+            return decompBlock<N, T>([&](int q) { return dst(k + b + q); }, [&](int q) { return src(k + b + q); });
+        });
     });
 }
 
