@@ -88,10 +88,24 @@ template <class X> struct LaneTraits<Twin<X>> {
     using T = typename LaneTraits<X>::T;
 };
 template <class X> Twin<X> operator-(Twin<X> x) { return {-x.a, -x.b}; }
+template <class X> Twin<X> operator+(Twin<X> x, Twin<X> y) { return {x.a + y.a, x.b + y.b}; }
 template <class X> Twin<X> operator*(Twin<X> x, Twin<X> y) { return {x.a * y.a, x.b * y.b}; }
+template <class X> Twin<X> operator/(Twin<X> x, Twin<X> y) { return {x.a / y.a, x.b / y.b}; }
+// With one element of the lane type on either side.
+template <class X> Twin<X> operator+(Twin<X> x, typename LaneTraits<X>::T s) { return {x.a + s, x.b + s}; }
+template <class X> Twin<X> operator/(typename LaneTraits<X>::T s, Twin<X> y) { return {s / y.a, s / y.b}; }
 template <class X> Twin<X> fmadd(Twin<X> x, Twin<X> y, Twin<X> z) { return {fmadd(x.a, y.a, z.a), fmadd(x.b, y.b, z.b)}; }
 template <class X, class S> auto operator<=(Twin<X> x, S s) { return Twin<decltype(x.a <= s)>{x.a <= s, x.b <= s}; }
+template <class X, class S> auto operator<(Twin<X> x, S s) { return Twin<decltype(x.a < s)>{x.a < s, x.b < s}; }
+template <class X, class S> auto operator>(Twin<X> x, S s) { return Twin<decltype(x.a > s)>{x.a > s, x.b > s}; }
 template <class M> bool anyLane(Twin<M> m) { return anyLane(m.a) || anyLane(m.b); }
+template <class X> Twin<X> laneAbs(Twin<X> x) { return {laneAbs(x.a), laneAbs(x.b)}; }
+template <class X> Twin<X> laneSqrt(Twin<X> x) { return {laneSqrt(x.a), laneSqrt(x.b)}; }
+// m ? x : y lane by lane, for one element (a bool), a block (its mask) or two blocks.
+template <class M, class X> X laneSelect(M m, X x, X y) { return m ? x : y; }
+template <class M, class X> Twin<X> laneSelect(Twin<M> m, Twin<X> x, Twin<X> y) {
+    return {laneSelect(m.a, x.a, y.a), laneSelect(m.b, x.b, y.b)};
+}
 
 template <class X, int N>
 struct LaneMatrix {

@@ -74,7 +74,7 @@ template <class X, class A>
         if (anyLane(laneAbs(s) < kEps<T>)) return false;
         const X akk = a(k, k);
         const X root = laneSqrt(s);
-        const X alpha = akk > T(0) ? root : -root;
+        const X alpha = laneSelect(akk > T(0), root, -root);
         const X q = T(1) / (akk + alpha);
         v[k] = X{} + T(1);
 #pragma GCC unroll 6
@@ -207,6 +207,40 @@ template <int H, int W, class T, class Dst, class Src>
     return true;
 }
 
+// Two blocks at once, objects 0 ... 2W-1, through Twin: the same as decompBlock on each, but false,
+// with nothing written, when either block has a negligible column.
+template <int H, int W, class T, class Dst, class Src>
+[[gnu::flatten]] bool decompTwinBlock(const Dst& dst, const Src& src) {
+    using X = typename BlockLanes<T>::X;
+    constexpr int L = BlockLanes<T>::W;
+    X m0[H][W], m1[H][W];
+    const auto in0 = copyObjects<T>(src);
+    const auto in1 = copyObjects<T>([&](int q) { return src(q + L); });
+#pragma GCC unroll 6
+    for (int i = 0; i < H; ++i) {
+        rowLanes<true, W>(m0[i], [&](int q, int r) { return in0.o[q].row(r); }, i);
+        rowLanes<true, W>(m1[i], [&](int q, int r) { return in1.o[q].row(r); }, i);
+    }
+    Twin<X> m[H][W], v[H];
+#pragma GCC unroll 6
+    for (int i = 0; i < H; ++i)
+#pragma GCC unroll 6
+        for (int j = 0; j < W; ++j) m[i][j] = {m0[i][j], m1[i][j]};
+    if (!reflectSteps<Twin<X>>([&](int i, int j) -> Twin<X>& { return m[i][j]; }, v, W, H)) return false;
+#pragma GCC unroll 6
+    for (int i = 0; i < H; ++i)
+#pragma GCC unroll 6
+        for (int j = 0; j < W; ++j) m0[i][j] = m[i][j].a, m1[i][j] = m[i][j].b;
+    const auto out0 = copyObjects<T>(dst);
+    const auto out1 = copyObjects<T>([&](int q) { return dst(q + L); });
+#pragma GCC unroll 6
+    for (int i = 0; i < H; ++i) {
+        rowLanes<false, W>(m0[i], [&](int q, int r) { return out0.o[q].row(r); }, i);
+        rowLanes<false, W>(m1[i], [&](int q, int r) { return out1.o[q].row(r); }, i);
+    }
+    return true;
+}
+
 // The factor of a fixed shape for solve::solveBlocks: height right-hand side elements in their own
 // order, width solution elements.
 template <int H, int W, class T>
@@ -243,9 +277,15 @@ OmkStatus qrDecomp(const D& d, const A& a, const B& buffer, const Dims& dims) {
             int32_t k = 0;
             if constexpr (P)
                 k = forShape(s.width, s.height, [&](auto hc, auto wc) {
-                    return blockRun<T>(cnt, [&](int32_t k0) {
-                        return decompBlock<hc.value, wc.value, T>([&](int q) { return objectOf<P>(ds, k0 + q); },
-                                                                  [&](int q) { return objectOf<P>(as, k0 + q); });
+                    constexpr int L = BlockLanes<T>::W;
+                    int32_t k1 = 0;
+                    for (; k1 + 2 * L <= cnt; k1 += 2 * L)
+                        if (!decompTwinBlock<hc.value, wc.value, T>([&](int q) { return objectOf<P>(ds, k1 + q); },
+                                                                    [&](int q) { return objectOf<P>(as, k1 + q); }))
+                            break;
+                    return k1 + blockRun<T>(cnt - k1, [&](int32_t k0) {
+                        return decompBlock<hc.value, wc.value, T>([&](int q) { return objectOf<P>(ds, k1 + k0 + q); },
+                                                                  [&](int q) { return objectOf<P>(as, k1 + k0 + q); });
                     });
                 });
             for (; k < cnt; ++k)
