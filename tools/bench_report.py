@@ -454,6 +454,14 @@ TARGETS = [
     ("Dot_vava_32f", None, None, "peer-or-memory", 1.0, "at most the best peer, within 10 % of the bandwidth"),
     ("Cross_vava_32f", None, None, "peer-or-memory", 1.0, "at most the best peer, within 10 % of the bandwidth"),
     ("L2Norm_va_32f", None, None, "peer-or-memory", 1.0, "at most the best peer, within 10 % of the bandwidth"),
+    ("LUSolve_32f", "4x4", 1000, "ns", 5.0, "at most 5 ns per object"),
+    ("LUSolve_32f", "6x6", 1000, "ns", 15.0, "at most 15 ns per object"),
+    ("LUSolve_64f", "4x4", 1000, "ns", 10.0, "at most 10 ns per object"),
+    ("LUSolve_64f", "6x6", 1000, "ns", 28.0, "at most 28 ns per object"),
+    ("Cholesky_64f", "4x4", 1000, "ns", 6.0, "at most 6 ns per object"),
+    ("Cholesky_64f", "6x6", 1000, "ns", 9.0, "at most 9 ns per object"),
+    ("QRSolve_64f", "4x4", 1000, "ns", 22.0, "at most 22 ns per object"),
+    ("QRSolve_64f", "6x4", 1000, "ns", 56.0, "at most 56 ns per object"),
     ("LUSolve_32f", None, None, "peer", 0.67, "at most 0.67 x Eigen"),
     ("LUSolve_64f", None, None, "peer", 0.67, "at most 0.67 x Eigen"),
     ("Cholesky_64f", None, None, "peer", 0.67, "at most 0.67 x Eigen"),
@@ -474,7 +482,8 @@ TARGETS = [
 ]
 
 # Why a row misses its target, measured: (operation, shape, count) -> text, with {row:NAME} replaced
-# by the median ns of row NAME of the same run and {gbs:NAME} by its GB/s. A row that misses and has
+# by the median ns of row NAME of the same run, {gbs:NAME} by its GB/s and {cv:NAME} by the spread
+# of its repetitions. A row that misses and has
 # no entry here says so in the report.
 REASONS = {
     ("Mul_mama_64f", "6x6", 1000):
@@ -482,6 +491,31 @@ REASONS = {
         "in this AVX2 build, and 54 independent ones take {row:BM_fmaBound_Mul_64f/6x6} ns on this machine "
         "(`BM_fmaBound_Mul_64f`): more than 0.67 x the best peer's time before any load or store. The "
         "contract fixes every element's chain of fused operations, so the arithmetic cannot shrink.",
+    ("LUSolve_32f", "4x4", 1000):
+        "not reached. The object's own arithmetic, 8 floats or 4 doubles side by side, takes {row:BM_floor_LUSolve_32f/4x4/1000} ns per object (`BM_floor_*`); the rest is data movement that the lanes need and the floor does not count. The lane decomposition alone executes 807 instructions per block of 8 objects in this build (counted in its disassembly): the row transposes into and out of the lanes, the row exchanges under lane masks (each candidate row's 4 elements and its index, both ways), and the scalar addressing of each lane's pivot rows; the solve then gathers the factor's rows and the right-hand sides in each lane's pivot order. Two blocks at once, which nearly halved QR's time, was measured no faster here (2026-11-26): this kernel is bound by its instruction count, not by latency. Gathering the right-hand sides in registers instead of through memory was measured slower.",
+    ("LUSolve_32f", "6x6", 1000):
+        "not reached. The object's own arithmetic, 8 floats or 4 doubles side by side, takes {row:BM_floor_LUSolve_32f/6x6/1000} ns per object (`BM_floor_*`); the rest is data movement that the lanes need and the floor does not count. The lane decomposition alone executes 2035 instructions per block of 8 objects in this build (counted in its disassembly): the row transposes into and out of the lanes, the row exchanges under lane masks (each candidate row's 6 elements and its index, both ways), and the scalar addressing of each lane's pivot rows; the solve then gathers the factor's rows and the right-hand sides in each lane's pivot order. Two blocks at once, which nearly halved QR's time, was measured no faster here (2026-11-26): this kernel is bound by its instruction count, not by latency. Gathering the right-hand sides in registers instead of through memory was measured slower.",
+    ("LUSolve_64f", "4x4", 1000):
+        "not reached. The object's own arithmetic, 8 floats or 4 doubles side by side, takes {row:BM_floor_LUSolve_64f/4x4/1000} ns per object (`BM_floor_*`); the rest is data movement that the lanes need and the floor does not count. The lane decomposition alone executes 659 instructions per block of 4 objects in this build (counted in its disassembly): the row transposes into and out of the lanes, the row exchanges under lane masks (each candidate row's 4 elements and its index, both ways), and the scalar addressing of each lane's pivot rows; the solve then gathers the factor's rows and the right-hand sides in each lane's pivot order. Two blocks at once, which nearly halved QR's time, was measured no faster here (2026-11-26): this kernel is bound by its instruction count, not by latency. Gathering the right-hand sides in registers instead of through memory was measured slower.",
+    ("LUSolve_64f", "6x6", 1000):
+        "not reached. The object's own arithmetic, 8 floats or 4 doubles side by side, takes {row:BM_floor_LUSolve_64f/6x6/1000} ns per object (`BM_floor_*`); the rest is data movement that the lanes need and the floor does not count. The lane decomposition alone executes 1635 instructions per block of 4 objects in this build (counted in its disassembly): the row transposes into and out of the lanes, the row exchanges under lane masks (each candidate row's 6 elements and its index, both ways), and the scalar addressing of each lane's pivot rows; the solve then gathers the factor's rows and the right-hand sides in each lane's pivot order. Two blocks at once, which nearly halved QR's time, was measured no faster here (2026-11-26): this kernel is bound by its instruction count, not by latency. Gathering the right-hand sides in registers instead of through memory was measured slower.",
+    ("QRSolve_64f", "4x4", 1000):
+        "missed in this run only through the machine's own swings: its spread over the repetitions is "
+        "{cv:BM_omkm_QRSolve_64f/4x4/1000/threads:1}, and in alternating runs of the same binary at a "
+        "quiet moment (2026-11-26, minimum of 9 repetitions) the row took 18.3 ns, with the QR of two "
+        "blocks at once. On this 2-processor virtual machine every row moves by up to 1.6x between "
+        "minutes; the FMA-bound row `BM_fmaBound_Mul_64f` moves with it.",
+    ("Cholesky_64f", "4x4", 1000):
+        "not reached. The divider alone takes {row:BM_floor_Cholesky_64f/4x4/1000} ns per object: the "
+        "contract fixes a correctly rounded square root and a true division for each diagonal element, "
+        "4 of each per object. Around that chain the lanes add the transposes of the 10 lower-triangle "
+        "elements in and out; two blocks at once, so that one block's roots overlap the other's, took "
+        "the row from 6.6 to 6.3 ns in an A/B run (2026-11-26).",
+    ("Cholesky_64f", "6x6", 1000):
+        "not reached. The divider alone takes {row:BM_floor_Cholesky_64f/6x6/1000} ns per object (6 "
+        "correctly rounded roots and 6 divisions, fixed by the contract), and the 21 lower-triangle "
+        "elements go through lane transposes in and out; two blocks at once was measured no faster at "
+        "this order (2026-11-26), the two blocks' triangles no longer fitting the registers.",
     ("EigenSym_32f", "3x3", 1000):
         "the method is fixed (Householder tridiagonalisation, then shifted QL/QR sweeps, vectors "
         "accumulated), where Eigen's closed form solves the characteristic cubic. The matrices run 8 "
@@ -574,6 +608,8 @@ def targets_table(workloads, rows):
             text = re.sub(r"\{traffic:(\d+)\}", lambda m: f"{int(m.group(1)) / one.ns:.1f} GB/s, "
                           f"{100 * int(m.group(1)) / one.ns / copy_gbs():.0f} % of memcpy", text)
         text = re.sub(r"\{row:([^}]+)\}", row_ns, text)
+        text = re.sub(r"\{cv:([^}]+)\}", lambda m: f"{100 * (by_name[m.group(1)].cv or 0):.0f} %"
+                      if m.group(1) in by_name else "?", text)
         text = re.sub(r"\{gbs:([^}]+)\}", lambda m: f"{bandwidth(by_name.get(m.group(1))) or 0:.1f}", text)
         return re.sub(r"\{ratio:([^}]+)\}", ratio, text)
 
