@@ -120,11 +120,11 @@ struct LaneMatrix {
 template <int M> __m128 loadRun(const float* p) {
     if constexpr (M == 4) return _mm_loadu_ps(p);
     else if constexpr (M == 3) return _mm_maskload_ps(p, _mm_setr_epi32(-1, -1, -1, 0));
-    else if constexpr (M == 2) {
-        double two;  // two floats as one 8-byte word (memcpy: the floats need not be 8-byte aligned)
-        std::memcpy(&two, p, sizeof two);
-        return _mm_castpd_ps(_mm_set_sd(two));
-    }
+    // Two floats as one 8-byte load into the low half of a register whose upper half is left
+    // undefined (those lanes are never used; no alignment needed, the intrinsic's pointer type may
+    // alias). A load that zeroes the upper half made the compiler emit a register form of vmovq
+    // that Valgrind does not decode.
+    else if constexpr (M == 2) return _mm_loadl_pi(_mm_undefined_ps(), reinterpret_cast<const __m64*>(p));
     else return _mm_load_ss(p);
 }
 template <int M> void storeRun(float* p, __m128 v) {
