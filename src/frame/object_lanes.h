@@ -120,11 +120,14 @@ struct LaneMatrix {
 template <int M> __m128 loadRun(const float* p) {
     if constexpr (M == 4) return _mm_loadu_ps(p);
     else if constexpr (M == 3) return _mm_maskload_ps(p, _mm_setr_epi32(-1, -1, -1, 0));
-    // Two floats as one 8-byte load into the low half of a register whose upper half is left
-    // undefined (those lanes are never used; no alignment needed, the intrinsic's pointer type may
-    // alias). A load that zeroes the upper half made the compiler emit a register form of vmovq
-    // that Valgrind does not decode.
-    else if constexpr (M == 2) return _mm_loadl_pi(_mm_undefined_ps(), reinterpret_cast<const __m64*>(p));
+    // Two floats by vmovsd from memory (upper half zero), written as the instruction itself: the
+    // compiler's own forms of this load either read an undefined register (which GCC 12 warns
+    // about) or may become a register-to-register vmovq, which Valgrind does not decode.
+    else if constexpr (M == 2) {
+        __m128 v;
+        asm("vmovsd %1, %0" : "=x"(v) : "m"(*reinterpret_cast<const char(*)[8]>(p)));
+        return v;
+    }
     else return _mm_load_ss(p);
 }
 template <int M> void storeRun(float* p, __m128 v) {
@@ -232,6 +235,45 @@ auto copyObjects(const Obj& obj) {
     return b;
 }
 
+// One block of objects obj(0) ... obj(W-1) (B = 1), or two, obj(0) ... obj(2W-1), taken as one
+// Twin value (B = 2). load runs fill(part, objects) once per block, part an array of X shaped like
+// m, and joins the parts into m; store splits m into parts and runs put(part, objects) per block.
+template <class T, int B>
+struct BlockSet {
+    using X = typename BlockLanes<T>::X;
+    using V = std::conditional_t<B == 2, Twin<X>, X>;
+    static constexpr int W = BlockLanes<T>::W;
+
+    template <int R, int C, class Obj, class Fill>
+    static void load(V (&m)[R][C], const Obj& obj, const Fill& fill) {
+        if constexpr (B == 1) {
+            fill(m, copyObjects<T>(obj));
+        } else {
+            X p[2][R][C] = {};
+            fill(p[0], copyObjects<T>(obj));
+            fill(p[1], copyObjects<T>([&](int q) { return obj(q + W); }));
+#pragma GCC unroll 8
+            for (int i = 0; i < R; ++i)
+#pragma GCC unroll 8
+                for (int j = 0; j < C; ++j) m[i][j] = {p[0][i][j], p[1][i][j]};
+        }
+    }
+    template <int R, int C, class Obj, class Put>
+    static void store(V (&m)[R][C], const Obj& obj, const Put& put) {
+        if constexpr (B == 1) {
+            put(m, copyObjects<T>(obj));
+        } else {
+            X p[2][R][C];
+#pragma GCC unroll 8
+            for (int i = 0; i < R; ++i)
+#pragma GCC unroll 8
+                for (int j = 0; j < C; ++j) p[0][i][j] = m[i][j].a, p[1][i][j] = m[i][j].b;
+            put(p[0], copyObjects<T>(obj));
+            put(p[1], copyObjects<T>([&](int q) { return obj(q + W); }));
+        }
+    }
+};
+
 // Runs blocks(order) with the order as a constant for the orders Lo ... Hi, else returns 0.
 template <int Lo, int Hi, class F>
 int32_t forOrder(int n, F&& blocks) {
@@ -252,6 +294,19 @@ int32_t blockRun(int32_t count, Block&& block) {
     for (; k + W <= count; k += W)
         if (!block(k)) break;
     return k;
+}
+
+// Runs run(blocks, k) over the whole blocks among `count` objects: with Pairs, two blocks at a time
+// (blocks = integral constant 2, objects k ... k+2W-1) while both pass, then one at a time
+// (blocks = 1); stops before the first block that does not pass. Returns how many objects it did.
+template <class T, bool Pairs, class Run>
+int32_t blockSetRun(int32_t count, Run&& run) {
+    constexpr int W = BlockLanes<T>::W;
+    int32_t k = 0;
+    if constexpr (Pairs)
+        for (; k + 2 * W <= count; k += 2 * W)
+            if (!run(std::integral_constant<int, 2>{}, k)) break;
+    return k + blockRun<T>(count - k, [&](int32_t b) { return run(std::integral_constant<int, 1>{}, k + b); });
 }
 
 // blockRun with block(order, k), the order a constant for the orders Lo ... Hi (0 objects done for

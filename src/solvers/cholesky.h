@@ -128,63 +128,36 @@ OmkStatus decompFixed(const DO& l, const SO& a) {
     return ok ? omkStsOk : omkStsNotPosDefinite;
 }
 
-// A block of objects with packed rows, dst(q) and src(q) of object q: the whole block is read
-// before any of it is written; false, with nothing written, when an object of the block has a
-// pivot that is not positive (the per-object path then takes the block, and stops where it fails).
-template <int N, class T, class Dst, class Src>
-[[gnu::flatten]] bool decompBlock(const Dst& dst, const Src& src) {
-    typename BlockLanes<T>::X m[N][N];
-    const auto in = copyObjects<T>(src);
-    lowerLanes<true, N>(m, [&](int q, int r) { return in.o[q].row(r); });
+// One block (B = 1) or two (B = 2) of objects with packed rows, dst(q) and src(q) of object q:
+// every block is read before any of it is written; false, with nothing written, when an object has
+// a pivot that is not positive (the per-object path then takes the blocks, and stops where it fails).
+template <int N, class T, int B, class Dst, class Src>
+[[gnu::flatten]] bool decompBlocks(const Dst& dst, const Src& src) {
+    using S = BlockSet<T, B>;
+    typename S::V m[N][N];
+    S::load(m, src, [](auto& part, const auto& in) {
+        lowerLanes<true, N>(part, [&](int q, int r) { return in.o[q].row(r); });
+    });
     if (!factorSteps<N>(m, [](int) {})) return false;
-    const auto out = copyObjects<T>(dst);
-    lowerLanes<false, N>(m, [&](int q, int r) { return out.o[q].row(r); });
+    S::store(m, dst, [](auto& part, const auto& out) {
+        lowerLanes<false, N>(part, [&](int q, int r) { return out.o[q].row(r); });
+    });
     return true;
 }
 
-// Two blocks at once, objects 0 ... 2W-1 of dst and src, through Twin: the same as decompBlock on
-// each, but false, with nothing written, when either block holds a failing matrix.
-template <int N, class T, class Dst, class Src>
-[[gnu::flatten]] bool decompTwinBlock(const Dst& dst, const Src& src) {
-    using X = typename BlockLanes<T>::X;
-    constexpr int W = BlockLanes<T>::W;
-    X m0[N][N], m1[N][N];
-    const auto in0 = copyObjects<T>(src);
-    const auto in1 = copyObjects<T>([&](int q) { return src(q + W); });
-    lowerLanes<true, N>(m0, [&](int q, int r) { return in0.o[q].row(r); });
-    lowerLanes<true, N>(m1, [&](int q, int r) { return in1.o[q].row(r); });
-    Twin<X> m[N][N];
-#pragma GCC unroll 6
-    for (int i = 0; i < N; ++i)
-#pragma GCC unroll 6
-        for (int j = 0; j <= i; ++j) m[i][j] = {m0[i][j], m1[i][j]};
-    if (!factorSteps<N>(m, [](int) {})) return false;
-#pragma GCC unroll 6
-    for (int i = 0; i < N; ++i)
-#pragma GCC unroll 6
-        for (int j = 0; j <= i; ++j) m0[i][j] = m[i][j].a, m1[i][j] = m[i][j].b;
-    const auto out0 = copyObjects<T>(dst);
-    const auto out1 = copyObjects<T>([&](int q) { return dst(q + W); });
-    lowerLanes<false, N>(m0, [&](int q, int r) { return out0.o[q].row(r); });
-    lowerLanes<false, N>(m1, [&](int q, int r) { return out1.o[q].row(r); });
-    return true;
-}
+// Orders that run two blocks at a time, so that one block's roots and divisions overlap the
+// other's: 3 and 4 gain from it; 5 and 6 measured none (their chains already overlap within a block).
+template <int N> constexpr bool kTwoBlocks = N <= 4;
 
-// Decompositions of orders 3 to 6 of the whole blocks among objects 0 ... count-1 (orders 3 and 4
-// two blocks at a time while both pass), then block by block; stops before a block that holds a failing matrix.
-// Returns how many objects it did.
+// Decompositions of orders 3 to 6 of the whole blocks among objects 0 ... count-1; stops before
+// blocks that hold a failing matrix. Returns how many objects it did.
 template <class T, class Dst, class Src>
 int32_t decompLanes(const Dst& dst, const Src& src, int n, int32_t count) {
-    constexpr int W = BlockLanes<T>::W;
     return forOrder<3, 6>(n, [&](auto order) {
         constexpr int N = decltype(order)::value;
-        int32_t k = 0;
-        if constexpr (N <= 4)  // larger orders gain nothing from it
-            for (; k + 2 * W <= count; k += 2 * W)
-                if (!decompTwinBlock<N, T>([&](int q) { return dst(k + q); }, [&](int q) { return src(k + q); }))
-                    break;
-        return k + blockRun<T>(count - k, [&](int32_t b) {
-            return decompBlock<N, T>([&](int q) { return dst(k + b + q); }, [&](int q) { return src(k + b + q); });
+        return blockSetRun<T, kTwoBlocks<N>>(count, [&](auto blocks, int32_t k) {
+            return decompBlocks<N, T, blocks.value>([&](int q) { return dst(k + q); },
+                                                    [&](int q) { return src(k + q); });
         });
     });
 }
