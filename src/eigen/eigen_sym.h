@@ -367,7 +367,7 @@ void reverseColumns(X (&Z)[N][N], M where) {
 }
 
 template <int N, class T, bool Vectors, class Src, class Vals, class Zs>
-[[gnu::flatten]] bool eigenBlock(const Src& src, const Vals& vals, const Zs& zs) {
+OMKM_FLATTEN bool eigenBlock(const Src& src, const Vals& vals, const Zs& zs) {
     using L = BlockLanes<T>;
     using X = typename L::X;
     using M = typename L::Mask;

@@ -11,6 +11,16 @@
 
 #include "frame/register_transpose.h"
 
+// Block kernels are each compiled as one function (OMKM_FLATTEN), so that a block's values stay in
+// registers. The sanitizer build defines OMKM_NO_FLATTEN and leaves them as calls: instrumented, the
+// flattened kernels take minutes per file to compile, and the bits are the same either way (every
+// fused operation is explicit and contraction is off).
+#ifdef OMKM_NO_FLATTEN
+#define OMKM_FLATTEN
+#else
+#define OMKM_FLATTEN [[gnu::flatten]]
+#endif
+
 namespace omk {
 
 // Blocks of objects side by side, one object per lane: GCC vector types, whose +, -, *, / and

@@ -132,7 +132,7 @@ OmkStatus decompFixed(const DO& l, const SO& a) {
 // every block is read before any of it is written; false, with nothing written, when an object has
 // a pivot that is not positive (the per-object path then takes the blocks, and stops where it fails).
 template <int N, class T, int B, class Dst, class Src>
-[[gnu::flatten]] bool decompBlocks(const Dst& dst, const Src& src) {
+OMKM_FLATTEN bool decompBlocks(const Dst& dst, const Src& src) {
     using S = BlockSet<T, B>;
     typename S::V m[N][N];
     S::load(m, src, [](auto& part, const auto& in) {

@@ -498,7 +498,7 @@ OmkStatus invertObject(const DO& d, const SO& a, T* w, int n) {
 // One block: objects first ... first + W - 1. Flattened, so that every cofactor is straight-line
 // code over registers.
 template <int N, class T, class Src>
-[[gnu::flatten]] void detBlock(const Src& src, T* out) {
+OMKM_FLATTEN void detBlock(const Src& src, T* out) {
     using X = typename BlockLanes<T>::X;
     const auto a = loadLanes<N, T>(src);
     X d;
@@ -511,7 +511,7 @@ template <int N, class T, class Src>
 // cofactor loops unrolled, so that the compiler computes each smaller determinant the expansions
 // share once: order 6 costs some hundreds of operations per block instead of thousands.
 template <int N, class T, class Dst, class Src>
-[[gnu::flatten]] bool invertBlock(const Dst& dst, const Src& src) {
+OMKM_FLATTEN bool invertBlock(const Dst& dst, const Src& src) {
     using X = typename BlockLanes<T>::X;
     const auto a = loadLanes<N, T>(src);
     X c[N][N];

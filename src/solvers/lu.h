@@ -150,7 +150,7 @@ OmkStatus decompFixed(const DO& lu, const SO& a, int* pOut) {
 // The whole block is read before any of it is written; false, with nothing written, when an object
 // of the block is singular (the per-object path then takes the block, and stops where it fails).
 template <int N, class T, class Dst, class Src, class Piv>
-[[gnu::flatten]] bool decompBlock(const Dst& dst, const Src& src, const Piv& piv) {
+OMKM_FLATTEN bool decompBlock(const Dst& dst, const Src& src, const Piv& piv) {
     using I = typename BlockLanes<T>::Mask;
     auto a = loadLanes<N, T>(src);
     I p[N];

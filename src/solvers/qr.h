@@ -195,7 +195,7 @@ void solveObject(const XO& x, const FO& f, const BO& b, T* y, int w, int h) {
 // nothing written, when a column of an object is negligible (the per-object path then takes the
 // blocks, and stops where it fails).
 template <int H, int W, class T, int B, class Dst, class Src>
-[[gnu::flatten]] bool decompBlocks(const Dst& dst, const Src& src) {
+OMKM_FLATTEN bool decompBlocks(const Dst& dst, const Src& src) {
     using S = BlockSet<T, B>;
     using V = typename S::V;
     V m[H][W], v[H];
