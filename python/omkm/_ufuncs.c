@@ -43,8 +43,6 @@
 #define MAXDIMS 3      /* distinct core dimensions of a signature */
 #define NO_MEMORY 1    /* a run function's status when its scratch could not be allocated */
 #define BLOCK_BYTES (256 * 1024)   /* copies of the copy path, per block of objects */
-/* Work (objects x elements) above which a loop entered with the GIL releases it itself. */
-#define GIL_WORK 4096
 
 /* An operand as the library takes it: pointer and byte strides. s0 == 0 marks one object read for
  * every object of the call (the single-operand members); s1 is the row stride of a matrix, s2 the
@@ -681,9 +679,9 @@ static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps,
          * report its failures. */
         fexcept_t flags;
         fegetexceptflag(&flags, FE_ALL_EXCEPT);
-        PyThreadState* ts = NULL;
+        /* numpy releases the GIL around the loop (its loops here need no C API) once the
+         * problem passes its size threshold, and keeps it for small ones. */
         last_loop_held_gil = PyGILState_Check();
-        if (last_loop_held_gil && N * (o[0].obj / esize) > GIL_WORK) ts = PyEval_SaveThread();
         for (npy_intp k0 = 0; k0 < N && st == 0; k0 += per) {
             npy_intp cnt = N - k0 < per ? N - k0 : per;
             Desc d[MAXOPS];
@@ -719,7 +717,6 @@ static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps,
                     copy_object(args[i] + k * o[i].step, o[i].cs[0], o[i].cs[1], args[i], o[i].cs[0],
                                 o[i].cs[1], o[i].shape[0], o[i].shape[1], esize);
         fesetexceptflag(&flags, FE_ALL_EXCEPT);
-        if (ts) PyEval_RestoreThread(ts);
     }
 
 done:
@@ -743,7 +740,8 @@ static PyObject* gil_state(PyObject* self, PyObject* args)
 
 static PyMethodDef methods[] = {
     {"_last_loop_held_gil", gil_state, METH_NOARGS,
-     "1 if the last inner loop was entered holding the GIL, 0 if numpy had released it, -1 before any."},
+     "1 if the library calls of the last inner loop ran holding the GIL, 0 if numpy had released it, -1 "
+     "before any loop."},
     {NULL, NULL, 0, NULL}};
 
 static struct PyModuleDef moddef = {PyModuleDef_HEAD_INIT, "_ufuncs",
