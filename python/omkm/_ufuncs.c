@@ -138,9 +138,10 @@ static int matvec_##SFX(Desc* d, const int* sz, int count, const char** fname)  
     return E(Mul_mava)((T*)a.p, a.s0, a.s1, a.s2, n, m, (T*)x.p, x.s0, x.s2, n,                      \
                        (T*)y.p, y.s0, y.s2, count);                                                  \
 }                                                                                                    \
-/* The dot product commutes bit for bit (each product a_k*b_k is one rounding, and every rounding  \
- * order of the family is symmetric in a and b), so a single first vector takes the vav member   \
- * with the operands exchanged. */                                                                \
+/* The family has no member with a single first vector: it takes the vav member with the         \
+ * operands exchanged. Each product a_k*b_k is the same rounding either way; for lengths above 6  \
+ * the contiguous kernel's summation blocks follow the second vector's alignment, so the last bit \
+ * can differ from a pairwise call on the same values. */                                        \
 static int vecdot_##SFX(Desc* d, const int* sz, int count, const char** fname)                       \
 {                                                                                                    \
     int n = sz[0];                                                                                   \
