@@ -7,6 +7,9 @@ the fields of structured arrays need no copy. Anything else (negative or zero st
 data, other dtypes) is copied once into a contiguous array of the working type; copy=False makes
 that a ValueError instead. Every function takes out= to write into the caller's array.
 
+omkm.ufuncs holds the same operations as compiled numpy gufuncs (numpy.ufunc objects: out=,
+axes=, broadcasting, dispatch through __array_ufunc__), numpy.linalg's conventions.
+
 The library is found through $OMKM_LIBRARY (the full path of libomkm.so), the package's lib
 directory, the source tree's build directory, then the system loader.
 """
@@ -17,11 +20,12 @@ from ._products import add, cross, dot, matmul, matvec, norm, scale, subtract, t
 from ._linalg import (cho_lower, cho_solve, cholesky, det, eig, eigh, eigvals, eigvalsh, inv,
                       lu_factor, lu_solve, qr, qr_solve, solve)
 from ._graphics import look_at, perspective, transform_points
+from . import ufuncs
 
 __all__ = [
     "add", "subtract", "scale", "matmul", "matvec", "vecmat", "dot", "cross", "norm", "trace",
     "lu_factor", "lu_solve", "solve", "cholesky", "cho_lower", "cho_solve", "qr", "qr_solve",
     "det", "inv", "eigvalsh", "eigh", "eigvals", "eig", "transform_points", "look_at",
-    "perspective", "set_num_threads", "get_num_threads", "library_path", "OmkmError",
+    "perspective", "ufuncs", "set_num_threads", "get_num_threads", "library_path", "OmkmError",
     "SingularMatrixError", "NotPosDefiniteError", "DivByZeroError", "NotConvergedError",
 ]

@@ -10,6 +10,10 @@ import os
 
 import numpy as np
 
+# The statuses and their exceptions live in _errors (no ctypes there); re-exported here.
+from ._errors import (ERRORS as _ERRORS, STATUS_NAMES, DivByZeroError, NotConvergedError,  # noqa: F401
+                      NotPosDefiniteError, OmkmError, SingularMatrixError, raise_status)
+
 _SONAME = "libomkm.so.7"
 _HERE = os.path.dirname(os.path.abspath(__file__))
 
@@ -56,55 +60,6 @@ def _load():
 
 
 lib, core, path = _load()
-
-# ---- statuses ----
-
-STATUS_NAMES = {
-    0: "omkStsOk", -6: "omkStsBadSize", -8: "omkStsNullPtr", -10: "omkStsDivByZero",
-    -182: "omkStsBadStride", -202: "omkStsBadRoiShift", -203: "omkStsBadCount",
-    -204: "omkStsSizeMismatch", -205: "omkStsNotPosDefinite", -206: "omkStsSingular",
-    -207: "omkStsNotConverged",
-}
-
-
-class OmkmError(np.linalg.LinAlgError):
-    """A status other than omkStsOk returned by the library; `.status` holds it."""
-    status = None
-
-    def __init__(self, message, status=None):
-        super().__init__(message)
-        if status is not None:
-            self.status = status
-
-
-class SingularMatrixError(OmkmError):
-    """omkStsSingular (-206): a matrix is singular to the family's threshold."""
-    status = -206
-
-
-class NotPosDefiniteError(OmkmError):
-    """omkStsNotPosDefinite (-205): a Cholesky pivot is not positive."""
-    status = -205
-
-
-class DivByZeroError(OmkmError):
-    """omkStsDivByZero (-10): QR met a column of negligible norm."""
-    status = -10
-
-
-class NotConvergedError(OmkmError):
-    """omkStsNotConverged (-207): an eigenvalue iteration reached its limit."""
-    status = -207
-
-
-_ERRORS = {c.status: c for c in (SingularMatrixError, NotPosDefiniteError, DivByZeroError,
-                                 NotConvergedError)}
-
-
-def raise_status(status, name):
-    cls = _ERRORS.get(status, OmkmError)
-    raise cls(f"{name} returned {STATUS_NAMES.get(status, 'an unknown status')} ({status})", status)
-
 
 # ---- signatures ----
 

@@ -54,7 +54,7 @@ echo "== python3 -c 'import omkm' from the prefix =="
 # build tree's, nor one named by OMKM_LIBRARY), and compute with it.
 if /usr/bin/python3 -c 'import numpy' 2>/dev/null; then
   pydir=$(dirname "$(find "$prefix" -path '*/omkm/__init__.py')")
-  env -u OMKM_LIBRARY PYTHONPATH="$(dirname "$pydir")" PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 - "$prefix" <<'PY'
+  env -u OMKM_LIBRARY -u OMKM_UFUNCS PYTHONPATH="$(dirname "$pydir")" PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 - "$prefix" <<'PY'
 import os, sys
 import numpy as np
 import omkm
@@ -64,6 +64,10 @@ assert os.path.realpath(omkm.library_path).startswith(prefix), omkm.library_path
 a = np.arange(2 * 9, dtype=np.float64).reshape(2, 3, 3)
 assert np.array_equal(omkm.add(a, a), a + a)
 print("omkm", omkm.__file__, "uses", omkm.library_path)
+if os.environ.get("OMKM_EXPECT_UFUNCS") == "1":     # the compiled gufuncs, installed beside the package
+    assert omkm.ufuncs.path and os.path.realpath(omkm.ufuncs.path).startswith(prefix), omkm.ufuncs.path
+    assert np.array_equal(omkm.ufuncs.matmul(a, a), a @ a)
+    print("omkm.ufuncs", omkm.ufuncs.path)
 PY
 else
   echo "numpy is not installed for /usr/bin/python3; skipped"

@@ -1,0 +1,794 @@
+/*
+ * omkm._ufuncs: numpy generalized ufuncs over libomkm, float32 ('f') and float64 ('d') loops.
+ *
+ * Every gufunc comes from one row of OPS (name, core signature, operand roles, one run function
+ * per element type, docstring). One inner loop, `loop`, serves them all:
+ *
+ *   - numpy hands it the number of objects (dimensions[0]), the core sizes, and per operand its
+ *     outer step and core-axis steps in bytes. Steps that are positive multiples of the element
+ *     size and fit an int, on an aligned pointer, are the library's standard description as they
+ *     are (stride0, stride1, stride2): the whole outer loop is one array call (split only where
+ *     k*stride0 would pass 2^31-1, which the library forms in 32 bits).
+ *   - An input whose outer step is 0 (one object broadcast against a stack) goes to the
+ *     single-operand member of the family where it has one (Mul_mma, Mul_mva, CrossProduct_vva,
+ *     LUBackSubst_mva, ...); when every input is such a single object, one object is computed and
+ *     copied to every output object.
+ *   - Any other operand (negative, zero or unaligned steps, too large, or a packed result the
+ *     library writes as consecutive values) goes through a contiguous copy per block of objects,
+ *     the results copied back.
+ *
+ * The library's status ends the loop: the package's LinAlgError subclasses (omkm._errors) are
+ * raised with the status, the export that returned it and, for families whose test is an absolute
+ * threshold, the threshold. A block whose call failed is not copied back and not post-processed
+ * (eigenvalue order, Cholesky diagonal), so an output holds at most what the library wrote.
+ */
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+
+#define NPY_NO_DEPRECATED_API NPY_1_7_API_VERSION
+#include <numpy/arrayobject.h>
+#include <numpy/ufuncobject.h>
+
+#include <limits.h>
+#include <stddef.h>
+#include <fenv.h>
+#include <float.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "omkm.h"
+
+#define MAXOPS 3       /* operands of a gufunc (inputs and outputs) */
+#define MAXDIMS 3      /* distinct core dimensions of a signature */
+#define NO_MEMORY 1    /* a run function's status when its scratch could not be allocated */
+#define BLOCK_BYTES (256 * 1024)   /* copies of the copy path, per block of objects */
+
+/* An operand as the library takes it: pointer and byte strides. s0 == 0 marks one object read for
+ * every object of the call (the single-operand members); s1 is the row stride of a matrix, s2 the
+ * element stride of a matrix row or a vector. */
+typedef struct {
+    char* p;
+    int s0, s1, s2;
+} Desc;
+
+/* sz: the core sizes in signature order. On failure *fname is the export that returned it. */
+typedef int (*RunFn)(Desc* d, const int* sz, int count, const char** fname);
+
+/* Operand flags. */
+enum {
+    SINGLE = 1,     /* an input the family has a single-operand member for */
+    PACKED_CORE = 2,/* the library reads or writes the object as contiguous elements */
+    PACKED = 6      /* ... and consecutive objects (count values one after another) */
+};
+
+typedef struct {
+    const char* name;
+    const char* signature;
+    int nin, nout;
+    int ndim[MAXOPS];          /* core axes per operand (0, 1 or 2) */
+    int dim[MAXOPS][2];        /* which core dimension each core axis is */
+    int flags[MAXOPS];
+    RunFn run32, run64;        /* run64 NULL: a float32 loop only */
+    const char* family;        /* for the error message: which thresholds apply */
+    const char* doc;
+} OpDef;
+
+typedef struct {
+    const OpDef* op;
+    RunFn run;
+    int esize;
+} LoopData;
+
+static PyObject* err_base;     /* omkm._errors.OmkmError */
+static PyObject* err_by_status;/* omkm._errors.ERRORS: status -> class */
+static int last_loop_held_gil = -1;
+
+/* ---- run functions: one per operation and element type ---- */
+
+/* E(Mul_mm) is omkmMul_mm_32f while SFX is 32f. */
+#define E3(name, s) omkm##name##_##s
+#define E2(name, s) E3(name, s)
+#define E(name) E2(name, SFX)
+
+/* Cholesky: the library's factor holds 1/L(i,i) on its diagonal and leaves the strict upper
+ * triangle unwritten; numpy's factor is L with zeros above the diagonal. */
+#define DEFINE_RUNS(T, SFX)                                                                          \
+static int matmul_##SFX(Desc* d, const int* sz, int count, const char** fname)                       \
+{                                                                                                    \
+    int m = sz[0], n = sz[1], p = sz[2];                                                             \
+    Desc a = d[0], b = d[1], c = d[2];                                                               \
+    if (count == 1) {                                                                                \
+        *fname = #SFX "Mul_mm";                                                                      \
+        return E(Mul_mm)((T*)a.p, a.s1, a.s2, n, m, (T*)b.p, b.s1, b.s2, p, n, (T*)c.p, c.s1, c.s2); \
+    }                                                                                                \
+    if (a.s0 == 0) {                                                                                 \
+        *fname = #SFX "Mul_mma";                                                                     \
+        return E(Mul_mma)((T*)a.p, a.s1, a.s2, n, m, (T*)b.p, b.s0, b.s1, b.s2, p, n,                \
+                          (T*)c.p, c.s0, c.s1, c.s2, count);                                         \
+    }                                                                                                \
+    if (b.s0 == 0) {                                                                                 \
+        *fname = #SFX "Mul_mam";                                                                     \
+        return E(Mul_mam)((T*)a.p, a.s0, a.s1, a.s2, n, m, (T*)b.p, b.s1, b.s2, p, n,                \
+                          (T*)c.p, c.s0, c.s1, c.s2, count);                                         \
+    }                                                                                                \
+    *fname = #SFX "Mul_mama";                                                                        \
+    return E(Mul_mama)((T*)a.p, a.s0, a.s1, a.s2, n, m, (T*)b.p, b.s0, b.s1, b.s2, p, n,             \
+                       (T*)c.p, c.s0, c.s1, c.s2, count);                                            \
+}                                                                                                    \
+static int matvec_##SFX(Desc* d, const int* sz, int count, const char** fname)                       \
+{                                                                                                    \
+    int m = sz[0], n = sz[1];                                                                        \
+    Desc a = d[0], x = d[1], y = d[2];                                                               \
+    if (count == 1) {                                                                                \
+        *fname = #SFX "Mul_mv";                                                                      \
+        return E(Mul_mv)((T*)a.p, a.s1, a.s2, n, m, (T*)x.p, x.s2, n, (T*)y.p, y.s2);                \
+    }                                                                                                \
+    if (a.s0 == 0) {                                                                                 \
+        *fname = #SFX "Mul_mva";                                                                     \
+        return E(Mul_mva)((T*)a.p, a.s1, a.s2, n, m, (T*)x.p, x.s0, x.s2, n, (T*)y.p, y.s0, y.s2,    \
+                          count);                                                                    \
+    }                                                                                                \
+    if (x.s0 == 0) {                                                                                 \
+        *fname = #SFX "Mul_mav";                                                                     \
+        return E(Mul_mav)((T*)a.p, a.s0, a.s1, a.s2, n, m, (T*)x.p, x.s2, n, (T*)y.p, y.s0, y.s2,    \
+                          count);                                                                    \
+    }                                                                                                \
+    *fname = #SFX "Mul_mava";                                                                        \
+    return E(Mul_mava)((T*)a.p, a.s0, a.s1, a.s2, n, m, (T*)x.p, x.s0, x.s2, n,                      \
+                       (T*)y.p, y.s0, y.s2, count);                                                  \
+}                                                                                                    \
+/* The family has no member with a single first vector: it takes the vav member with the         \
+ * operands exchanged. Each product a_k*b_k is the same rounding either way; for lengths above 6  \
+ * the contiguous kernel's summation blocks follow the second vector's alignment, so the last bit \
+ * can differ from a pairwise call on the same values. */                                        \
+static int vecdot_##SFX(Desc* d, const int* sz, int count, const char** fname)                       \
+{                                                                                                    \
+    int n = sz[0];                                                                                   \
+    Desc a = d[0], b = d[1];                                                                         \
+    if (count == 1) {                                                                                \
+        *fname = #SFX "DotProduct_vv";                                                               \
+        return E(DotProduct_vv)((T*)a.p, a.s2, (T*)b.p, b.s2, (T*)d[2].p, n);                        \
+    }                                                                                                \
+    if (a.s0 == 0) { Desc t = a; a = b; b = t; }                                                     \
+    if (b.s0 == 0) {                                                                                 \
+        *fname = #SFX "DotProduct_vav";                                                              \
+        return E(DotProduct_vav)((T*)a.p, a.s0, a.s2, (T*)b.p, b.s2, (T*)d[2].p, n, count);          \
+    }                                                                                                \
+    *fname = #SFX "DotProduct_vava";                                                                 \
+    return E(DotProduct_vava)((T*)a.p, a.s0, a.s2, (T*)b.p, b.s0, b.s2, (T*)d[2].p, n, count);       \
+}                                                                                                    \
+static int cross_##SFX(Desc* d, const int* sz, int count, const char** fname)                        \
+{                                                                                                    \
+    (void)sz;                                                                                        \
+    Desc a = d[0], b = d[1], c = d[2];                                                               \
+    if (count == 1) {                                                                                \
+        *fname = #SFX "CrossProduct_vv";                                                             \
+        return E(CrossProduct_vv)((T*)a.p, a.s2, (T*)b.p, b.s2, (T*)c.p, c.s2);                      \
+    }                                                                                                \
+    if (a.s0 == 0) {                                                                                 \
+        *fname = #SFX "CrossProduct_vva";                                                            \
+        return E(CrossProduct_vva)((T*)a.p, a.s2, (T*)b.p, b.s0, b.s2, (T*)c.p, c.s0, c.s2, count);  \
+    }                                                                                                \
+    if (b.s0 == 0) {                                                                                 \
+        *fname = #SFX "CrossProduct_vav";                                                            \
+        return E(CrossProduct_vav)((T*)a.p, a.s0, a.s2, (T*)b.p, b.s2, (T*)c.p, c.s0, c.s2, count);  \
+    }                                                                                                \
+    *fname = #SFX "CrossProduct_vava";                                                               \
+    return E(CrossProduct_vava)((T*)a.p, a.s0, a.s2, (T*)b.p, b.s0, b.s2, (T*)c.p, c.s0, c.s2,       \
+                                count);                                                              \
+}                                                                                                    \
+static int vector_norm_##SFX(Desc* d, const int* sz, int count, const char** fname)                  \
+{                                                                                                    \
+    if (count == 1) {                                                                                \
+        *fname = #SFX "L2Norm_v";                                                                    \
+        return E(L2Norm_v)((T*)d[0].p, d[0].s2, (T*)d[1].p, sz[0]);                                  \
+    }                                                                                                \
+    *fname = #SFX "L2Norm_va";                                                                       \
+    return E(L2Norm_va)((T*)d[0].p, d[0].s0, d[0].s2, (T*)d[1].p, sz[0], count);                     \
+}                                                                                                    \
+static int trace_##SFX(Desc* d, const int* sz, int count, const char** fname)                        \
+{                                                                                                    \
+    if (count == 1) {                                                                                \
+        *fname = #SFX "Trace_m";                                                                     \
+        return E(Trace_m)((T*)d[0].p, d[0].s1, d[0].s2, sz[0], (T*)d[1].p);                          \
+    }                                                                                                \
+    *fname = #SFX "Trace_ma";                                                                        \
+    return E(Trace_ma)((T*)d[0].p, d[0].s0, d[0].s1, d[0].s2, sz[0], (T*)d[1].p, count);             \
+}                                                                                                    \
+/* Det and Invert: n*n elements of scratch followed by n ints (which fit in n elements). */         \
+static int det_##SFX(Desc* d, const int* sz, int count, const char** fname)                          \
+{                                                                                                    \
+    int n = sz[0], st;                                                                               \
+    T* buf = malloc(sizeof(T) * ((size_t)n * n + n));                                                \
+    if (!buf) return NO_MEMORY;                                                                      \
+    if (count == 1) {                                                                                \
+        *fname = #SFX "Det_m";                                                                       \
+        st = E(Det_m)((T*)d[0].p, d[0].s1, d[0].s2, n, buf, (T*)d[1].p);                             \
+    } else {                                                                                         \
+        *fname = #SFX "Det_ma";                                                                      \
+        st = E(Det_ma)((T*)d[0].p, d[0].s0, d[0].s1, d[0].s2, n, buf, (T*)d[1].p, count);            \
+    }                                                                                                \
+    free(buf);                                                                                       \
+    return st;                                                                                       \
+}                                                                                                    \
+static int inv_##SFX(Desc* d, const int* sz, int count, const char** fname)                          \
+{                                                                                                    \
+    int n = sz[0], st;                                                                               \
+    Desc a = d[0], c = d[1];                                                                         \
+    T* buf = malloc(sizeof(T) * ((size_t)n * n + n));                                                \
+    if (!buf) return NO_MEMORY;                                                                      \
+    if (count == 1) {                                                                                \
+        *fname = #SFX "Invert_m";                                                                    \
+        st = E(Invert_m)((T*)a.p, a.s1, a.s2, buf, (T*)c.p, c.s1, c.s2, n);                          \
+    } else {                                                                                         \
+        *fname = #SFX "Invert_ma";                                                                   \
+        st = E(Invert_ma)((T*)a.p, a.s0, a.s1, a.s2, buf, (T*)c.p, c.s0, c.s1, c.s2, n, count);      \
+    }                                                                                                \
+    free(buf);                                                                                       \
+    return st;                                                                                       \
+}                                                                                                    \
+/* solve: LU of each matrix into scratch (one factor when the matrix is single), then one          \
+ * LUBackSubst call per column of the right-hand sides, a column being a vector whose element      \
+ * stride is the row stride. */                                                                   \
+static int solve_##SFX(Desc* d, const int* sz, int count, const char** fname)                        \
+{                                                                                                    \
+    int m = sz[0], k = sz[1], st, j;                                                                 \
+    Desc a = d[0], b = d[1], x = d[2];                                                               \
+    int nf = (count == 1 || a.s0 == 0) ? 1 : count;                                                  \
+    int fs0 = (int)sizeof(T) * m * m, fs1 = (int)sizeof(T) * m, fs2 = (int)sizeof(T);                \
+    T* lu = malloc((size_t)fs0 * nf);                                                                \
+    int* piv = malloc(sizeof(int) * (size_t)m * nf);                                                 \
+    if (!lu || !piv) { free(lu); free(piv); return NO_MEMORY; }                                      \
+    if (nf == 1) {                                                                                   \
+        *fname = #SFX "LUDecomp_m";                                                                  \
+        st = E(LUDecomp_m)((T*)a.p, a.s1, a.s2, piv, lu, fs1, fs2, m);                               \
+    } else {                                                                                         \
+        *fname = #SFX "LUDecomp_ma";                                                                 \
+        st = E(LUDecomp_ma)((T*)a.p, a.s0, a.s1, a.s2, piv, lu, fs0, fs1, fs2, m, count);            \
+    }                                                                                                \
+    for (j = 0; j < k && st == 0; j++) {                                                             \
+        T* bj = (T*)(b.p + (ptrdiff_t)j * b.s2);                                                     \
+        T* xj = (T*)(x.p + (ptrdiff_t)j * x.s2);                                                     \
+        if (count == 1) {                                                                            \
+            *fname = #SFX "LUBackSubst_mv";                                                          \
+            st = E(LUBackSubst_mv)(lu, fs1, fs2, piv, bj, b.s1, xj, x.s1, m);                        \
+        } else if (nf == 1) {                                                                        \
+            *fname = #SFX "LUBackSubst_mva";                                                         \
+            st = E(LUBackSubst_mva)(lu, fs1, fs2, piv, bj, b.s0, b.s1, xj, x.s0, x.s1, m, count);    \
+        } else {                                                                                     \
+            *fname = #SFX "LUBackSubst_mava";                                                        \
+            st = E(LUBackSubst_mava)(lu, fs0, fs1, fs2, piv, bj, b.s0, b.s1, xj, x.s0, x.s1, m,      \
+                                     count);                                                         \
+        }                                                                                            \
+    }                                                                                                \
+    free(lu);                                                                                        \
+    free(piv);                                                                                       \
+    return st;                                                                                       \
+}                                                                                                    \
+/* solve1: a vector right-hand side is solve's one column, its element stride s2. */               \
+static int solve1_##SFX(Desc* d, const int* sz, int count, const char** fname)                       \
+{                                                                                                    \
+    Desc e[3] = {d[0], d[1], d[2]};                                                                  \
+    int s[2] = {sz[0], 1};                                                                           \
+    e[1].s1 = d[1].s2;                                                                               \
+    e[2].s1 = d[2].s2;                                                                               \
+    return solve_##SFX(e, s, count, fname);                                                          \
+}                                                                                                    \
+/* Values ascending with the vector columns to match: the library sorts them descending (for      \
+ * n >= 3; n = 2 in the order of its formula), so an insertion sort of the reversed values is one  \
+ * pass over a sorted list. */                                                                     \
+static void ascending_##SFX(T* w, Desc* v, int n, int count, int ws0)                                \
+{                                                                                                    \
+    for (int k = 0; k < count; k++) {                                                                \
+        T* x = (T*)((char*)w + (ptrdiff_t)k * ws0);                                                  \
+        char* vk = v ? v->p + (ptrdiff_t)k * v->s0 : NULL;                                           \
+        for (int i = 0, j = n - 1; i < j; i++, j--) {                                                \
+            T t = x[i]; x[i] = x[j]; x[j] = t;                                                       \
+            for (int r = 0; vk && r < n; r++) {                                                      \
+                T* row = (T*)(vk + (ptrdiff_t)r * v->s1);                                            \
+                T* pi = (T*)((char*)row + (ptrdiff_t)i * v->s2);                                     \
+                T* pj = (T*)((char*)row + (ptrdiff_t)j * v->s2);                                     \
+                T u = *pi; *pi = *pj; *pj = u;                                                       \
+            }                                                                                        \
+        }                                                                                            \
+        for (int i = 1; i < n; i++) {                                                                \
+            for (int j = i; j > 0 && x[j - 1] > x[j]; j--) {                                         \
+                T t = x[j]; x[j] = x[j - 1]; x[j - 1] = t;                                           \
+                for (int r = 0; vk && r < n; r++) {                                                  \
+                    T* row = (T*)(vk + (ptrdiff_t)r * v->s1);                                        \
+                    T* pa = (T*)((char*)row + (ptrdiff_t)j * v->s2);                                 \
+                    T* pb = (T*)((char*)row + (ptrdiff_t)(j - 1) * v->s2);                           \
+                    T u = *pa; *pa = *pb; *pb = u;                                                   \
+                }                                                                                    \
+            }                                                                                        \
+        }                                                                                            \
+    }                                                                                                \
+}                                                                                                    \
+static int eigvalsh_##SFX(Desc* d, const int* sz, int count, const char** fname)                     \
+{                                                                                                    \
+    int n = sz[0], st;                                                                               \
+    T* buf = malloc(sizeof(T) * (size_t)n * n);                                                      \
+    if (!buf) return NO_MEMORY;                                                                      \
+    if (count == 1) {                                                                                \
+        *fname = #SFX "EigenValuesSym_m";                                                            \
+        st = E(EigenValuesSym_m)((T*)d[0].p, d[0].s1, d[0].s2, buf, (T*)d[1].p, n);                  \
+    } else {                                                                                         \
+        *fname = #SFX "EigenValuesSym_ma";                                                           \
+        st = E(EigenValuesSym_ma)((T*)d[0].p, d[0].s0, d[0].s1, d[0].s2, buf, (T*)d[1].p, n, count); \
+    }                                                                                                \
+    free(buf);                                                                                       \
+    if (st == 0) ascending_##SFX((T*)d[1].p, NULL, n, count, n * (int)sizeof(T));                    \
+    return st;                                                                                       \
+}                                                                                                    \
+static int eigh_##SFX(Desc* d, const int* sz, int count, const char** fname)                         \
+{                                                                                                    \
+    int n = sz[0], st;                                                                               \
+    Desc a = d[0], v = d[2];                                                                         \
+    T* buf = malloc(sizeof(T) * (size_t)n * n);                                                      \
+    if (!buf) return NO_MEMORY;                                                                      \
+    if (count == 1) {                                                                                \
+        *fname = #SFX "EigenValuesVectorsSym_m";                                                     \
+        st = E(EigenValuesVectorsSym_m)((T*)a.p, a.s1, a.s2, buf, (T*)v.p, v.s1, v.s2,               \
+                                        (T*)d[1].p, n);                                              \
+    } else {                                                                                         \
+        *fname = #SFX "EigenValuesVectorsSym_ma";                                                    \
+        st = E(EigenValuesVectorsSym_ma)((T*)a.p, a.s0, a.s1, a.s2, buf, (T*)v.p, v.s0, v.s1, v.s2,  \
+                                         (T*)d[1].p, n, count);                                      \
+    }                                                                                                \
+    free(buf);                                                                                       \
+    if (st == 0) ascending_##SFX((T*)d[1].p, &v, n, count, n * (int)sizeof(T));                      \
+    return st;                                                                                       \
+}                                                                                                    \
+static int cholesky_##SFX(Desc* d, const int* sz, int count, const char** fname)                     \
+{                                                                                                    \
+    int n = sz[0], st;                                                                               \
+    Desc a = d[0], c = d[1];                                                                         \
+    if (count == 1) {                                                                                \
+        *fname = #SFX "CholeskyDecomp_m";                                                            \
+        st = E(CholeskyDecomp_m)((T*)a.p, a.s1, a.s2, (T*)c.p, c.s1, c.s2, n);                       \
+    } else {                                                                                         \
+        *fname = #SFX "CholeskyDecomp_ma";                                                           \
+        st = E(CholeskyDecomp_ma)((T*)a.p, a.s0, a.s1, a.s2, (T*)c.p, c.s0, c.s1, c.s2, n, count);   \
+    }                                                                                                \
+    if (st) return st;                                                                               \
+    for (int k = 0; k < count; k++)                                                                  \
+        for (int i = 0; i < n; i++) {                                                                \
+            char* row = c.p + (ptrdiff_t)k * c.s0 + (ptrdiff_t)i * c.s1;                             \
+            T* dii = (T*)(row + (ptrdiff_t)i * c.s2);                                                \
+            *dii = (T)1 / *dii;                                                                      \
+            for (int j = i + 1; j < n; j++) *(T*)(row + (ptrdiff_t)j * c.s2) = 0;                    \
+        }                                                                                            \
+    return 0;                                                                                        \
+}
+
+#define SFX 32f
+DEFINE_RUNS(Omk32f, 32f)
+#undef SFX
+#define SFX 64f
+DEFINE_RUNS(Omk64f, 64f)
+#undef SFX
+
+/* (x, y, z, 1) M divided by w, float32 only (the library's point transforms are float only). The
+ * matrix is 16 contiguous floats and each point 3 contiguous floats (PACKED_CORE). One matrix for
+ * the stack is one array call; a matrix per point, one call per point. */
+static int transform_points_32f(Desc* d, const int* sz, int count, const char** fname)
+{
+    (void)sz;
+    Desc m = d[0], p = d[1], o = d[2];
+    if (count == 1 || m.s0 != 0) {
+        *fname = "32fAffineTransformCoord_m4v3";
+        for (int k = 0; k < count; k++) {
+            int st = omkmAffineTransformCoord_m4v3_32f((Omk32f*)(m.p + (ptrdiff_t)k * m.s0),
+                                                       (Omk32f*)(p.p + (ptrdiff_t)k * p.s0),
+                                                       (Omk32f*)(o.p + (ptrdiff_t)k * o.s0));
+            if (st) return st;
+        }
+        return 0;
+    }
+    *fname = "32fAffineTransformCoord_m4v3a";
+    return omkmAffineTransformCoord_m4v3a_32f((Omk32f*)m.p, (Omk32f*)p.p, p.s0, (Omk32f*)o.p, o.s0,
+                                              count);
+}
+
+/* ---- the table ---- */
+
+#define RUNS(name) name##_32f, name##_64f
+
+static const OpDef OPS[] = {
+    {"matmul", "(m,n),(n,p)->(m,p)", 2, 1, {2, 2, 2}, {{0, 1}, {1, 2}, {0, 2}},
+     {SINGLE, SINGLE, 0}, RUNS(matmul), "mul",
+     "matmul(a, b, /, out=None, **kwargs)\n\nMatrix products of stacks (m,n),(n,p)->(m,p) by omkmMul_mama "
+     "(Mul_mma / Mul_mam when one operand is a single matrix broadcast over the stack)."},
+    {"matvec", "(m,n),(n)->(m)", 2, 1, {2, 1, 1}, {{0, 1}, {1, 0}, {0, 0}},
+     {SINGLE, SINGLE, 0}, RUNS(matvec), "mul",
+     "matvec(a, x, /, out=None, **kwargs)\n\nMatrix times vector (m,n),(n)->(m) by omkmMul_mava "
+     "(Mul_mva / Mul_mav for a single matrix or vector)."},
+    {"vecdot", "(n),(n)->()", 2, 1, {1, 1, 0}, {{0, 0}, {0, 0}, {0, 0}},
+     {SINGLE, SINGLE, PACKED}, RUNS(vecdot), "dot",
+     "vecdot(a, b, /, out=None, **kwargs)\n\nDot product of vectors (n),(n)->() by omkmDotProduct_vava."},
+    {"cross", "(3),(3)->(3)", 2, 1, {1, 1, 1}, {{0, 0}, {0, 0}, {0, 0}},
+     {SINGLE, SINGLE, 0}, RUNS(cross), "cross",
+     "cross(a, b, /, out=None, **kwargs)\n\nCross product of 3-vectors (3),(3)->(3) by omkmCrossProduct_vava."},
+    {"vector_norm", "(n)->()", 1, 1, {1, 0}, {{0, 0}, {0, 0}},
+     {0, PACKED}, RUNS(vector_norm), "norm",
+     "vector_norm(x, /, out=None, **kwargs)\n\nEuclidean norm of vectors (n)->() by omkmL2Norm_va."},
+    {"trace", "(m,m)->()", 1, 1, {2, 0}, {{0, 0}, {0, 0}},
+     {0, PACKED}, RUNS(trace), "trace",
+     "trace(a, /, out=None, **kwargs)\n\nSum of the diagonal of square matrices (m,m)->() over the last "
+     "two axes (numpy.linalg.trace of numpy 2), by omkmTrace_ma."},
+    {"det", "(m,m)->()", 1, 1, {2, 0}, {{0, 0}, {0, 0}},
+     {0, PACKED}, RUNS(det), "det",
+     "det(a, /, out=None, **kwargs)\n\nDeterminant of square matrices (m,m)->() by omkmDet_ma. Never "
+     "raises: orders above 4 give 0 when a pivot falls below 2*m^3 times the smallest normal number."},
+    {"inv", "(m,m)->(m,m)", 1, 1, {2, 2}, {{0, 0}, {0, 0}},
+     {0, 0}, RUNS(inv), "inv",
+     "inv(a, /, out=None, **kwargs)\n\nInverse of square matrices (m,m)->(m,m) by omkmInvert_ma. Raises "
+     "omkm.SingularMatrixError when |det| is below 2*m^3 times the smallest normal number (an absolute "
+     "threshold)."},
+    {"solve", "(m,m),(m,n)->(m,n)", 2, 1, {2, 2, 2}, {{0, 0}, {0, 1}, {0, 1}},
+     {SINGLE, 0, 0}, RUNS(solve), "lu",
+     "solve(a, b, /, out=None, **kwargs)\n\nx with a @ x = b for matrices a (m,m) and right-hand sides b "
+     "(m,n), as numpy.linalg.solve, by omkmLUDecomp_ma and omkmLUBackSubst_mava per column (one factor "
+     "when a is a single matrix). Raises omkm.SingularMatrixError for a pivot below the library's "
+     "absolute threshold."},
+    {"solve1", "(m,m),(m)->(m)", 2, 1, {2, 1, 1}, {{0, 0}, {0, 0}, {0, 0}},
+     {SINGLE, 0, 0}, RUNS(solve1), "lu",
+     "solve1(a, b, /, out=None, **kwargs)\n\nx with a @ x = b for matrices a (m,m) and vectors b (m), as "
+     "numpy.linalg.solve(a, b[..., None])[..., 0]. Raises omkm.SingularMatrixError."},
+    {"eigvalsh", "(m,m)->(m)", 1, 1, {2, 1}, {{0, 0}, {0, 0}},
+     {0, PACKED}, RUNS(eigvalsh), "eigsym",
+     "eigvalsh(a, /, out=None, **kwargs)\n\nEigenvalues of symmetric matrices (m,m)->(m), ascending as "
+     "numpy.linalg.eigvalsh, by omkmEigenValuesSym_ma. Raises omkm.SingularMatrixError when the product "
+     "of the values is at most eps in magnitude (an absolute threshold), omkm.NotConvergedError."},
+    {"eigh", "(m,m)->(m),(m,m)", 1, 2, {2, 1, 2}, {{0, 0}, {0, 0}, {0, 0}},
+     {0, PACKED, 0}, RUNS(eigh), "eigsym",
+     "eigh(a, /, out=(None, None), **kwargs)\n\n(w, v): eigenvalues ascending (m) and eigenvectors as "
+     "the columns of v (m,m) of symmetric matrices, as numpy.linalg.eigh, by "
+     "omkmEigenValuesVectorsSym_ma. Errors as eigvalsh."},
+    {"cholesky", "(m,m)->(m,m)", 1, 1, {2, 2}, {{0, 0}, {0, 0}},
+     {0, 0}, RUNS(cholesky), "cholesky",
+     "cholesky(a, /, out=None, **kwargs)\n\nLower Cholesky factor L (zeros above the diagonal) of "
+     "symmetric positive definite matrices (m,m)->(m,m), as numpy.linalg.cholesky, by "
+     "omkmCholeskyDecomp_ma; only the lower triangle of a is read. Raises omkm.NotPosDefiniteError."},
+    {"transform_points", "(4,4),(3)->(3)", 2, 1, {2, 1, 1}, {{0, 0}, {1, 0}, {1, 0}},
+     {SINGLE | PACKED_CORE, SINGLE | PACKED_CORE, PACKED_CORE}, transform_points_32f, NULL, "graphics",
+     "transform_points(m, p, /, out=None, **kwargs)\n\nPoints p (3) as row vectors (x, y, z, 1) @ m "
+     "(4,4), divided by their w (omkm.transform_points with kind='coord'), by "
+     "omkmAffineTransformCoord_m4v3a_32f. float32 only: the library's point transforms are float only."},
+};
+#define NOPS ((int)(sizeof(OPS) / sizeof(OPS[0])))
+
+/* ---- errors ---- */
+
+static const char* status_name(int st)
+{
+    switch (st) {
+    case omkStsBadSize: return "omkStsBadSize";
+    case omkStsNullPtr: return "omkStsNullPtr";
+    case omkStsDivByZero: return "omkStsDivByZero";
+    case omkStsBadStride: return "omkStsBadStride";
+    case omkStsBadRoiShift: return "omkStsBadRoiShift";
+    case omkStsBadCount: return "omkStsBadCount";
+    case omkStsSizeMismatch: return "omkStsSizeMismatch";
+    case omkStsNotPosDefinite: return "omkStsNotPosDefinite";
+    case omkStsSingular: return "omkStsSingular";
+    case omkStsNotConverged: return "omkStsNotConverged";
+    default: return "an unknown status";
+    }
+}
+
+/* What the family's test is, for the message: the absolute thresholds omkm.h gives. */
+static void threshold_note(char* out, size_t len, const char* family, int st, int f64, int n)
+{
+    const char* eps = f64 ? "eps = 2^-52" : "eps = 2^-23";
+    double tiny = f64 ? DBL_MIN : FLT_MIN;
+    out[0] = 0;
+    if (st == omkStsSingular && !strcmp(family, "lu")) {
+        if (n >= 3 && n <= 6)
+            snprintf(out, len, "; a pivot below %s in magnitude: an absolute threshold of the library, "
+                     "whatever the scale of the matrix", f64 ? "2^-1021" : "2^-125");
+        else
+            snprintf(out, len, "; a pivot at most %s in magnitude: an absolute threshold of the library, "
+                     "whatever the scale of the matrix", f64 ? "2^-52" : "2^-23");
+    } else if (st == omkStsSingular && !strcmp(family, "inv")) {
+        if (n == 1)
+            snprintf(out, len, "; |a| <= 2 * %.3g (twice the smallest normal number): an absolute "
+                     "threshold of the library", tiny);
+        else
+            snprintf(out, len, "; |det| (or a pivot of the elimination) below t = 2*n^3 * %.3g = %.3g "
+                     "for n = %d: an absolute threshold of the library", tiny, 2.0 * n * n * n * tiny, n);
+    } else if (st == omkStsSingular && !strcmp(family, "eigsym")) {
+        if (n == 2)
+            snprintf(out, len, "; |a*d - b*b| <= %s: an absolute threshold of the library, so a matrix "
+                     "of small entries fails though it is not singular", eps);
+        else
+            snprintf(out, len, "; the product of the eigenvalues is at most %s in magnitude: an absolute "
+                     "threshold of the library, so a matrix of small entries fails though it is not "
+                     "singular", eps);
+    } else if (st == omkStsNotConverged && !strcmp(family, "eigsym")) {
+        snprintf(out, len, "; 30 sweeps for one value without a negligible coupling (|0.5*e| <= %s, an "
+                 "absolute test whatever the size of the values)", eps);
+    } else if (st == omkStsNotPosDefinite) {
+        snprintf(out, len, "; a pivot d <= 0 (the test has no tolerance)");
+    }
+}
+
+/* Called with the GIL held: sets the package's exception for status st of export fname. */
+static void set_status_error(const OpDef* op, int st, const char* fname, int n)
+{
+    if (st == NO_MEMORY) {
+        PyErr_NoMemory();
+        return;
+    }
+    int f64 = fname[0] == '6';
+    char note[320], msg[640];
+    threshold_note(note, sizeof note, op->family, st, f64, n);
+    snprintf(msg, sizeof msg, "%s: omkm%s_%.3s returned %s (%d) for an object of the stack%s", op->name,
+             fname + 3, fname, status_name(st), st, note);
+    PyObject* key = PyLong_FromLong(st);
+    PyObject* cls = key ? PyDict_GetItemWithError(err_by_status, key) : NULL;
+    Py_XDECREF(key);
+    if (!cls) {
+        if (PyErr_Occurred()) return;
+        cls = err_base;
+    }
+    PyObject* exc = PyObject_CallFunction(cls, "si", msg, st);
+    if (exc) {
+        PyErr_SetObject((PyObject*)Py_TYPE(exc), exc);
+        Py_DECREF(exc);
+    }
+}
+
+/* ---- the inner loop ---- */
+
+enum { DIRECT, COPY };
+
+typedef struct {
+    int mode;          /* DIRECT: the caller's memory; COPY: a contiguous block copy */
+    int single;        /* one object for all (s0 = 0 to the library) */
+    npy_intp step;     /* numpy's outer step */
+    npy_intp cs[2];    /* numpy's core steps (rows, elements) */
+    npy_intp shape[2]; /* core sizes (1 for a missing axis) */
+    Desc d;            /* the standard description of a direct operand */
+    char* buf;         /* the block copy */
+    npy_intp obj;      /* bytes of one packed object */
+} Operand;
+
+static int fits(npy_intp s, int esize) { return s > 0 && s % esize == 0 && s <= INT_MAX; }
+
+/* The core layout of operand o (shape and steps) as the library's s1 and s2, or -1 when it cannot
+ * take it in place. A size-1 axis takes the packed value, as any value serves there. */
+static int core_layout(Operand* o, int esize, int packed)
+{
+    npy_intp w = o->shape[1], h = o->shape[0];
+    npy_intp s2 = w > 1 ? o->cs[1] : esize, s1 = h > 1 ? o->cs[0] : esize * w;
+    if (packed && (s2 != esize || s1 != esize * w)) return -1;
+    if (!fits(s2, esize) || !fits(s1, esize)) return -1;
+    o->d.s1 = (int)s1;
+    o->d.s2 = (int)s2;
+    return 0;
+}
+
+static void copy_object(char* dst, npy_intp ds1, npy_intp ds2, const char* src, npy_intp ss1, npy_intp ss2,
+                        npy_intp h, npy_intp w, int esize)
+{
+    for (npy_intp i = 0; i < h; i++)
+        for (npy_intp j = 0; j < w; j++)
+            memcpy(dst + i * ds1 + j * ds2, src + i * ss1 + j * ss2, esize);
+}
+
+static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps, void* data)
+{
+    const LoopData* ld = data;
+    const OpDef* op = ld->op;
+    const int esize = ld->esize, nargs = op->nin + op->nout;
+    npy_intp N = dimensions[0];
+    int sz[MAXDIMS] = {1, 1, 1};
+    Operand o[MAXOPS] = {{0}};
+    const npy_intp* cst = steps + nargs;
+    int i, all_single = 1, any_copy = 0, st = 0, ndims = 0;
+    const char* fname = "";
+
+    for (i = 0; i < nargs; i++)
+        for (int a = 0; a < op->ndim[i]; a++)
+            if (op->dim[i][a] + 1 > ndims) ndims = op->dim[i][a] + 1;
+    if (N == 0) return;
+    for (i = 0; i < ndims; i++) {
+        if (dimensions[1 + i] < 1 || dimensions[1 + i] > INT_MAX) {
+            NPY_ALLOW_C_API_DEF
+            NPY_ALLOW_C_API
+            PyErr_Format(PyExc_ValueError, "%s: core sizes must be 1 ... 2**31-1, got %zd", op->name,
+                         (Py_ssize_t)dimensions[1 + i]);
+            NPY_DISABLE_C_API
+            return;
+        }
+        sz[i] = (int)dimensions[1 + i];
+    }
+    for (i = 0; i < nargs; i++) {
+        Operand* q = &o[i];
+        int nd = op->ndim[i];
+        memset(q, 0, sizeof *q);
+        q->step = steps[i];
+        q->shape[0] = nd == 2 ? sz[op->dim[i][0]] : 1;
+        q->shape[1] = nd >= 1 ? sz[op->dim[i][nd - 1]] : 1;
+        q->cs[0] = nd == 2 ? cst[0] : 0;
+        q->cs[1] = nd >= 1 ? cst[nd - 1] : 0;
+        cst += nd;
+        q->obj = esize * q->shape[0] * q->shape[1];
+        q->d.p = args[i];
+        q->single = i < op->nin && (N == 1 || q->step == 0);
+        if (i < op->nin && !q->single) all_single = 0;
+    }
+    if (all_single) N = 1;          /* one object, copied to every output object below */
+    npy_intp Nall = dimensions[0];
+    for (i = 0; i < nargs; i++) {
+        Operand* q = &o[i];
+        int packed = (op->flags[i] & PACKED_CORE) != 0;
+        int ok = ((uintptr_t)q->d.p % esize) == 0 && core_layout(q, esize, packed) == 0;
+        if (N == 1) {
+            q->d.s0 = q->obj > INT_MAX ? INT_MAX : (int)q->obj;
+        } else if (q->single) {
+            /* a broadcast input: the single member, or a copy repeated per object */
+            ok = ok && (op->flags[i] & SINGLE);
+            q->d.s0 = 0;
+            if (!ok && (op->flags[i] & SINGLE)) q->mode = COPY;
+        } else {
+            ok = ok && fits(q->step, esize) &&
+                 (!((op->flags[i] & PACKED) == PACKED) || q->step == q->obj);
+            q->d.s0 = ok ? (int)q->step : 0;
+        }
+        if (!ok) {
+            q->mode = COPY;
+            if (q->single && N > 1 && !(op->flags[i] & SINGLE)) q->single = 0;
+        }
+        any_copy |= q->mode == COPY;
+    }
+
+    /* Objects per library call: the copies' block, and k*stride0 within 2^31-1. */
+    npy_intp per = N, copy_bytes = 0;
+    for (i = 0; i < nargs; i++) {
+        Operand* q = &o[i];
+        if (q->mode == DIRECT && !q->single && q->d.s0 > 0) {
+            npy_intp lim = INT_MAX / q->d.s0 + 1;
+            if (lim < per) per = lim;
+        }
+        if (q->mode == COPY) copy_bytes += q->single ? 0 : q->obj;
+    }
+    if (any_copy) {
+        npy_intp lim = copy_bytes ? BLOCK_BYTES / copy_bytes : per;
+        if (lim < 1) lim = 1;
+        if (lim < per) per = lim;
+        for (i = 0; i < nargs; i++) {
+            Operand* q = &o[i];
+            if (q->mode != COPY) continue;
+            q->buf = malloc(q->obj * (q->single ? 1 : per));
+            if (!q->buf) { st = NO_MEMORY; goto done; }
+            q->d.s1 = (int)(esize * q->shape[1]);
+            q->d.s2 = esize;
+            if (!q->single) q->d.s0 = (int)q->obj;
+            if (q->single)  /* the one object, copied once */
+                copy_object(q->buf, q->d.s1, q->d.s2, args[i], q->cs[0], q->cs[1], q->shape[0], q->shape[1],
+                            esize);
+        }
+    }
+
+    {
+        /* The library's kernels raise floating-point flags of their own (a division by zero in the
+         * symmetric eigenproblem's lanes, say) whatever the result: numpy would report them as
+         * warnings of the call. The flags are put back as they were; the library's statuses
+         * report its failures. */
+        fexcept_t flags;
+        fegetexceptflag(&flags, FE_ALL_EXCEPT);
+        /* numpy releases the GIL around the loop (its loops here need no C API) once the
+         * problem passes its size threshold, and keeps it for small ones. */
+        last_loop_held_gil = PyGILState_Check();
+        for (npy_intp k0 = 0; k0 < N && st == 0; k0 += per) {
+            npy_intp cnt = N - k0 < per ? N - k0 : per;
+            Desc d[MAXOPS];
+            for (i = 0; i < nargs; i++) {
+                Operand* q = &o[i];
+                d[i] = q->d;
+                char* base = args[i] + (q->single ? 0 : k0 * q->step);
+                if (q->mode == DIRECT) {
+                    d[i].p = base;
+                    continue;
+                }
+                d[i].p = q->buf;
+                if (i < op->nin && !q->single)
+                    for (npy_intp k = 0; k < cnt; k++)
+                        copy_object(q->buf + k * q->obj, d[i].s1, d[i].s2, base + k * q->step, q->cs[0],
+                                    q->cs[1], q->shape[0], q->shape[1], esize);
+            }
+            st = ld->run(d, sz, (int)cnt, &fname);
+            if (st) break;
+            for (i = op->nin; i < nargs; i++) {
+                Operand* q = &o[i];
+                if (q->mode != COPY) continue;
+                char* base = args[i] + k0 * q->step;
+                for (npy_intp k = 0; k < cnt; k++)
+                    copy_object(base + k * q->step, q->cs[0], q->cs[1], q->buf + k * q->obj, q->d.s1, q->d.s2,
+                                q->shape[0], q->shape[1], esize);
+            }
+        }
+        /* Every input one object: the one result goes to every output object. */
+        if (st == 0 && Nall > N)
+            for (i = op->nin; i < nargs; i++)
+                for (npy_intp k = 1; k < Nall; k++)
+                    copy_object(args[i] + k * o[i].step, o[i].cs[0], o[i].cs[1], args[i], o[i].cs[0],
+                                o[i].cs[1], o[i].shape[0], o[i].shape[1], esize);
+        fesetexceptflag(&flags, FE_ALL_EXCEPT);
+    }
+
+done:
+    for (i = 0; i < nargs; i++) free(o[i].buf);
+    if (st) {
+        NPY_ALLOW_C_API_DEF
+        NPY_ALLOW_C_API
+        set_status_error(op, st, fname, sz[0]);
+        NPY_DISABLE_C_API
+    }
+}
+
+/* ---- the module ---- */
+
+static PyObject* gil_state(PyObject* self, PyObject* args)
+{
+    (void)self;
+    (void)args;
+    return PyLong_FromLong(last_loop_held_gil);
+}
+
+static PyMethodDef methods[] = {
+    {"_last_loop_held_gil", gil_state, METH_NOARGS,
+     "1 if the library calls of the last inner loop ran holding the GIL, 0 if numpy had released it, -1 "
+     "before any loop."},
+    {NULL, NULL, 0, NULL}};
+
+static struct PyModuleDef moddef = {PyModuleDef_HEAD_INIT, "_ufuncs",
+                                    "numpy generalized ufuncs over libomkm (float32 and float64 loops).", -1,
+                                    methods, NULL, NULL, NULL, NULL};
+
+static PyUFuncGenericFunction funcs[NOPS][2];
+static void* datas[NOPS][2];
+static char types[NOPS][2 * MAXOPS];
+static LoopData loopdata[NOPS][2];
+
+PyMODINIT_FUNC PyInit__ufuncs(void)
+{
+    import_array();
+    import_umath();
+    PyObject* errors = PyImport_ImportModule("omkm._errors");
+    if (!errors) return NULL;
+    err_base = PyObject_GetAttrString(errors, "OmkmError");
+    err_by_status = PyObject_GetAttrString(errors, "ERRORS");
+    Py_DECREF(errors);
+    if (!err_base || !err_by_status) return NULL;
+    if (!PyDict_Check(err_by_status)) {
+        PyErr_SetString(PyExc_TypeError, "omkm._errors.ERRORS must be a dict");
+        return NULL;
+    }
+    PyObject* m = PyModule_Create(&moddef);
+    if (!m) return NULL;
+    for (int k = 0; k < NOPS; k++) {
+        const OpDef* op = &OPS[k];
+        int ntypes = op->run64 ? 2 : 1;
+        RunFn runs[2] = {op->run32, op->run64};
+        for (int t = 0; t < ntypes; t++) {
+            loopdata[k][t] = (LoopData){op, runs[t], t ? 8 : 4};
+            funcs[k][t] = loop;
+            datas[k][t] = &loopdata[k][t];
+            for (int a = 0; a < op->nin + op->nout; a++)
+                types[k][t * (op->nin + op->nout) + a] = t ? NPY_DOUBLE : NPY_FLOAT;
+        }
+        PyObject* uf = PyUFunc_FromFuncAndDataAndSignature(funcs[k], datas[k], types[k], ntypes, op->nin,
+                                                           op->nout, PyUFunc_None, op->name, op->doc, 0,
+                                                           op->signature);
+        if (!uf || PyModule_AddObject(m, op->name, uf) < 0) {
+            Py_XDECREF(uf);
+            Py_DECREF(m);
+            return NULL;
+        }
+    }
+    return m;
+}

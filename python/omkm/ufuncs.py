@@ -1,0 +1,85 @@
+"""omkm's numpy generalized ufuncs, compiled (omkm._ufuncs): float32 and float64 loops over libomkm.
+
+    omkm.ufuncs.inv(a)                      # (..., m, m) -> (..., m, m), a numpy.ufunc
+    omkm.ufuncs.matmul(a, b, out=c)         # out=, axes=, dtype=, casting= as for any gufunc
+
+matmul (m,n),(n,p)->(m,p); matvec (m,n),(n)->(m); vecdot (n),(n)->(); cross (3),(3)->(3);
+vector_norm (n)->(); trace (m,m)->(); det (m,m)->(); inv (m,m)->(m,m); solve (m,m),(m,n)->(m,n);
+solve1 (m,m),(m)->(m); eigvalsh (m,m)->(m); eigh (m,m)->(m),(m,m); cholesky (m,m)->(m,m);
+transform_points (4,4),(3)->(3) (float32 only). Results follow numpy.linalg's conventions
+(eigenvalues ascending, cholesky's L with zeros above the diagonal). Failures raise the package's
+numpy.linalg.LinAlgError subclasses (omkm.SingularMatrixError, ...).
+
+The compiled module is found through $OMKM_UFUNCS (its full path), the package's own directory,
+then the source tree's build/python/omkm/; it is loaded as omkm._ufuncs after libomkm, so that
+both use the one libomkm the package loaded. Without it this module still imports, and reading
+a gufunc raises ImportError listing the places looked in.
+"""
+import glob
+import importlib.machinery
+import importlib.util
+import os
+import sys
+
+from . import _lib  # noqa: F401  (libomkm first: the extension binds to the copy already loaded)
+
+NAMES = ("matmul", "matvec", "vecdot", "cross", "vector_norm", "trace", "det", "inv", "solve",
+         "solve1", "eigvalsh", "eigh", "cholesky", "transform_points")
+_HERE = os.path.dirname(os.path.abspath(__file__))
+
+
+def _candidates():
+    """(description, path) for every place looked in, in order."""
+    env = os.environ.get("OMKM_UFUNCS")
+    if env:
+        yield "$OMKM_UFUNCS", env
+    build = os.path.normpath(os.path.join(_HERE, "..", "..", "build", "python", "omkm"))
+    for what, d in (("the package's directory", _HERE), ("the source tree's build directory", build)):
+        found = False
+        for suffix in importlib.machinery.EXTENSION_SUFFIXES:
+            for path in sorted(glob.glob(os.path.join(glob.escape(d), "_ufuncs" + suffix))):
+                found = True
+                yield what, path
+        if not found:
+            yield what, os.path.join(d, "_ufuncs" + importlib.machinery.EXTENSION_SUFFIXES[0])
+
+
+def _load():
+    name = __package__ + "._ufuncs"
+    if name in sys.modules:
+        return sys.modules[name], None
+    tried = []
+    for what, path in _candidates():
+        if not os.path.exists(path):
+            tried.append(f"{what}: {path} (no such file)")
+            continue
+        try:
+            spec = importlib.util.spec_from_file_location(name, path)
+            mod = importlib.util.module_from_spec(spec)
+            sys.modules[name] = mod
+            spec.loader.exec_module(mod)
+        except ImportError as e:
+            sys.modules.pop(name, None)
+            tried.append(f"{what}: {path} ({e})")
+            continue
+        return mod, None
+    return None, ("omkm.ufuncs: the compiled module omkm._ufuncs could not be loaded; looked in:\n  "
+                  + "\n  ".join(tried) + "\nBuild it (cmake, Python3 Development.Module and NumPy "
+                  "found) or set OMKM_UFUNCS to its full path.")
+
+
+_module, _why = _load()
+path = getattr(_module, "__file__", None)
+
+if _module is not None:
+    for _n in NAMES:
+        globals()[_n] = getattr(_module, _n)
+    del _n
+
+__all__ = list(NAMES) + ["path"]
+
+
+def __getattr__(name):
+    if name in NAMES and _module is None:
+        raise ImportError(_why)
+    raise AttributeError(f"module {__name__!r} has no attribute {name!r}")

@@ -1,0 +1,182 @@
+"""omkm.ufuncs, the compiled gufuncs, against numpy.linalg / numpy as the oracle."""
+import sys
+
+import numpy as np
+import pytest
+
+import omkm
+from conftest import stack, tol, variants
+
+uf = omkm.ufuncs
+COUNT = 7
+
+
+def points_matrix(rng, lead, dt):
+    """4x4 transforms whose w column keeps (x, y, z, 1) @ m away from w = 0."""
+    m = rng.standard_normal(lead + (4, 4))
+    m[..., :3, 3] *= 0.1
+    m[..., 3, 3] = 2.0
+    return m.astype(dt)
+
+
+def coord(m, p):
+    h = np.concatenate([p, np.ones(p.shape[:-1] + (1,))], -1)[..., None, :] @ m
+    return h[..., 0, :3] / h[..., 0, 3:]
+
+
+def eigh_oracle(a):
+    w, v = np.linalg.eigh(a)
+    return w, signed(v)
+
+
+def signed(v):
+    """Eigenvector columns with the sign that makes their largest component positive."""
+    i = np.argmax(np.abs(v), axis=-2)[..., None, :]
+    return v * np.sign(np.take_along_axis(v, i, axis=-2))
+
+
+def solve_oracle(a, b):
+    """numpy.linalg.solve on stacks broadcast first (numpy 1.x reads a b of a.ndim - 1 axes as vectors)."""
+    lead = np.broadcast_shapes(a.shape[:-2], b.shape[:-2])
+    return np.linalg.solve(np.broadcast_to(a, lead + a.shape[-2:]), np.broadcast_to(b, lead + b.shape[-2:]))
+
+
+def general(shape):
+    return lambda rng, lead, dt: stack(rng, lead + shape, dt)
+
+
+def square(kind, n=4):
+    return lambda rng, lead, dt: stack(rng, lead + (n, n), dt, kind)
+
+
+# name -> (operand makers (rng, leading shape, dtype), oracle on float64 operands)
+CASES = {
+    "matmul": ([general((4, 3)), general((3, 5))], np.matmul),
+    "matvec": ([general((4, 3)), general((3,))], lambda a, x: (a @ x[..., None])[..., 0]),
+    "vecdot": ([general((5,)), general((5,))], lambda a, b: np.sum(a * b, axis=-1)),
+    "cross": ([general((3,)), general((3,))], np.cross),
+    "vector_norm": ([general((5,))], lambda x: np.linalg.norm(x, axis=-1)),
+    "trace": ([general((4, 4))], lambda a: np.trace(a, axis1=-2, axis2=-1)),
+    "det": ([general((4, 4))], np.linalg.det),
+    "inv": ([square("wellcond")], np.linalg.inv),
+    "solve": ([square("wellcond"), general((4, 2))], solve_oracle),
+    "solve1": ([square("wellcond"), general((4,))], lambda a, b: solve_oracle(a, b[..., None])[..., 0]),
+    "eigvalsh": ([square("spd")], np.linalg.eigvalsh),
+    "eigh": ([square("spd")], eigh_oracle),
+    "cholesky": ([square("spd")], np.linalg.cholesky),
+    "transform_points": ([points_matrix, general((3,))], coord),
+}
+
+
+def results(name, *args, **kw):
+    r = getattr(uf, name)(*args, **kw)
+    if name == "eigh":
+        return r[0], signed(r[1])
+    return r if isinstance(r, tuple) else (r,)
+
+
+def check(name, args, dt):
+    want = CASES[name][1](*[a.astype(np.float64) for a in args])
+    want = want if isinstance(want, tuple) else (want,)
+    got = results(name, *args)
+    assert len(got) == len(want)
+    for g, w in zip(got, want):
+        assert g.dtype == dt and g.shape == w.shape, (name, g.dtype, g.shape, w.shape)
+        np.testing.assert_allclose(g, w, err_msg=name, **tol(dt))
+    return got
+
+
+@pytest.mark.parametrize("name", CASES)
+def test_against_numpy(name, dt, rng):
+    makers = CASES[name][0]
+    if name == "transform_points" and dt == np.float64:
+        with pytest.raises(TypeError):
+            uf.transform_points(*[f(rng, (COUNT,), dt) for f in makers])
+        dt = np.dtype(np.float32)
+    full = [f(rng, (COUNT,), dt) for f in makers]
+    one = [f(rng, (), dt) for f in makers]
+    check(name, full, dt)
+    if len(makers) == 2:       # one operand a single object: its outer step is 0
+        check(name, [full[0], one[1]], dt)
+        check(name, [one[0], full[1]], dt)
+        check(name, [f(rng, (2, 1), dt) for f in makers[:1]] + [f(rng, (3,), dt) for f in makers[1:]], dt)
+    else:                      # the one operand broadcast: computed once, copied to each result
+        b = np.broadcast_to(one[0], (COUNT,) + one[0].shape)
+        for g, w in zip(results(name, b), results(name, one[0])):
+            np.testing.assert_array_equal(g, np.broadcast_to(w, g.shape))
+    check(name, one, dt)
+
+
+# Products and norms read in place with elements not consecutive (strided, transposed and
+# batch-innermost views) run the library's strided kernels, whose rounding order differs from the
+# contiguous ones (omkm.h gives the orders of dot products and norms): those agree to rounding.
+# Every other case, the copies of reversed and misaligned operands included, gives the same bits.
+ORDER_BY_STRIDE = {"matmul", "matvec", "vecdot", "vector_norm"}
+
+
+@pytest.mark.parametrize("name", CASES)
+def test_layouts(name, dt, rng):
+    makers, _ = CASES[name]
+    if name == "transform_points":
+        dt = np.dtype(np.float32)
+    args = [f(rng, (COUNT,), dt) for f in makers]
+    ref = results(name, *args)
+    for layout, (a, _) in variants(args[0], args[0].ndim - 1).items():
+        got = results(name, a, *args[1:])
+        for g, r in zip(got, ref):
+            if name in ORDER_BY_STRIDE and layout in ("strided", "transposed", "batch_innermost"):
+                np.testing.assert_allclose(g, r, err_msg=f"{name} {layout}", **tol(dt))
+            else:
+                np.testing.assert_array_equal(g, r, err_msg=f"{name} {layout}")
+
+
+def test_out_and_axes(rng):
+    a = stack(rng, (COUNT, 4, 4), np.float64, "wellcond")
+    out = np.full((2 * COUNT, 4, 4), np.nan)[::2]        # a strided out: written in place
+    assert uf.inv(a, out=out) is out
+    np.testing.assert_array_equal(out, uf.inv(a))
+    d = np.full(2 * COUNT, np.nan)[::-2]                  # the library writes dets packed: a copy
+    assert uf.det(a, out=d) is d
+    np.testing.assert_array_equal(d, uf.det(a))
+    b = np.moveaxis(a, 0, -1).copy()                     # the matrices on axes 0 and 1
+    r = uf.inv(b, axes=[(0, 1), (0, 1)])
+    assert r.shape == (4, 4, COUNT)
+    np.testing.assert_allclose(np.moveaxis(r, -1, 0), np.linalg.inv(a), **tol(np.float64))
+    w, v = (np.zeros((COUNT, 4)), np.zeros((COUNT, 4, 4), order="F"))
+    s = stack(rng, (COUNT, 4, 4), np.float64, "spd")
+    assert all(x is y for x, y in zip(uf.eigh(s, out=(w, v)), (w, v)))
+    np.testing.assert_allclose(w, np.linalg.eigvalsh(s), **tol(np.float64))
+
+
+@pytest.mark.parametrize("layout", ["contiguous", "reversed"])
+def test_errors(rng, layout):
+    a = stack(rng, (5, 4, 4), np.float64, "wellcond")
+    a[2] = 1.0                                           # singular, in the middle of the stack
+    a = variants(a, 2)[layout][0]
+    for call in (lambda: uf.inv(a), lambda: uf.solve1(a, np.ones(4))):
+        with pytest.raises(omkm.SingularMatrixError, match="absolute threshold") as e:
+            call()
+        assert isinstance(e.value, np.linalg.LinAlgError) and e.value.status == -206
+    s = stack(rng, (5, 4, 4), np.float64, "spd")
+    s[3] = -np.eye(4)
+    with pytest.raises(omkm.NotPosDefiniteError) as e:
+        uf.cholesky(variants(s, 2)[layout][0])
+    assert isinstance(e.value, np.linalg.LinAlgError) and e.value.status == -205
+
+
+def test_large_stacks_run_without_the_gil(rng):
+    """numpy releases the GIL around loops that need no C API above its size threshold."""
+    a = stack(rng, (5000, 4, 4), np.float64, "wellcond")
+    b = stack(rng, (3, 64, 64), np.float64, "wellcond")
+    for call in (lambda: uf.inv(a), lambda: uf.inv(a[::-1]), lambda: uf.matmul(a, a[0]), lambda: uf.inv(b)):
+        call()
+        assert sys.modules["omkm._ufuncs"]._last_loop_held_gil() == 0
+
+
+def test_dask(rng):
+    da = pytest.importorskip("dask.array")
+    a = stack(rng, (6, 4, 4), np.float64, "wellcond")
+    x = da.from_array(a, chunks=(2, 4, 4))
+    for r in (da.apply_gufunc(uf.inv, "(m,m)->(m,m)", x), uf.inv(x)):   # the second by __array_ufunc__
+        assert isinstance(r, da.Array)
+        np.testing.assert_allclose(r.compute(), np.linalg.inv(a), **tol(np.float64))
