@@ -16,8 +16,22 @@ Exits with status 1 on any mismatch. Options time other layouts (see python/READ
 
 Measured on the 2-core machine of the test suite (Debian 12, Python 3.11, dask/distributed
 2022.12.1; seconds of one computation: make A and b, inv, solve1, the residual over the stack,
-results to the client; median of 5 runs on one cluster, cluster start not included):
-(numbers below)
+results to the client; median (min) of 3 runs on one cluster; cluster start 1.2-1.4 s more; load
+average about 3 from other work on the machine):
+
+    workers x threads   omkm.set_num_threads   compute, s
+    2 x 1               1                      1.73 (1.59)
+    2 x 1               default                1.85 (1.53)
+    1 x 2               1                      1.66 (1.48)
+    1 x 2               default                1.64 (1.54)
+    1 x 1               2                      2.22 (1.95)   (load average about 5)
+
+The library's default budget came out as 1 in every worker here (it takes at most the processors
+other processes leave free, and the machine was busy), so "default" and 1 ran the same setting;
+the differences are within the run-to-run spread. While a two-job compile shared the machine the
+same runs took 5.2-7.2 s. Each chunk's 10**5 matrices are far below the size at which a thread
+team pays off, so one library thread per worker, and as many single-threaded workers as cores, is
+the setting to use; a chunk of 10**5 3x3 float64 matrices is 7.2 MB.
 """
 import argparse
 import os
