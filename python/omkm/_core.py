@@ -9,6 +9,7 @@ turns that copy into a ValueError saying why.
 """
 import ctypes
 import functools
+import inspect
 import math
 import threading
 
@@ -357,9 +358,15 @@ def planned(func):
     keyword flags, the library calls `func` made when it needed no copy; a later call of the same
     layout replays them on its own arrays, skipping the analysis."""
     plans = {}
+    # The positional parameters before out: a further positional argument is out, as func takes it.
+    n_in = list(inspect.signature(func).parameters).index("out")
 
     @functools.wraps(func)
     def wrapper(*arrays, out=None, copy=True, **kw):
+        if len(arrays) > n_in:
+            if len(arrays) > n_in + 1 or out is not None:
+                return func(*arrays, out=out, copy=copy, **kw)     # func's own TypeError
+            arrays, out = arrays[:n_in], arrays[n_in]
         if getattr(_recording, "calls", None) is not None:
             return func(*arrays, out=out, copy=copy, **kw)
         every = arrays if out is None else arrays + (out,)

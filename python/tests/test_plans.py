@@ -58,3 +58,25 @@ def test_replay_raises_statuses_and_checks_out(rng, dt):
     ro.flags.writeable = False
     with pytest.raises(ValueError, match="read-only"):
         omkm.matmul(a, b, out=ro)
+
+
+def test_out_by_position_as_by_keyword(rng, dt):
+    """Every cached function takes out by position as by keyword (first call and replay alike)."""
+    a = stack(rng, (3, 4, 4), dt, "spd")
+    v, v3 = rng.standard_normal((3, 4)).astype(dt), rng.standard_normal((3, 3)).astype(dt)
+    o = omkm
+    table = {o.lu_factor: (a,), o.solve: (a, v), o.cholesky: (a,), o.cho_solve: (o.cholesky(a), v),
+             o.qr: (a,), o.qr_solve: (o.qr(a), v), o.det: (a,), o.inv: (a,), o.eigvalsh: (a,),
+             o.eigh: (a,), o.add: (a, a), o.subtract: (a, a), o.matmul: (a, a), o.matvec: (a, v),
+             o.vecmat: (v, a), o.dot: (v, v), o.cross: (v3, v3), o.norm: (v, -1), o.trace: (a,)}
+    assert set(table) == {f for f in vars(omkm).values() if hasattr(f, "plans")}
+    for f, ins in table.items():
+        want = f(*ins)
+        for _ in range(2):                        # the first call records a plan, the second replays it
+            out = tuple(map(np.zeros_like, want)) if isinstance(want, tuple) else np.zeros_like(want)
+            got = f(*ins, out)
+            for g, x, w in zip(*[r if isinstance(r, tuple) else (r,) for r in (got, out, want)]):
+                assert g is x
+                np.testing.assert_array_equal(x, w)
+        with pytest.raises(TypeError):
+            f(*ins, out, out=out)
