@@ -16,6 +16,7 @@ directory, the source tree's build directory, then the system loader.
 from ._lib import (DivByZeroError, NotConvergedError, NotPosDefiniteError, OmkmError,
                    SingularMatrixError, get_num_threads, set_num_threads)
 from ._lib import path as library_path
+from ._errors import NotSquareError
 from ._products import add, cross, dot, matmul, matvec, norm, scale, subtract, trace, vecmat
 from ._linalg import (cho_lower, cho_solve, cholesky, det, eig, eigh, eigvals, eigvalsh, inv,
                       lu_factor, lu_solve, qr, qr_solve, solve)
@@ -27,5 +28,5 @@ __all__ = [
     "lu_factor", "lu_solve", "solve", "cholesky", "cho_lower", "cho_solve", "qr", "qr_solve",
     "det", "inv", "eigvalsh", "eigh", "eigvals", "eig", "transform_points", "look_at",
     "perspective", "ufuncs", "set_num_threads", "get_num_threads", "library_path", "OmkmError",
-    "SingularMatrixError", "NotPosDefiniteError", "DivByZeroError", "NotConvergedError",
+    "SingularMatrixError", "NotSquareError", "NotPosDefiniteError", "DivByZeroError", "NotConvergedError",
 ]

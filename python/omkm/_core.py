@@ -169,9 +169,13 @@ def output(out, shape, dt, nd, name, packed=False, inputs=(), alloc=np.empty):
 
 
 def asarray(x, name):
+    """x as an array of a dtype the package computes in: float32, float64, or integers and booleans
+    (computed in float64, as numpy.linalg does). float16 and long double are refused, as numpy.linalg
+    refuses them, rather than computed in another precision."""
     a = np.asarray(x)
-    if a.dtype.kind not in "biuf":
-        raise TypeError(f"{name}: unsupported dtype {a.dtype} (real numbers only)")
+    if a.dtype.kind not in "biuf" or (a.dtype.kind == "f" and a.dtype.itemsize not in (4, 8)):
+        raise TypeError(f"{name}: unsupported dtype {a.dtype} (float32 and float64, or integers computed "
+                        f"in float64)")
     return a
 
 

@@ -6,13 +6,14 @@ import numpy as np
 
 from ._core import (COUNT, F32, INT, asarray, batch_of, check_sizes, operand, output,
                     planned, result_type, run)
+from ._errors import NotSquareError
 from ._lib import fn, raise_status
 
 
 def _square(name, a):
     x = asarray(a, name)
     if x.ndim < 2 or x.shape[-1] != x.shape[-2]:
-        raise ValueError(f"{name}: a must hold square matrices (..., n, n), got shape {x.shape}")
+        raise NotSquareError(f"{name}: a must hold square matrices (..., n, n), got shape {x.shape}")
     check_sizes(name, x.shape[-1])
     return x, result_type(x), x.shape[-1]
 

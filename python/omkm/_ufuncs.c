@@ -80,8 +80,7 @@ typedef struct {
     int esize;
 } LoopData;
 
-static PyObject* err_base;     /* omkm._errors.OmkmError */
-static PyObject* err_by_status;/* omkm._errors.ERRORS: status -> class */
+static PyObject* status_error; /* omkm._errors.status_error: the exception for a status */
 static int last_loop_held_gil = -1;
 
 /* ---- run functions: one per operation and element type ---- */
@@ -461,59 +460,6 @@ static const OpDef OPS[] = {
 
 /* ---- errors ---- */
 
-static const char* status_name(int st)
-{
-    switch (st) {
-    case omkStsBadSize: return "omkStsBadSize";
-    case omkStsNullPtr: return "omkStsNullPtr";
-    case omkStsDivByZero: return "omkStsDivByZero";
-    case omkStsBadStride: return "omkStsBadStride";
-    case omkStsBadRoiShift: return "omkStsBadRoiShift";
-    case omkStsBadCount: return "omkStsBadCount";
-    case omkStsSizeMismatch: return "omkStsSizeMismatch";
-    case omkStsNotPosDefinite: return "omkStsNotPosDefinite";
-    case omkStsSingular: return "omkStsSingular";
-    case omkStsNotConverged: return "omkStsNotConverged";
-    default: return "an unknown status";
-    }
-}
-
-/* What the family's test is, for the message: the absolute thresholds omkm.h gives. */
-static void threshold_note(char* out, size_t len, const char* family, int st, int f64, int n)
-{
-    const char* eps = f64 ? "eps = 2^-52" : "eps = 2^-23";
-    double tiny = f64 ? DBL_MIN : FLT_MIN;
-    out[0] = 0;
-    if (st == omkStsSingular && !strcmp(family, "lu")) {
-        if (n >= 3 && n <= 6)
-            snprintf(out, len, "; a pivot below %s in magnitude: an absolute threshold of the library, "
-                     "whatever the scale of the matrix", f64 ? "2^-1021" : "2^-125");
-        else
-            snprintf(out, len, "; a pivot at most %s in magnitude: an absolute threshold of the library, "
-                     "whatever the scale of the matrix", f64 ? "2^-52" : "2^-23");
-    } else if (st == omkStsSingular && !strcmp(family, "inv")) {
-        if (n == 1)
-            snprintf(out, len, "; |a| <= 2 * %.3g (twice the smallest normal number): an absolute "
-                     "threshold of the library", tiny);
-        else
-            snprintf(out, len, "; |det| (or a pivot of the elimination) below t = 2*n^3 * %.3g = %.3g "
-                     "for n = %d: an absolute threshold of the library", tiny, 2.0 * n * n * n * tiny, n);
-    } else if (st == omkStsSingular && !strcmp(family, "eigsym")) {
-        if (n == 2)
-            snprintf(out, len, "; |a*d - b*b| <= %s: an absolute threshold of the library, so a matrix "
-                     "of small entries fails though it is not singular", eps);
-        else
-            snprintf(out, len, "; the product of the eigenvalues is at most %s in magnitude: an absolute "
-                     "threshold of the library, so a matrix of small entries fails though it is not "
-                     "singular", eps);
-    } else if (st == omkStsNotConverged && !strcmp(family, "eigsym")) {
-        snprintf(out, len, "; 30 sweeps for one value without a negligible coupling (|0.5*e| <= %s, an "
-                 "absolute test whatever the size of the values)", eps);
-    } else if (st == omkStsNotPosDefinite) {
-        snprintf(out, len, "; a pivot d <= 0 (the test has no tolerance)");
-    }
-}
-
 /* Called with the GIL held: sets the package's exception for status st of export fname. */
 static void set_status_error(const OpDef* op, int st, const char* fname, int n)
 {
@@ -521,19 +467,10 @@ static void set_status_error(const OpDef* op, int st, const char* fname, int n)
         PyErr_NoMemory();
         return;
     }
-    int f64 = fname[0] == '6';
-    char note[320], msg[640];
-    threshold_note(note, sizeof note, op->family, st, f64, n);
-    snprintf(msg, sizeof msg, "%s: omkm%s_%.3s returned %s (%d) for an object of the stack%s", op->name,
-             fname + 3, fname, status_name(st), st, note);
-    PyObject* key = PyLong_FromLong(st);
-    PyObject* cls = key ? PyDict_GetItemWithError(err_by_status, key) : NULL;
-    Py_XDECREF(key);
-    if (!cls) {
-        if (PyErr_Occurred()) return;
-        cls = err_base;
-    }
-    PyObject* exc = PyObject_CallFunction(cls, "si", msg, st);
+    char msg[160];
+    snprintf(msg, sizeof msg, "%s: omkm%s_%.3s", op->name, fname + 3, fname);
+    /* omkm._errors.status_error builds the exception, with what the family's failing test is. */
+    PyObject* exc = PyObject_CallFunction(status_error, "iszii", st, msg, op->family, fname[0] == '6', n);
     if (exc) {
         PyErr_SetObject((PyObject*)Py_TYPE(exc), exc);
         Py_DECREF(exc);
@@ -760,14 +697,9 @@ PyMODINIT_FUNC PyInit__ufuncs(void)
     import_umath();
     PyObject* errors = PyImport_ImportModule("omkm._errors");
     if (!errors) return NULL;
-    err_base = PyObject_GetAttrString(errors, "OmkmError");
-    err_by_status = PyObject_GetAttrString(errors, "ERRORS");
+    status_error = PyObject_GetAttrString(errors, "status_error");
     Py_DECREF(errors);
-    if (!err_base || !err_by_status) return NULL;
-    if (!PyDict_Check(err_by_status)) {
-        PyErr_SetString(PyExc_TypeError, "omkm._errors.ERRORS must be a dict");
-        return NULL;
-    }
+    if (!status_error) return NULL;
     PyObject* m = PyModule_Create(&moddef);
     if (!m) return NULL;
     for (int k = 0; k < NOPS; k++) {
