@@ -17,14 +17,16 @@ from ._lib import (DivByZeroError, NotConvergedError, NotPosDefiniteError, OmkmE
                    SingularMatrixError, get_num_threads, set_num_threads)
 from ._lib import path as library_path
 from ._errors import NotSquareError
-from ._products import add, cross, dot, matmul, matvec, norm, scale, subtract, trace, vecmat
+from ._products import (add, cross, matmul, matrix_transpose, matvec, norm, scale, subtract, trace,
+                        vecdot, vecmat)
 from ._linalg import (cho_lower, cho_solve, cholesky, det, eig, eigh, eigvals, eigvalsh, inv,
                       lu_factor, lu_solve, qr, qr_solve, solve)
 from ._graphics import look_at, perspective, transform_points
 from . import ufuncs
 
 __all__ = [
-    "add", "subtract", "scale", "matmul", "matvec", "vecmat", "dot", "cross", "norm", "trace",
+    "add", "subtract", "scale", "matmul", "matvec", "vecmat", "vecdot", "cross", "norm", "trace",
+    "matrix_transpose",
     "lu_factor", "lu_solve", "solve", "cholesky", "cho_lower", "cho_solve", "qr", "qr_solve",
     "det", "inv", "eigvalsh", "eigh", "eigvals", "eig", "transform_points", "look_at",
     "perspective", "ufuncs", "set_num_threads", "get_num_threads", "library_path", "OmkmError",

@@ -1,5 +1,7 @@
 """Element-wise operations, products, dot and cross products, norms and trace."""
 
+import numpy as np
+
 from ._core import (COUNT, asarray, batch_of, check_sizes, no_replay, operand, output, planned,
                     result_type, run)
 
@@ -148,7 +150,7 @@ def matmul(a, b, out=None, *, copy=True):
     if x.ndim == 0 or y.ndim == 0:
         raise ValueError(f"{name}: operands must have at least one axis")
     if x.ndim == 1 and y.ndim == 1:
-        return dot(x, y, out=out, copy=copy)
+        return vecdot(x, y, out=out, copy=copy)
     if y.ndim == 1:
         return matvec(x, y, out=out, copy=copy)
     if x.ndim == 1:
@@ -221,11 +223,14 @@ def _vector_pair(name, a, b, n_fixed=None):
 
 
 @planned
-def dot(a, b, out=None, *, copy=True):
-    """The dot product of each pair of vectors of a and b (..., n) -> (...), as numpy.vecdot
-    (np.sum(a * b, axis=-1)); out must be C-contiguous."""
-    name = "dot"
-    x, y, dt, batch = _vector_pair(name, a, b)
+def vecdot(a, b, out=None, *, axis=-1, copy=True):
+    """The dot product of each pair of vectors of a and b along `axis` (..., n) -> (...), as
+    numpy 2's numpy.vecdot for real operands (np.sum(a * b, axis=axis)); out must be C-contiguous."""
+    name = "vecdot"
+    x, y = asarray(a, name), asarray(b, name)
+    if axis != -1:
+        x, y = _last_axis(name, x, axis), _last_axis(name, y, axis)
+    x, y, dt, batch = _vector_pair(name, x, y)
     n = x.shape[-1]
     o = output(out, batch, dt, 0, name, packed=True, inputs=(x, y))
     if o.count == 0:
@@ -238,6 +243,14 @@ def dot(a, b, out=None, *, copy=True):
     run(f"DotProduct_{_kinds((p, 'v'), (q, 'v'), arr=arr)}", dt,
         [(p, "v"), (q, "v"), (o, "p"), n] + [COUNT] * arr, o.count)
     return o.a if out is not None or o.a.ndim else o.a[()]
+
+
+def _last_axis(name, x, axis):
+    """x with `axis` moved last (a view): the library reads the vectors along it in place."""
+    try:
+        return np.moveaxis(x, axis, -1)
+    except np.AxisError as e:
+        raise np.AxisError(f"{name}: {e}") from None
 
 
 @planned
@@ -257,16 +270,51 @@ def cross(a, b, out=None, *, copy=True):
 
 
 @planned
-def norm(a, axis=-1, out=None, *, copy=True):
-    """Euclidean norm of each vector (axis=-1, (..., n) -> (...)) or Frobenius norm of each matrix
-    (axis=(-2, -1), (..., h, w) -> (...)), as numpy.linalg.norm with that axis. out must be
-    C-contiguous."""
+def norm(a, ord=None, axis=None, keepdims=False, out=None, *, copy=True):
+    """numpy.linalg.norm for the norms the library computes: the Euclidean norm of vectors (ord None
+    or 2, axis an int: each vector along it; axis None on a 1-D array) and the Frobenius norm of
+    matrices (ord None or 'fro', axis a pair of axes: each matrix over them; axis None on a 2-D
+    array); axis None with ord None on more axes is the Euclidean norm of all elements, as numpy
+    has it. Other orders raise NotImplementedError. out must be C-contiguous."""
     name = "norm"
     x = asarray(a, name)
+    if axis is None:
+        if ord is not None and x.ndim not in (1, 2):
+            raise ValueError(f"{name}: ord {ord!r} needs a 1-D or 2-D array when axis is None")
+        axes = (0,) if x.ndim == 1 else (0, 1) if x.ndim == 2 and ord is not None else None
+    else:
+        axes = (axis,) if np.ndim(axis) == 0 else tuple(axis)
+        if len(axes) not in (1, 2):
+            raise ValueError(f"{name}: axis must be an int or a pair of ints, got {axis!r}")
+        if any(not -x.ndim <= int(k) < x.ndim for k in axes):
+            raise np.AxisError(f"{name}: axis {axis!r} is out of bounds for an array of {x.ndim} axes")
+        axes = tuple(int(k) % x.ndim for k in axes)
+        if len(set(axes)) != len(axes):
+            raise ValueError(f"{name}: duplicate axes in {axis!r}")
+    if axes is None:                              # the norm of all elements: x as one vector
+        y, nd = x.reshape(-1), 1
+    else:
+        nd = len(axes)
+        if x.ndim == 2 and axis is None and ord is None:
+            nd = 2
+        allowed = (None, 2) if nd == 1 else (None, "fro")
+        if ord not in allowed:
+            raise NotImplementedError(f"{name}: ord={ord!r} for {'vectors' if nd == 1 else 'matrices'} "
+                                      f"(the library computes ord {' and '.join(map(repr, allowed[1:]))})")
+        y = np.moveaxis(x, axes, tuple(range(-nd, 0)))
+    r = _norms(name, y, nd, None if keepdims else out, copy)
+    if keepdims:
+        shape = [1 if k in (axes or range(x.ndim)) else n for k, n in enumerate(x.shape)]
+        r = r.reshape(shape)
+        if out is not None:
+            out[...] = r
+            return out
+    return r
+
+
+def _norms(name, x, nd, out, copy):
+    """The Euclidean norm of each vector (nd = 1) or Frobenius norm of each matrix (nd = 2) of x."""
     dt = result_type(x)
-    nd = {-1: 1, (-2, -1): 2}.get(axis if not isinstance(axis, list) else tuple(axis))
-    if nd is None:
-        raise ValueError(f"{name}: axis must be -1 (vectors) or (-2, -1) (matrices), got {axis!r}")
     if x.ndim < nd:
         raise ValueError(f"{name}: a needs at least {nd} axes")
     check_sizes(name, *x.shape[x.ndim - nd:])
@@ -281,6 +329,15 @@ def norm(a, axis=-1, out=None, *, copy=True):
         h, w = x.shape[-2:]
         run(f"FrobNorm_m{'a' * arr}", dt, [(p, "m"), w, h, (o, "p")] + [COUNT] * arr, o.count)
     return o.a if out is not None or o.a.ndim else o.a[()]
+
+
+def matrix_transpose(x):
+    """numpy 2's numpy.matrix_transpose: each matrix of x (..., h, w) transposed, as a view
+    (..., w, h); the library reads such views in place."""
+    a = np.asarray(x)
+    if a.ndim < 2:
+        raise ValueError(f"matrix_transpose: x needs at least 2 axes, got shape {a.shape}")
+    return np.swapaxes(a, -1, -2)
 
 
 @planned

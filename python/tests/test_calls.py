@@ -43,9 +43,9 @@ CALLS = {
     "matmul": (omkm.matmul, np.matmul, [(3, 4), (4, 5)], "general"),
     "matvec": (omkm.matvec, mv, [(3, 4), (4,)], "general"),
     "vecmat": (omkm.vecmat, vm, [(3,), (3, 4)], "general"),
-    "dot": (omkm.dot, vdot, [(3,), (3,)], "general"),
+    "vecdot": (omkm.vecdot, vdot, [(3,), (3,)], "general"),
     "cross": (omkm.cross, np.cross, [(3,), (3,)], "general"),
-    "norm": (omkm.norm, lambda a: np.linalg.norm(a, axis=-1), [(5,)], "general"),
+    "norm": (lambda a, **k: omkm.norm(a, axis=-1, **k), lambda a: np.linalg.norm(a, axis=-1), [(5,)], "general"),
     "norm_matrices": (lambda a, **k: omkm.norm(a, axis=(-2, -1), **k),
                       lambda a: np.linalg.norm(a, axis=(-2, -1)), [(3, 4)], "general"),
     "trace": (omkm.trace, lambda a: np.trace(a, axis1=-2, axis2=-1), [(4, 4)], "general"),
@@ -101,7 +101,7 @@ def test_layouts(rng, dt):
         ("matmul a", omkm.matmul, np.matmul, a, 2, (c,)),
         ("matmul b", lambda x, **kw: omkm.matmul(a, x, **kw), lambda x: a @ x, c, 2, ()),
         ("vecmat", lambda x, **kw: omkm.vecmat(v3, x, **kw), lambda x: vm(v3, x), a, 2, ()),
-        ("dot", omkm.dot, vdot, v3, 1, (w3,)),
+        ("vecdot", omkm.vecdot, vdot, v3, 1, (w3,)),
         ("inv", omkm.inv, np.linalg.inv, sq, 2, ()),
     ]
     for label, f, oracle, x, nd, others in cases:

@@ -68,7 +68,7 @@ def test_out_by_position_as_by_keyword(rng, dt):
     table = {o.lu_factor: (a,), o.solve: (a, v), o.cholesky: (a,), o.cho_solve: (o.cholesky(a), v),
              o.qr: (a,), o.qr_solve: (o.qr(a), v), o.det: (a,), o.inv: (a,), o.eigvalsh: (a,),
              o.eigh: (a,), o.add: (a, a), o.subtract: (a, a), o.matmul: (a, a), o.matvec: (a, v),
-             o.vecmat: (v, a), o.dot: (v, v), o.cross: (v3, v3), o.norm: (v, -1), o.trace: (a,)}
+             o.vecmat: (v, a), o.vecdot: (v, v), o.cross: (v3, v3), o.norm: (v, None, -1, False), o.trace: (a,)}
     assert set(table) == {f for f in vars(omkm).values() if hasattr(f, "plans")}
     for f, ins in table.items():
         want = f(*ins)

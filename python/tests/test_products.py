@@ -63,3 +63,17 @@ def test_layouts_give_the_bits_of_a_copy(rng, dt):
                 assert omkm.matmul(a, b, out=out, copy=False) is out
                 np.testing.assert_allclose(out, want, **tol(dt))
     assert (res["id"] == 0).all()
+
+
+def test_norm_vecdot_and_transpose_as_numpy(rng, dt):
+    """norm takes numpy.linalg.norm's arguments (ord None / 2 / 'fro', axis None, an int or a pair,
+    keepdims) and gives its shapes and values; vecdot and matrix_transpose are numpy 2's."""
+    x = rng.standard_normal((5, 3, 4)).astype(dt)
+    for y, kw in [(x, {}), (x, {"axis": 1}), (x, {"axis": -1, "keepdims": True}), (x, {"axis": (2, 0)}),
+                  (x, {"axis": (1, 2), "ord": "fro", "keepdims": True}), (x, {"keepdims": True}),
+                  (x[0], {}), (x[0], {"ord": "fro"}), (x[0, 0], {"ord": 2}), (x[0, 0], {"keepdims": True})]:
+        got, want = omkm.norm(y, **kw), np.linalg.norm(y.astype(np.float64), **kw)
+        assert np.shape(got) == np.shape(want) and np.asarray(got).dtype == dt, kw
+        np.testing.assert_allclose(got, want, **tol(dt))
+    np.testing.assert_allclose(omkm.vecdot(x, x[:1], axis=1), np.sum(x * x[:1], axis=1, dtype=np.float64), **tol(dt))
+    assert np.shares_memory(omkm.matrix_transpose(x), x) and omkm.matrix_transpose(x).shape == (5, 4, 3)
