@@ -6,6 +6,7 @@ import numpy as np
 
 from ._core import (COUNT, F32, INT, asarray, batch_of, check_sizes, operand, output,
                     planned, result_type, run)
+from . import ufuncs
 from ._errors import NotSquareError
 from ._lib import fn, raise_status
 
@@ -113,30 +114,6 @@ def lu_solve(lu_and_piv, b, out=None, *, copy=True):
     y, batch = _rhs(name, lu, b, n)
     dt = result_type(lu, y)
     return _lu_run(name, dt, lu, piv, y, batch, n, out, copy, (lu, piv, y))
-
-
-@planned
-def solve(a, b, out=None, *, copy=True):
-    """x with a x = b for each matrix a (..., n, n) and vector b (..., n) -> (..., n), by
-    LUDecomp and LUBackSubst (as numpy.linalg.solve(a, b[..., None])[..., 0]). One matrix against
-    a stack of vectors is factored once. Raises SingularMatrixError."""
-    name = "solve"
-    x, _, n = _square(name, a)
-    y, batch = _rhs(name, x, b, n)
-    dt = result_type(x, y)
-    o = output(out, batch + (n,), dt, 1, name, inputs=(x, y))
-    if o.count == 0:
-        return o.a
-    p = operand(x, 2, dt, copy, name + ": a", batch)
-    lead = p.a.shape[:-2]
-    lu = output(None, lead + (n, n), dt, 2, name)
-    piv = output(None, lead + (n,), INT, 1, name)
-    arr = lu.count > 1
-    run(f"LUDecomp_m{'a' * arr}", dt, [(p, "m"), (piv, "p"), (lu, "m"), n] + [COUNT] * arr, lu.count)
-    q = _vectors(y, dt, copy, name, batch, lu)
-    arr = o.count > 1
-    run(_member("LUBackSubst", lu, q, arr), dt, _solve_args(lu, [(piv, "p")], q, o, [n], arr), o.count)
-    return o.a
 
 
 # ---- Cholesky ----
@@ -268,20 +245,59 @@ def inv(a, out=None, *, copy=True):
 # ---- symmetric eigenproblem ----
 
 @planned
-def eigvalsh(a, out=None, *, copy=True):
-    """Eigenvalues of each symmetric matrix (..., n, n) -> (..., n), in DESCENDING order
-    (numpy.linalg.eigvalsh gives ascending). Raises SingularMatrixError when the product of the
+def eigen_sym_values(a, out=None, *, copy=True):
+    """The library's form of eigvalsh: eigenvalues of each symmetric matrix (..., n, n) -> (..., n),
+    in DESCENDING order (n >= 3; n = 2 in the order of its closed form). Raises SingularMatrixError when the product of the
     values is at most eps in magnitude (n >= 3; n = 2: |det| <= eps), NotConvergedError (the
     iteration's test of a negligible coupling is absolute, so a few random float32 matrices in
     100,000 reach the sweep limit; float64 converges on them)."""
-    return _eigsym("eigvalsh", a, (out, None), copy, False)[0]
+    return _eigsym("eigen_sym_values", a, (out, None), copy, False)[0]
 
 
 @planned
-def eigh(a, out=None, *, copy=True):
-    """(w, v): eigenvalues (..., n), descending, and eigenvectors as the columns of v (..., n, n),
-    a v[..., :, j] = w[..., j] v[..., :, j]. out: (w, v) or None. Errors as eigvalsh()."""
-    return _eigsym("eigh", a, _outs("eigh", out, 2), copy, True)
+def eigen_sym(a, out=None, *, copy=True):
+    """The library's form of eigh: (w, v), eigenvalues (..., n) descending and eigenvectors as the
+    columns of v (..., n, n), a v[..., :, j] = w[..., j] v[..., :, j]. out: (w, v) or None. Errors
+    as eigen_sym_values()."""
+    return _eigsym("eigen_sym", a, _outs("eigen_sym", out, 2), copy, True)
+
+
+# ---- numpy.linalg's names, with numpy's meaning, through the compiled gufuncs ----
+
+def _symmetric(name, a, UPLO):
+    """The symmetric matrices numpy.linalg.eigh reads from a: its lower (UPLO 'L') or upper ('U')
+    triangle, mirrored; in the working dtype."""
+    if UPLO not in ("L", "U"):
+        raise ValueError(f"{name}: UPLO argument must be 'L' or 'U', got {UPLO!r}")
+    x, dt, n = _square(name, a)
+    low = np.tri(n, dtype=bool)
+    x = x.astype(dt, copy=False)
+    return np.where(low if UPLO == "L" else low.T, x, np.swapaxes(x, -1, -2))
+
+
+def eigvalsh(a, UPLO="L", out=None):
+    """numpy.linalg.eigvalsh: the eigenvalues of each symmetric matrix (..., n, n) -> (..., n),
+    ascending, from its UPLO triangle. The library's singularity test is absolute: a matrix whose
+    eigenvalues multiply to at most eps (2^-23, 2^-52) raises SingularMatrixError (n >= 3)."""
+    return ufuncs.eigvalsh(_symmetric("eigvalsh", a, UPLO), out=out)
+
+
+def eigh(a, UPLO="L", out=None):
+    """numpy.linalg.eigh: (w, v), eigenvalues ascending (..., n) and the eigenvectors as the columns
+    of v (..., n, n), from the UPLO triangle of each symmetric matrix. out: (w, v) or None. Errors
+    as eigvalsh()."""
+    return ufuncs.eigh(_symmetric("eigh", a, UPLO), out=_outs("eigh", out, 2))
+
+
+def solve(a, b, out=None):
+    """numpy.linalg.solve: x with a x = b for each matrix a (..., n, n); b holds vectors (..., n)
+    when it has one axis fewer than a, else matrices (..., n, k), as numpy 1.x reads it. One LU
+    decomposition per matrix (once for a matrix broadcast over b), then its back substitutions."""
+    x, dt, n = _square("solve", a)
+    y = asarray(b, "solve")
+    dt = result_type(x, y)
+    f = ufuncs.solve1 if y.ndim == x.ndim - 1 else ufuncs.solve
+    return f(x.astype(dt, copy=False), y.astype(dt, copy=False), out=out)
 
 
 def _eigsym(name, a, outs, copy, vectors):

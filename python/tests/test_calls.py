@@ -51,11 +51,10 @@ CALLS = {
     "trace": (omkm.trace, lambda a: np.trace(a, axis1=-2, axis2=-1), [(4, 4)], "general"),
     "det": (omkm.det, np.linalg.det, [(4, 4)], "wellcond"),
     "inv": (omkm.inv, np.linalg.inv, [(4, 4)], "wellcond"),
-    "solve": (omkm.solve, solve64, [(4, 4), (4,)], "wellcond"),
     "lu_solve": (via(omkm.lu_factor, omkm.lu_solve), solve64, [(4, 4), (4,)], "wellcond"),
     "cho_solve": (via(omkm.cholesky, omkm.cho_solve), solve64, [(4, 4), (4,)], "spd"),
     "qr_solve": (via(omkm.qr, omkm.qr_solve), lstsq64, [(5, 3), (5,)], "general"),
-    "eigvalsh": (omkm.eigvalsh, lambda a: np.linalg.eigvalsh(a)[..., ::-1], [(4, 4)], "spd"),
+    "eigen_sym_values": (omkm.eigen_sym_values, lambda a: np.linalg.eigvalsh(a)[..., ::-1], [(4, 4)], "spd"),
 }
 
 

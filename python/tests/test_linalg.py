@@ -1,4 +1,5 @@
 import numpy as np
+import pytest
 
 import omkm
 from conftest import stack, tol
@@ -17,16 +18,45 @@ def test_cholesky_reads_the_lower_triangle(rng, dt):
     np.testing.assert_allclose(omkm.cho_lower(c), np.linalg.cholesky(a.astype(np.float64)), **tol(dt))
 
 
-def test_eigh(rng, dt):
+def test_eigen_sym(rng, dt):
+    """The library's form: values descending, vectors as columns, out= filled in place."""
     a = stack(rng, (COUNT, 4, 4), dt, "spd")
     for x in (a[0], a):
-        w, v = omkm.eigh(x)
+        w, v = omkm.eigen_sym(x)
         np.testing.assert_allclose(w, np.linalg.eigvalsh(x.astype(np.float64))[..., ::-1], **tol(dt))
         np.testing.assert_allclose(x @ v, v * w[..., None, :], **loose(dt))
         np.testing.assert_allclose(np.swapaxes(v, -1, -2) @ v, np.broadcast_to(np.eye(4), x.shape), **loose(dt))
     out = (np.zeros((COUNT, 4), dt), np.zeros((COUNT, 4, 4), dt))
-    assert all(r is o for r, o in zip(omkm.eigh(a, out=out), out))
+    assert all(r is o for r, o in zip(omkm.eigen_sym(a, out=out), out))
     np.testing.assert_array_equal(out[1], v)
+
+
+def test_numpy_names_mean_what_numpy_does(rng, dt):
+    """solve, eigvalsh and eigh against numpy.linalg: values to rounding, shapes, dtypes, order, and
+    only the UPLO triangle read (the other one is garbage here)."""
+    a = stack(rng, (COUNT, 4, 4), dt, "spd")
+    junk = a + np.triu(np.full((4, 4), 1e3, dt), 1)
+    for uplo, x in (("L", junk), ("U", np.swapaxes(junk, -1, -2))):
+        want = np.linalg.eigh(x.astype(np.float64), UPLO=uplo)
+        w, v = omkm.eigh(x, UPLO=uplo)
+        assert w.dtype == v.dtype == dt and w.shape == want[0].shape and v.shape == want[1].shape
+        np.testing.assert_allclose(w, want[0], **tol(dt))
+        np.testing.assert_allclose(np.abs(np.sum(v * want[1], axis=-2)), 1, **loose(dt))   # same vectors up to sign
+        np.testing.assert_array_equal(omkm.eigvalsh(x, uplo), w)
+    m = stack(rng, (COUNT, 4, 4), dt, "wellcond")
+    for b in (rng.standard_normal((COUNT, 4)), rng.standard_normal((COUNT, 4, 2)), rng.standard_normal(4),
+              rng.standard_normal((4, 3))):
+        b = b.astype(dt)
+        for mm in (m, m[0]):
+            try:
+                want = np.linalg.solve(mm.astype(np.float64), b.astype(np.float64))
+            except ValueError:                    # shapes numpy refuses: so does omkm
+                with pytest.raises(ValueError):
+                    omkm.solve(mm, b)
+                continue
+            got = omkm.solve(mm, b)
+            assert got.shape == want.shape and got.dtype == dt
+            np.testing.assert_allclose(got, want, **loose(dt))
 
 
 def test_eig(rng, dt):
