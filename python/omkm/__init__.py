@@ -19,15 +19,17 @@ from ._lib import path as library_path
 from ._errors import NotSquareError
 from ._products import (add, cross, matmul, matrix_transpose, matvec, norm, scale, subtract, trace,
                         vecdot, vecmat)
-from ._linalg import (cho_lower, cho_solve, cholesky, det, eig, eigen_sym, eigen_sym_values, eigh,
-                      eigvals, eigvalsh, inv, lu_factor, lu_solve, qr, qr_solve, solve)
+from ._linalg import (cho_factor, cho_lower, cho_solve, cholesky, cholesky_factor, cholesky_solve, det,
+                      eig, eigen_sym, eigen_sym_values, eigh, eigvals, eigvalsh, inv, lu_factor,
+                      lu_solve, qr, qr_solve, solve)
 from ._graphics import look_at, perspective, transform_points
 from . import ufuncs
 
 __all__ = [
     "add", "subtract", "scale", "matmul", "matvec", "vecmat", "vecdot", "cross", "norm", "trace",
     "matrix_transpose",
-    "lu_factor", "lu_solve", "solve", "cholesky", "cho_lower", "cho_solve", "qr", "qr_solve",
+    "lu_factor", "lu_solve", "solve", "cholesky", "cho_factor", "cho_solve", "cholesky_factor",
+    "cholesky_solve", "cho_lower", "qr", "qr_solve",
     "det", "inv", "eigvalsh", "eigh", "eigen_sym_values", "eigen_sym", "eigvals", "eig",
     "transform_points", "look_at",
     "perspective", "ufuncs", "set_num_threads", "get_num_threads", "library_path", "OmkmError",

@@ -119,12 +119,12 @@ def lu_solve(lu_and_piv, b, out=None, *, copy=True):
 # ---- Cholesky ----
 
 @planned
-def cholesky(a, out=None, *, copy=True):
-    """Cholesky factor A = L L^T of each symmetric positive definite matrix (..., n, n), in the
-    library's layout: L(i, j) below the diagonal and 1/L(i, i) on it; only the lower triangle of a
-    is read and the strict upper triangle of the result is never written (zeros in a new array;
+def cholesky_factor(a, out=None, *, copy=True):
+    """The library's Cholesky factor A = L L^T of each symmetric positive definite matrix
+    (..., n, n): L(i, j) below the diagonal and 1/L(i, i) on it; only the lower triangle of a is
+    read and the strict upper triangle of the result is never written (zeros in a new array;
     cho_lower() gives L). Raises NotPosDefiniteError when a pivot is not positive."""
-    name = "cholesky"
+    name = "cholesky_factor"
     x, dt, n = _square(name, a)
     o = output(out, x.shape, dt, 2, name, inputs=(x,), alloc=np.zeros)
     if o.count == 0:
@@ -136,7 +136,7 @@ def cholesky(a, out=None, *, copy=True):
 
 
 def cho_lower(c):
-    """L from a cholesky() factor: its strict lower triangle and the reciprocal of its diagonal."""
+    """L from a cholesky_factor() factor: its strict lower triangle and the reciprocal of its diagonal."""
     c = np.asarray(c)
     low = np.tril(c, -1)
     i = np.arange(c.shape[-1])
@@ -145,9 +145,9 @@ def cho_lower(c):
 
 
 @planned
-def cho_solve(c, b, out=None, *, copy=True):
-    """Solves A x = b from a cholesky() factor c (..., n, n) for vectors b (..., n)."""
-    name = "cho_solve"
+def cholesky_solve(c, b, out=None, *, copy=True):
+    """Solves A x = b from a cholesky_factor() factor c (..., n, n) for vectors b (..., n)."""
+    name = "cholesky_solve"
     f, _, n = _square(name, c)
     y, batch = _rhs(name, f, b, n)
     dt = result_type(f, y)
@@ -159,6 +159,54 @@ def cho_solve(c, b, out=None, *, copy=True):
     arr = o.count > 1
     run(_member("CholeskyBackSubst", p, q, arr), dt, _solve_args(p, [], q, o, [n], arr), o.count)
     return o.a
+
+
+def cholesky(a, out=None):
+    """numpy.linalg.cholesky: L with A = L L^T and zeros above the diagonal, for each symmetric
+    positive definite matrix (..., n, n), from its lower triangle. NotPosDefiniteError (a
+    LinAlgError) when a pivot is not positive."""
+    x, dt, _ = _square("cholesky", a)
+    return ufuncs.cholesky(x.astype(dt, copy=False), out=out)
+
+
+def _finite(name, check_finite, *arrays):
+    if check_finite and not all(np.isfinite(x).all() for x in arrays):
+        raise ValueError(f"{name}: array must not contain infs or NaNs")
+
+
+def cho_factor(a, lower=False, overwrite_a=False, check_finite=True):
+    """scipy.linalg.cho_factor: (c, lower), c holding L (lower) or U = L^T (upper, the default) in
+    that triangle of each matrix (..., n, n), read from that triangle of a; the other triangle
+    holds a's entries. overwrite_a is accepted and a is never overwritten."""
+    x, dt, n = _square("cho_factor", a)
+    _finite("cho_factor", check_finite, x)
+    x = x.astype(dt, copy=False)
+    low = np.tri(n, dtype=bool)
+    if lower:
+        c = np.where(low, ufuncs.cholesky(x), x)
+    else:
+        c = np.where(low.T, np.swapaxes(ufuncs.cholesky(np.swapaxes(x, -1, -2)), -1, -2), x)
+    return c, bool(lower)
+
+
+def cho_solve(c_and_lower, b, overwrite_b=False, check_finite=True):
+    """scipy.linalg.cho_solve: x with A x = b from cho_factor()'s (c, lower); b holds vectors
+    (..., n) when it has one axis fewer than c, else matrices (..., n, k) whose columns are solved."""
+    c, lower = c_and_lower
+    f, dt, n = _square("cho_solve", c)
+    y = asarray(b, "cho_solve")
+    _finite("cho_solve", check_finite, f, y)
+    dt = result_type(f, y)
+    f = f.astype(dt, copy=False)
+    factor = np.tril(f) if lower else np.swapaxes(np.triu(f), -1, -2)
+    i = np.arange(n)
+    factor[..., i, i] = 1 / factor[..., i, i]       # the library's factor holds 1/L(i, i)
+    if y.ndim == f.ndim - 1:
+        return cholesky_solve(factor, y.astype(dt, copy=False))
+    if y.ndim < 2 or y.shape[-2] != n:
+        raise ValueError(f"cho_solve: b must hold vectors (..., {n}) or matrices (..., {n}, k), got shape {y.shape}")
+    cols = np.swapaxes(y.astype(dt, copy=False), -1, -2)                  # (..., k, n): the columns
+    return np.swapaxes(cholesky_solve(factor[..., None, :, :], cols), -1, -2)
 
 
 # ---- QR ----

@@ -52,7 +52,7 @@ CALLS = {
     "det": (omkm.det, np.linalg.det, [(4, 4)], "wellcond"),
     "inv": (omkm.inv, np.linalg.inv, [(4, 4)], "wellcond"),
     "lu_solve": (via(omkm.lu_factor, omkm.lu_solve), solve64, [(4, 4), (4,)], "wellcond"),
-    "cho_solve": (via(omkm.cholesky, omkm.cho_solve), solve64, [(4, 4), (4,)], "spd"),
+    "cholesky_solve": (via(omkm.cholesky_factor, omkm.cholesky_solve), solve64, [(4, 4), (4,)], "spd"),
     "qr_solve": (via(omkm.qr, omkm.qr_solve), lstsq64, [(5, 3), (5,)], "general"),
     "eigen_sym_values": (omkm.eigen_sym_values, lambda a: np.linalg.eigvalsh(a)[..., ::-1], [(4, 4)], "spd"),
 }

@@ -22,6 +22,7 @@ def sentinel(shape, dt=np.float64):
     (lambda: omkm.eigh(np.ones((3, 2))), ValueError, "square"),
     (lambda: omkm.inv(np.eye(3, dtype=np.float16)), TypeError, "float16"),
     (lambda: omkm.eigvalsh(1e-6 * np.eye(3)), omkm.SingularMatrixError, r"2\^-52 .*absolute threshold"),
+    (lambda: omkm.eigen_sym_values(1e-6 * np.eye(3)), omkm.SingularMatrixError, r"2\^-52 .*absolute threshold"),
     (lambda: omkm.qr(1e-4 * np.eye(2, dtype=np.float32)), omkm.DivByZeroError, r"2\^-23 .*absolute threshold"),
     (lambda: omkm.solve(np.eye(3), np.ones(3, np.longdouble)), TypeError, "float128"),
     (lambda: omkm.solve(np.eye(3), np.ones(4)), ValueError, "core dimension"),

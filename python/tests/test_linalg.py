@@ -13,7 +13,7 @@ def loose(dt):
 
 def test_cholesky_reads_the_lower_triangle(rng, dt):
     a = stack(rng, (COUNT, 4, 4), dt, "spd")
-    c = omkm.cholesky(a + np.triu(np.full((4, 4), 1e3, dt), 1))
+    c = omkm.cholesky_factor(a + np.triu(np.full((4, 4), 1e3, dt), 1))
     assert (np.triu(c, 1) == 0).all()
     np.testing.assert_allclose(omkm.cho_lower(c), np.linalg.cholesky(a.astype(np.float64)), **tol(dt))
 
@@ -57,6 +57,31 @@ def test_numpy_names_mean_what_numpy_does(rng, dt):
             got = omkm.solve(mm, b)
             assert got.shape == want.shape and got.dtype == dt
             np.testing.assert_allclose(got, want, **loose(dt))
+
+
+def test_cholesky_names_mean_what_numpy_and_scipy_do(rng, dt):
+    """cholesky as numpy.linalg's (L, zeros above); cho_factor / cho_solve as scipy.linalg's: the
+    factor in the asked triangle read from that triangle, a's entries in the other, solves of
+    vectors and of matrices; a stack gives each matrix's own result."""
+    sl = pytest.importorskip("scipy.linalg")
+    a = stack(rng, (3, 4, 4), dt, "spd")
+    np.testing.assert_allclose(omkm.cholesky(a), np.linalg.cholesky(a.astype(np.float64)), **tol(dt))
+    assert omkm.cholesky(a).dtype == dt and (np.triu(omkm.cholesky(a), 1) == 0).all()
+    junk = np.triu(np.full((4, 4), 1e3, dt), 1)
+    for lower, x in ((True, a + junk), (False, a + np.swapaxes(junk, -1, -2))):
+        tri = np.tril if lower else np.triu
+        c, low = omkm.cho_factor(x, lower=lower)
+        assert low is lower and c.dtype == dt
+        np.testing.assert_array_equal(c - tri(c), x - tri(x))           # the other triangle: a's entries
+        for k in range(3):
+            cs = sl.cho_factor(x[k].astype(np.float64), lower=lower)
+            np.testing.assert_allclose(tri(c[k]), tri(cs[0]), **tol(dt))
+            for b in (rng.standard_normal(4), rng.standard_normal((4, 2))):
+                got = omkm.cho_solve((c[k], low), b.astype(dt))
+                assert got.shape == b.shape
+                np.testing.assert_allclose(got, sl.cho_solve(cs, b), **loose(dt))
+    with pytest.raises(ValueError, match="infs or NaNs"):
+        omkm.cho_factor(np.full((3, 3), np.nan, dt))
 
 
 def test_eig(rng, dt):
