@@ -21,7 +21,7 @@ from ._products import (add, cross, matmul, matrix_transpose, matvec, norm, scal
                         vecdot, vecmat)
 from ._linalg import (cho_factor, cho_lower, cho_solve, cholesky, cholesky_factor, cholesky_solve, det,
                       eig, eigen_sym, eigen_sym_values, eigh, eigvals, eigvalsh, inv, lu_factor,
-                      lu_solve, qr, qr_solve, solve)
+                      lu_solve, qr, qr_packed, qr_solve, solve)
 from ._graphics import look_at, perspective, transform_points
 from . import ufuncs
 
@@ -29,7 +29,7 @@ __all__ = [
     "add", "subtract", "scale", "matmul", "matvec", "vecmat", "vecdot", "cross", "norm", "trace",
     "matrix_transpose",
     "lu_factor", "lu_solve", "solve", "cholesky", "cho_factor", "cho_solve", "cholesky_factor",
-    "cholesky_solve", "cho_lower", "qr", "qr_solve",
+    "cholesky_solve", "cho_lower", "qr", "qr_packed", "qr_solve",
     "det", "inv", "eigvalsh", "eigh", "eigen_sym_values", "eigen_sym", "eigvals", "eig",
     "transform_points", "look_at",
     "perspective", "ufuncs", "set_num_threads", "get_num_threads", "library_path", "OmkmError",

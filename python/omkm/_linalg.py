@@ -212,11 +212,11 @@ def cho_solve(c_and_lower, b, overwrite_b=False, check_finite=True):
 # ---- QR ----
 
 @planned
-def qr(a, out=None, *, copy=True):
-    """Householder QR of each matrix (..., h, w), h >= w, in the library's layout: R on and above
-    the diagonal, the Householder vectors below it (leading 1 implied). Raises DivByZeroError for a
-    column of negligible norm."""
-    name = "qr"
+def qr_packed(a, out=None, *, copy=True):
+    """The library's Householder QR of each matrix (..., h, w), h >= w: R on and above the diagonal,
+    the Householder vectors below it (leading 1 implied); w - 1 reflections for a square matrix, w
+    otherwise. Raises DivByZeroError for a column of negligible norm."""
+    name = "qr_packed"
     x = asarray(a, name)
     if x.ndim < 2 or x.shape[-2] < x.shape[-1]:
         raise ValueError(f"{name}: a must hold matrices (..., h, w) with h >= w, got shape {x.shape}")
@@ -231,6 +231,45 @@ def qr(a, out=None, *, copy=True):
     arr = o.count > 1
     run(f"QRDecomp_m{'a' * arr}", dt, [(p, "m"), buf, (o, "m"), w, h] + [COUNT] * arr, o.count)
     return o.a
+
+
+def qr(a, mode="reduced"):
+    """numpy.linalg.qr: (Q, R) with A = Q R for each matrix (..., m, n); mode 'reduced' (Q m x k,
+    R k x n, k = min(m, n)), 'complete' (Q m x m, R m x n) or 'r' (R alone). From the library's
+    Householder factor (qr_packed): Q is its reflections applied to the identity, each
+    H = I - beta v v^T with beta = 2 / (v^T v) as the library's solver forms it. A wide matrix
+    (m < n) is factored on its first m columns, R's other columns being Q^T times a's. mode 'raw'
+    (LAPACK's own Householder form) raises NotImplementedError: qr_packed is the library's."""
+    if mode not in ("reduced", "complete", "r", "raw"):
+        raise ValueError(f"qr: unrecognized mode {mode!r}")
+    if mode == "raw":
+        raise NotImplementedError("qr: mode='raw' (LAPACK's Householder form); qr_packed() gives the library's")
+    x = asarray(a, "qr")
+    if x.ndim < 2:
+        raise np.linalg.LinAlgError(f"qr: {x.ndim}-dimensional array given; it must have at least two axes")
+    dt = result_type(x)
+    x = x.astype(dt, copy=False)
+    m, n = x.shape[-2:]
+    k = min(m, n)
+    f = qr_packed(x[..., :, :k] if m < n else x)
+    r = np.triu(f if mode == "complete" else f[..., :k, :])
+    if m < n:
+        r = np.concatenate([r, np.zeros(r.shape[:-1] + (n - k,), dt)], axis=-1)
+    if mode == "r" and m >= n:
+        return r
+    cols = m if mode == "complete" else k
+    q = np.zeros(x.shape[:-2] + (m, cols), dt)
+    q[..., np.arange(cols), np.arange(cols)] = 1
+    for j in reversed(range(k - 1 if k == m else k)):       # H_0 (H_1 (... H_last I))
+        v = f[..., j:, j].copy()
+        v[..., 0] = 1
+        beta = 2 / np.sum(v * v, axis=-1)
+        q[..., j:, :] -= (beta[..., None] * v)[..., :, None] * (v[..., None, :] @ q[..., j:, :])
+    if m < n:
+        r[..., :, k:] = np.swapaxes(q, -1, -2) @ x[..., :, k:]
+        if mode == "r":
+            return r
+    return q, r
 
 
 @planned

@@ -84,6 +84,17 @@ def test_cholesky_names_mean_what_numpy_and_scipy_do(rng, dt):
         omkm.cho_factor(np.full((3, 3), np.nan, dt))
 
 
+def test_qr_means_what_numpy_does(rng, dt):
+    """qr as numpy.linalg.qr: Q and R of every mode, tall, square and wide, one matrix and stacks."""
+    for shape in ((4, 4), (5, 3), (3, 5), (2, 6, 4)):
+        a = rng.standard_normal(shape).astype(dt)
+        for mode in ("reduced", "complete", "r"):
+            got, want = omkm.qr(a, mode), np.linalg.qr(a.astype(np.float64), mode)
+            for g, w in zip(*[r if isinstance(r, tuple) else (r,) for r in (got, want)]):
+                assert g.shape == w.shape and g.dtype == dt, (shape, mode)
+                np.testing.assert_allclose(g, w, **loose(dt))
+
+
 def test_eig(rng, dt):
     a = stack(rng, (COUNT, 4, 4), dt)
     a64, t = a.astype(np.float64), loose(dt)
