@@ -20,15 +20,15 @@ from ._errors import NotSquareError
 from ._products import (add, cross, matmul, matrix_transpose, matvec, norm, scale, subtract, trace,
                         vecdot, vecmat)
 from ._linalg import (cho_factor, cho_lower, cho_solve, cholesky, cholesky_factor, cholesky_solve, det,
-                      eig, eigen_sym, eigen_sym_values, eigh, eigvals, eigvalsh, inv, lu_factor,
-                      lu_solve, qr, qr_packed, qr_solve, solve)
+                      eig, eigen_sym, eigen_sym_values, eigh, eigvals, eigvalsh, inv, lu_backsubst,
+                      lu_decomp, lu_factor, lu_solve, qr, qr_packed, qr_solve, solve)
 from ._graphics import look_at, perspective, transform_points
 from . import ufuncs
 
 __all__ = [
     "add", "subtract", "scale", "matmul", "matvec", "vecmat", "vecdot", "cross", "norm", "trace",
     "matrix_transpose",
-    "lu_factor", "lu_solve", "solve", "cholesky", "cho_factor", "cho_solve", "cholesky_factor",
+    "lu_factor", "lu_solve", "lu_decomp", "lu_backsubst", "solve", "cholesky", "cho_factor", "cho_solve", "cholesky_factor",
     "cholesky_solve", "cho_lower", "qr", "qr_packed", "qr_solve",
     "det", "inv", "eigvalsh", "eigh", "eigen_sym_values", "eigen_sym", "eigvals", "eig",
     "transform_points", "look_at",

@@ -61,14 +61,14 @@ def _member(base, p, q, arr):
 # ---- LU ----
 
 @planned
-def lu_factor(a, out=None, *, copy=True):
-    """LU decomposition with partial pivoting by rows of each matrix (..., n, n).
+def lu_decomp(a, out=None, *, copy=True):
+    """The library's LU decomposition with partial pivoting by rows of each matrix (..., n, n).
 
     Returns (lu, piv) in the library's layout: rows never move; piv (..., n) of int32 holds the
     row order, and row piv[k] of lu holds U(k, j) for j >= k and the multiplier L(k, j) for j < k
     (the unit diagonal of L is not stored), so a[piv] = L @ U. out: (lu, piv) or None. Raises
     SingularMatrixError when a pivot falls below the library's threshold."""
-    name = "lu_factor"
+    name = "lu_decomp"
     x, dt, n = _square(name, a)
     o_lu, o_piv = _outs(name, out, 2)
     o = output(o_lu, x.shape, dt, 2, name, inputs=(x,))
@@ -94,11 +94,11 @@ def _lu_run(name, dt, lu, piv, y, batch, n, out, copy, inputs):
     return o.a
 
 
-def lu_solve(lu_and_piv, b, out=None, *, copy=True):
-    """Solves a x = b from lu_factor's (lu, piv) for vectors b (..., n) -> x (..., n); one factor
+def lu_backsubst(lu_and_piv, b, out=None, *, copy=True):
+    """Solves a x = b from lu_decomp's (lu, piv) for vectors b (..., n) -> x (..., n); one factor
     against a stack of vectors uses LUBackSubst_mva. For a right-hand-side matrix B (n, k), pass
     B.T: its columns are read in place as k vectors, and the result is X.T."""
-    name = "lu_solve"
+    name = "lu_backsubst"
     lu, piv = lu_and_piv
     lu, dt, n = _square(name, lu)
     piv = np.asarray(piv)
@@ -114,6 +114,63 @@ def lu_solve(lu_and_piv, b, out=None, *, copy=True):
     y, batch = _rhs(name, lu, b, n)
     dt = result_type(lu, y)
     return _lu_run(name, dt, lu, piv, y, batch, n, out, copy, (lu, piv, y))
+
+
+def lu_factor(a, overwrite_a=False, check_finite=True):
+    """scipy.linalg.lu_factor: (lu, piv) of each matrix (..., n, n), P A = L U with lu holding U on
+    and above the diagonal and L's multipliers below it, rows in pivot order, and piv (int32)
+    LAPACK's interchanges: row i was exchanged with row piv[i], for i = 0, 1, ... in turn. From
+    lu_decomp, whose rows stay in place. SingularMatrixError where the library's absolute pivot
+    threshold is met (scipy warns and returns). overwrite_a is accepted; a is never overwritten."""
+    x, dt, n = _square("lu_factor", a)
+    _finite("lu_factor", check_finite, x)
+    lu, order = lu_decomp(x)
+    lu = np.take_along_axis(lu, order[..., :, None].astype(np.intp), axis=-2)
+    # The interchanges that take 0 ... n-1 to the library's row order.
+    rows = np.broadcast_to(np.arange(n), order.shape).copy()
+    where = rows.copy()                           # where[r]: the position of row r in `rows`
+    piv = np.empty(order.shape, np.int32)
+    for i in range(n):
+        j = np.take_along_axis(where, order[..., i:i + 1].astype(np.intp), axis=-1)[..., 0]
+        piv[..., i] = j
+        ri = rows[..., i].copy()
+        rj = np.take_along_axis(rows, j[..., None], axis=-1)[..., 0]
+        rows[..., i] = rj
+        np.put_along_axis(rows, j[..., None], ri[..., None], axis=-1)
+        np.put_along_axis(where, rj[..., None], i, axis=-1)
+        np.put_along_axis(where, ri[..., None], j[..., None], axis=-1)
+    return lu, piv
+
+
+def lu_solve(lu_and_piv, b, trans=0, overwrite_b=False, check_finite=True):
+    """scipy.linalg.lu_solve: x with A x = b from lu_factor()'s (lu, piv); b holds vectors (..., n)
+    when it has one axis fewer than lu, else matrices (..., n, k) whose columns are solved.
+    trans 1 and 2 (A^T x = b, A^H x = b) raise NotImplementedError."""
+    if trans not in (0, "N"):
+        raise NotImplementedError(f"lu_solve: trans={trans!r} (the library solves A x = b only)")
+    lu, piv = lu_and_piv
+    f, dt, n = _square("lu_solve", lu)
+    y = asarray(b, "lu_solve")
+    _finite("lu_solve", check_finite, f, y)
+    piv = np.asarray(piv)
+    if piv.shape != f.shape[:-1] or piv.dtype.kind not in "iu" or (piv.size and (piv.min() < 0 or piv.max() >= n)):
+        raise ValueError(f"lu_solve: piv must hold row numbers 0 ... {n - 1}, shape {f.shape[:-1]}")
+    # The row order P gives: the interchanges applied in turn to 0 ... n-1.
+    order = np.broadcast_to(np.arange(n), piv.shape).copy()
+    for i in range(n):
+        j = piv[..., i:i + 1].astype(np.intp)
+        oi, oj = order[..., i:i + 1].copy(), np.take_along_axis(order, j, axis=-1)
+        order[..., i:i + 1] = oj
+        np.put_along_axis(order, j, oi, axis=-1)
+    identity = np.broadcast_to(np.arange(n, dtype=INT), piv.shape)
+    vectors = y.ndim == f.ndim - 1
+    if not vectors and (y.ndim < 2 or y.shape[-2] != n):
+        raise ValueError(f"lu_solve: b must hold vectors (..., {n}) or matrices (..., {n}, k), got shape {y.shape}")
+    pb = np.take_along_axis(y, (order if vectors else order[..., :, None]).astype(np.intp), axis=-1 if vectors else -2)
+    if vectors:
+        return lu_backsubst((f, identity), pb)
+    x = lu_backsubst((f[..., None, :, :], identity[..., None, :]), np.swapaxes(pb, -1, -2))
+    return np.swapaxes(x, -1, -2)
 
 
 # ---- Cholesky ----

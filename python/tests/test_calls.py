@@ -51,7 +51,7 @@ CALLS = {
     "trace": (omkm.trace, lambda a: np.trace(a, axis1=-2, axis2=-1), [(4, 4)], "general"),
     "det": (omkm.det, np.linalg.det, [(4, 4)], "wellcond"),
     "inv": (omkm.inv, np.linalg.inv, [(4, 4)], "wellcond"),
-    "lu_solve": (via(omkm.lu_factor, omkm.lu_solve), solve64, [(4, 4), (4,)], "wellcond"),
+    "lu_backsubst": (via(omkm.lu_decomp, omkm.lu_backsubst), solve64, [(4, 4), (4,)], "wellcond"),
     "cholesky_solve": (via(omkm.cholesky_factor, omkm.cholesky_solve), solve64, [(4, 4), (4,)], "spd"),
     "qr_solve": (via(omkm.qr_packed, omkm.qr_solve), lstsq64, [(5, 3), (5,)], "general"),
     "eigen_sym_values": (omkm.eigen_sym_values, lambda a: np.linalg.eigvalsh(a)[..., ::-1], [(4, 4)], "spd"),

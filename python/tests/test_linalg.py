@@ -95,6 +95,24 @@ def test_qr_means_what_numpy_does(rng, dt):
                 np.testing.assert_allclose(g, w, **loose(dt))
 
 
+def test_lu_names_mean_what_scipy_does(rng, dt):
+    """lu_factor / lu_solve as scipy.linalg's: lu in pivot order, LAPACK's interchanges (pivoting
+    in every step at orders 1 to 7), solves of vectors and matrices; a stack gives each its own."""
+    sl = pytest.importorskip("scipy.linalg")
+    for n in (1, 2, 3, 4, 5, 7):
+        a = rng.standard_normal((3, n, n)).astype(dt)
+        lu, piv = omkm.lu_factor(a)
+        assert lu.dtype == dt and piv.dtype == np.int32 and piv.shape == (3, n)
+        for k in range(3):
+            lus, pivs = sl.lu_factor(a[k].astype(np.float64))
+            np.testing.assert_array_equal(piv[k], pivs)
+            np.testing.assert_allclose(lu[k], lus, **loose(dt))
+            for b in (rng.standard_normal(n), rng.standard_normal((n, 2))):
+                got = omkm.lu_solve((lu[k], piv[k]), b.astype(dt))
+                assert got.shape == b.shape
+                np.testing.assert_allclose(got, sl.lu_solve((lus, pivs), b), **loose(dt))
+
+
 def test_eig(rng, dt):
     a = stack(rng, (COUNT, 4, 4), dt)
     a64, t = a.astype(np.float64), loose(dt)
