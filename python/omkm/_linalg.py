@@ -494,7 +494,8 @@ def _complex_vectors(v, im, dst):
 
 
 def eigvals(a, out=None, *, copy=True):
-    """Eigenvalues of each general matrix (..., n, n) -> complex (..., n) (complex64 for float32),
+    """numpy.linalg.eigvals: eigenvalues of each general matrix (..., n, n) -> (..., n), complex
+    (complex64 for float32) unless every value of the call is real (then real, as numpy casts),
     in the order the library finds them (not sorted; a conjugate pair consecutive, positive
     imaginary component first). Raises NotConvergedError."""
     return eig(a, left=False, right=False, out=out, copy=copy)
@@ -504,8 +505,10 @@ def eig(a, left=False, right=True, out=None, *, copy=True):
     """Eigenvalues and eigenvectors of each general matrix (..., n, n), as scipy.linalg.eig:
     returns w, then vl if left, then vr if right (w alone when neither). Right vectors satisfy
     a vr[..., :, j] = w[j] vr[..., :, j], left vectors vl^H a = w vl^H; each has norm 1 with its
-    largest component real and positive. All results are complex (complex64 for float32); out is
-    a tuple of complex arrays for them (w alone for eigvals). Raises NotConvergedError."""
+    largest component real and positive. With the defaults this is numpy.linalg.eig: results are
+    complex (complex64 for float32) unless every value of the call is real, when they are real
+    arrays, as numpy casts them; out is a tuple of complex arrays (w alone for eigvals) and keeps
+    them complex. Raises NotConvergedError."""
     name = "eig" if left or right else "eigvals"
     x, dt, n = _square(name, a)
     cdt = np.dtype(np.complex64 if dt == F32 else np.complex128)
@@ -535,6 +538,9 @@ def eig(a, left=False, right=True, out=None, *, copy=True):
         run(f"{member[bool(left), bool(right)]}_m{'a' * arr}", dt,
             [(p, "m")] + [(v, "m") for v in vs] + [(re, "p"), (im, "p"), n] + [COUNT] * arr + [buf],
             re.count)
+    if out is None and not np.any(im.a):        # all values real: real arrays, as numpy.linalg.eig gives
+        real = [re.a] + [v.a for v in vs]
+        return real[0] if k == 1 else tuple(real)
     res[0].real[...] = re.a
     res[0].imag[...] = im.a
     for v, dst in zip(vs, res[1:]):

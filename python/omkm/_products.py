@@ -253,8 +253,23 @@ def _last_axis(name, x, axis):
         raise np.AxisError(f"{name}: {e}") from None
 
 
+def cross(a, b, axisa=-1, axisb=-1, axisc=-1, axis=None, out=None, *, copy=True):
+    """numpy.cross for 3-vectors: the cross product of each pair of vectors of a and b along
+    axisa / axisb (axis sets all three), results along axisc. 2-vectors raise NotImplementedError
+    (the library's cross product is of 3-vectors)."""
+    if axis is not None:
+        axisa = axisb = axisc = axis
+    x, y = (_last_axis("cross", asarray(v, "cross"), k) for v, k in ((a, axisa), (b, axisb)))
+    if 2 in (x.shape[-1:] + y.shape[-1:]):
+        raise NotImplementedError("cross: 2-vectors (the library's cross product is of 3-vectors)")
+    if axisc == -1:
+        return _cross(x, y, out, copy=copy)
+    r = _cross(x, y, None if out is None else np.moveaxis(out, axisc, -1), copy=copy)
+    return np.moveaxis(r, -1, axisc) if out is None else out
+
+
 @planned
-def cross(a, b, out=None, *, copy=True):
+def _cross(a, b, out=None, *, copy=True):
     """The cross product of each pair of 3-vectors of a and b (..., 3) -> (..., 3)."""
     name = "cross"
     x, y, dt, batch = _vector_pair(name, a, b, 3)

@@ -29,6 +29,7 @@ def sentinel(shape, dt=np.float64):
     (lambda: omkm.qr_packed(np.ones((2, 3))), ValueError, "h >= w"),
     (lambda: omkm.qr(np.ones((3, 3)), mode="raw"), NotImplementedError, "raw"),
     (lambda: omkm.cross(np.ones(4), np.ones(4)), ValueError, "must be 3"),
+    (lambda: omkm.cross(np.ones(2), np.ones(2)), NotImplementedError, "2-vectors"),
     (lambda: omkm.norm(np.ones((3, 3)), ord=1), NotImplementedError, "ord=1"),
     (lambda: omkm.norm(np.ones((2, 3, 3)), axis=(1, 2), ord=2), NotImplementedError, "ord=2 for matrices"),
     (lambda: omkm.norm(np.ones((3, 3)), axis=2), np.AxisError, "out of bounds"),

@@ -77,3 +77,9 @@ def test_norm_vecdot_and_transpose_as_numpy(rng, dt):
         np.testing.assert_allclose(got, want, **tol(dt))
     np.testing.assert_allclose(omkm.vecdot(x, x[:1], axis=1), np.sum(x * x[:1], axis=1, dtype=np.float64), **tol(dt))
     assert np.shares_memory(omkm.matrix_transpose(x), x) and omkm.matrix_transpose(x).shape == (5, 4, 3)
+    y = rng.standard_normal((3, 2, 5)).astype(dt)
+    for kw in ({"axisa": 0, "axisb": 0}, {"axisa": 0, "axisb": 0, "axisc": 1}, {"axis": 0}):
+        np.testing.assert_allclose(omkm.cross(y, y[::-1], **kw), np.cross(y, y[::-1], **kw), **tol(dt))
+    w = omkm.eigvals(np.diag(np.arange(1, 4)).astype(dt))
+    assert w.dtype == dt and sorted(w) == [1, 2, 3]                # real values: a real array, as numpy
+    assert omkm.eigvals(np.array([[0, -1], [1, 0]], dt)).dtype.kind == "c"
