@@ -611,10 +611,15 @@ static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps,
     }
 
     {
-        /* The library's kernels raise floating-point flags of their own (a division by zero in the
-         * symmetric eigenproblem's lanes, say) whatever the result: numpy would report them as
-         * warnings of the call. The flags are put back as they were; the library's statuses
-         * report its failures. */
+        /* The solver and eigen families raise floating-point flags of their own on correct results
+         * (a division by zero in the symmetric eigenproblem's lanes, say), which numpy would report
+         * as warnings of the call: their flags are put back as they were, and the library's
+         * statuses report their failures. Products, norms and point transforms raise a flag only
+         * when the caller's values overflow or are invalid, and numpy reports it, as for its own
+         * loops. */
+        const int own_flags = strcmp(op->family, "mul") && strcmp(op->family, "dot") &&
+                              strcmp(op->family, "cross") && strcmp(op->family, "norm") &&
+                              strcmp(op->family, "trace") && strcmp(op->family, "graphics");
         fexcept_t flags;
         fegetexceptflag(&flags, FE_ALL_EXCEPT);
         /* numpy releases the GIL around the loop (its loops here need no C API) once the
@@ -654,7 +659,7 @@ static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps,
                 for (npy_intp k = 1; k < Nall; k++)
                     copy_object(args[i] + k * o[i].step, o[i].cs[0], o[i].cs[1], args[i], o[i].cs[0],
                                 o[i].cs[1], o[i].shape[0], o[i].shape[1], esize);
-        fesetexceptflag(&flags, FE_ALL_EXCEPT);
+        if (own_flags) fesetexceptflag(&flags, FE_ALL_EXCEPT);
     }
 
 done:

@@ -180,3 +180,14 @@ def test_dask(rng):
     for r in (da.apply_gufunc(uf.inv, "(m,m)->(m,m)", x), uf.inv(x)):   # the second by __array_ufunc__
         assert isinstance(r, da.Array)
         np.testing.assert_allclose(r.compute(), np.linalg.inv(a), **tol(np.float64))
+
+
+def test_floating_point_flags(rng):
+    """An overflow of the caller's values in a product warns as numpy's own loops do; the solver
+    and eigen families' flags of their own on correct results do not."""
+    big = np.full((3, 3, 3), 1e200)
+    with np.errstate(over="raise"), pytest.raises(FloatingPointError):
+        uf.matmul(big, big)
+    a = stack(rng, (9, 4, 4), np.float64, "spd")
+    with np.errstate(all="raise"):
+        uf.eigh(a), uf.inv(a), uf.cholesky(a), uf.solve1(a, a[..., 0])
