@@ -116,6 +116,23 @@ def lu_backsubst(lu_and_piv, b, out=None, *, copy=True):
     return _lu_run(name, dt, lu, piv, y, batch, n, out, copy, (lu, piv, y))
 
 
+def _b_is_vectors(a, b):
+    """How numpy.linalg.solve and scipy.linalg's solvers read b: vectors (..., n) when it has one
+    axis fewer than the matrices a (..., n, n), else matrices (..., n, k)."""
+    return b.ndim == a.ndim - 1
+
+
+def _by_columns(name, y, f, n, vectors):
+    """The solutions for right-hand sides y against factors f (..., n, n), read as _b_is_vectors
+    says: vectors(False, y) for vectors; for matrices, vectors(True, columns) with the columns as
+    vectors (..., k, n) (f then needs an axis for k), the result turned back to (..., n, k)."""
+    if _b_is_vectors(f, y):
+        return vectors(False, y)
+    if y.ndim < 2 or y.shape[-2] != n:
+        raise ValueError(f"{name}: b must hold vectors (..., {n}) or matrices (..., {n}, k), got shape {y.shape}")
+    return np.swapaxes(vectors(True, np.swapaxes(y, -1, -2)), -1, -2)
+
+
 def lu_factor(a, overwrite_a=False, check_finite=True):
     """scipy.linalg.lu_factor: (lu, piv) of each matrix (..., n, n), P A = L U with lu holding U on
     and above the diagonal and L's multipliers below it, rows in pivot order, and piv (int32)
@@ -163,14 +180,13 @@ def lu_solve(lu_and_piv, b, trans=0, overwrite_b=False, check_finite=True):
         order[..., i:i + 1] = oj
         np.put_along_axis(order, j, oi, axis=-1)
     identity = np.broadcast_to(np.arange(n, dtype=INT), piv.shape)
-    vectors = y.ndim == f.ndim - 1
-    if not vectors and (y.ndim < 2 or y.shape[-2] != n):
-        raise ValueError(f"lu_solve: b must hold vectors (..., {n}) or matrices (..., {n}, k), got shape {y.shape}")
-    pb = np.take_along_axis(y, (order if vectors else order[..., :, None]).astype(np.intp), axis=-1 if vectors else -2)
-    if vectors:
-        return lu_backsubst((f, identity), pb)
-    x = lu_backsubst((f[..., None, :, :], identity[..., None, :]), np.swapaxes(pb, -1, -2))
-    return np.swapaxes(x, -1, -2)
+
+    def vectors(cols, v):                         # P b, then the library's solve with rows in order
+        ax = (slice(None),) * (f.ndim - 2) + (None,) * cols
+        pb = np.take_along_axis(v, order[ax].astype(np.intp), axis=-1)
+        return lu_backsubst((f[ax], identity[ax]), pb)
+
+    return _by_columns("lu_solve", y, f, n, vectors)
 
 
 # ---- Cholesky ----
@@ -258,12 +274,8 @@ def cho_solve(c_and_lower, b, overwrite_b=False, check_finite=True):
     factor = np.tril(f) if lower else np.swapaxes(np.triu(f), -1, -2)
     i = np.arange(n)
     factor[..., i, i] = 1 / factor[..., i, i]       # the library's factor holds 1/L(i, i)
-    if y.ndim == f.ndim - 1:
-        return cholesky_solve(factor, y.astype(dt, copy=False))
-    if y.ndim < 2 or y.shape[-2] != n:
-        raise ValueError(f"cho_solve: b must hold vectors (..., {n}) or matrices (..., {n}, k), got shape {y.shape}")
-    cols = np.swapaxes(y.astype(dt, copy=False), -1, -2)                  # (..., k, n): the columns
-    return np.swapaxes(cholesky_solve(factor[..., None, :, :], cols), -1, -2)
+    return _by_columns("cho_solve", y.astype(dt, copy=False), f, n,
+                       lambda cols, v: cholesky_solve(factor[..., None, :, :] if cols else factor, v))
 
 
 # ---- QR ----
@@ -440,7 +452,7 @@ def solve(a, b, out=None):
     x, dt, n = _square("solve", a)
     y = asarray(b, "solve")
     dt = result_type(x, y)
-    f = ufuncs.solve1 if y.ndim == x.ndim - 1 else ufuncs.solve
+    f = ufuncs.solve1 if _b_is_vectors(x, y) else ufuncs.solve
     return f(x.astype(dt, copy=False), y.astype(dt, copy=False), out=out)
 
 

@@ -54,10 +54,10 @@ def _load():
             tried.append(f"{what}: {path} (no such file)")
             continue
         try:
-            spec = importlib.util.spec_from_file_location(name, path)
-            mod = importlib.util.module_from_spec(spec)
+            found = importlib.util.spec_from_file_location(name, path)
+            mod = importlib.util.module_from_spec(found)
             sys.modules[name] = mod
-            spec.loader.exec_module(mod)
+            found.loader.exec_module(mod)
         except ImportError as e:
             sys.modules.pop(name, None)
             tried.append(f"{what}: {path} ({e})")
