@@ -71,6 +71,9 @@ typedef struct {
     int flags[MAXOPS];
     RunFn run32, run64;        /* run64 NULL: a float32 loop only */
     const char* family;        /* for the error message: which thresholds apply */
+    int own_flags;             /* 1: the family raises floating-point flags of its own on correct
+                                  results, which the loop puts back; 0: a flag means the caller's
+                                  values overflowed or were invalid, and numpy reports it */
     const char* doc;
 } OpDef;
 
@@ -396,62 +399,62 @@ static int transform_points_32f(Desc* d, const int* sz, int count, const char** 
 
 static const OpDef OPS[] = {
     {"matmul", "(m,n),(n,p)->(m,p)", 2, 1, {2, 2, 2}, {{0, 1}, {1, 2}, {0, 2}},
-     {SINGLE, SINGLE, 0}, RUNS(matmul), "mul",
+     {SINGLE, SINGLE, 0}, RUNS(matmul), "mul", 0,
      "matmul(a, b, /, out=None, **kwargs)\n\nMatrix products of stacks (m,n),(n,p)->(m,p) by omkmMul_mama "
      "(Mul_mma / Mul_mam when one operand is a single matrix broadcast over the stack)."},
     {"matvec", "(m,n),(n)->(m)", 2, 1, {2, 1, 1}, {{0, 1}, {1, 0}, {0, 0}},
-     {SINGLE, SINGLE, 0}, RUNS(matvec), "mul",
+     {SINGLE, SINGLE, 0}, RUNS(matvec), "mul", 0,
      "matvec(a, x, /, out=None, **kwargs)\n\nMatrix times vector (m,n),(n)->(m) by omkmMul_mava "
      "(Mul_mva / Mul_mav for a single matrix or vector)."},
     {"vecdot", "(n),(n)->()", 2, 1, {1, 1, 0}, {{0, 0}, {0, 0}, {0, 0}},
-     {SINGLE, SINGLE, PACKED}, RUNS(vecdot), "dot",
+     {SINGLE, SINGLE, PACKED}, RUNS(vecdot), "dot", 0,
      "vecdot(a, b, /, out=None, **kwargs)\n\nDot product of vectors (n),(n)->() by omkmDotProduct_vava."},
     {"cross", "(3),(3)->(3)", 2, 1, {1, 1, 1}, {{0, 0}, {0, 0}, {0, 0}},
-     {SINGLE, SINGLE, 0}, RUNS(cross), "cross",
+     {SINGLE, SINGLE, 0}, RUNS(cross), "cross", 0,
      "cross(a, b, /, out=None, **kwargs)\n\nCross product of 3-vectors (3),(3)->(3) by omkmCrossProduct_vava."},
     {"vector_norm", "(n)->()", 1, 1, {1, 0}, {{0, 0}, {0, 0}},
-     {0, PACKED}, RUNS(vector_norm), "norm",
+     {0, PACKED}, RUNS(vector_norm), "norm", 0,
      "vector_norm(x, /, out=None, **kwargs)\n\nEuclidean norm of vectors (n)->() by omkmL2Norm_va."},
     {"trace", "(m,m)->()", 1, 1, {2, 0}, {{0, 0}, {0, 0}},
-     {0, PACKED}, RUNS(trace), "trace",
+     {0, PACKED}, RUNS(trace), "trace", 0,
      "trace(a, /, out=None, **kwargs)\n\nSum of the diagonal of square matrices (m,m)->() over the last "
      "two axes (numpy.linalg.trace of numpy 2), by omkmTrace_ma."},
     {"det", "(m,m)->()", 1, 1, {2, 0}, {{0, 0}, {0, 0}},
-     {0, PACKED}, RUNS(det), "det",
+     {0, PACKED}, RUNS(det), "det", 1,
      "det(a, /, out=None, **kwargs)\n\nDeterminant of square matrices (m,m)->() by omkmDet_ma. Never "
      "raises: orders above 4 give 0 when a pivot falls below 2*m^3 times the smallest normal number."},
     {"inv", "(m,m)->(m,m)", 1, 1, {2, 2}, {{0, 0}, {0, 0}},
-     {0, 0}, RUNS(inv), "inv",
+     {0, 0}, RUNS(inv), "inv", 1,
      "inv(a, /, out=None, **kwargs)\n\nInverse of square matrices (m,m)->(m,m) by omkmInvert_ma. Raises "
      "omkm.SingularMatrixError when |det| is below 2*m^3 times the smallest normal number (an absolute "
      "threshold)."},
     {"solve", "(m,m),(m,n)->(m,n)", 2, 1, {2, 2, 2}, {{0, 0}, {0, 1}, {0, 1}},
-     {SINGLE, 0, 0}, RUNS(solve), "lu",
+     {SINGLE, 0, 0}, RUNS(solve), "lu", 1,
      "solve(a, b, /, out=None, **kwargs)\n\nx with a @ x = b for matrices a (m,m) and right-hand sides b "
      "(m,n), as numpy.linalg.solve, by omkmLUDecomp_ma and omkmLUBackSubst_mava per column (one factor "
      "when a is a single matrix). Raises omkm.SingularMatrixError for a pivot below the library's "
      "absolute threshold."},
     {"solve1", "(m,m),(m)->(m)", 2, 1, {2, 1, 1}, {{0, 0}, {0, 0}, {0, 0}},
-     {SINGLE, 0, 0}, RUNS(solve1), "lu",
+     {SINGLE, 0, 0}, RUNS(solve1), "lu", 1,
      "solve1(a, b, /, out=None, **kwargs)\n\nx with a @ x = b for matrices a (m,m) and vectors b (m), as "
      "numpy.linalg.solve(a, b[..., None])[..., 0]. Raises omkm.SingularMatrixError."},
     {"eigvalsh", "(m,m)->(m)", 1, 1, {2, 1}, {{0, 0}, {0, 0}},
-     {0, PACKED}, RUNS(eigvalsh), "eigsym",
+     {0, PACKED}, RUNS(eigvalsh), "eigsym", 1,
      "eigvalsh(a, /, out=None, **kwargs)\n\nEigenvalues of symmetric matrices (m,m)->(m), ascending as "
      "numpy.linalg.eigvalsh, by omkmEigenValuesSym_ma. Raises omkm.SingularMatrixError when the product "
      "of the values is at most eps in magnitude (an absolute threshold), omkm.NotConvergedError."},
     {"eigh", "(m,m)->(m),(m,m)", 1, 2, {2, 1, 2}, {{0, 0}, {0, 0}, {0, 0}},
-     {0, PACKED, 0}, RUNS(eigh), "eigsym",
+     {0, PACKED, 0}, RUNS(eigh), "eigsym", 1,
      "eigh(a, /, out=(None, None), **kwargs)\n\n(w, v): eigenvalues ascending (m) and eigenvectors as "
      "the columns of v (m,m) of symmetric matrices, as numpy.linalg.eigh, by "
      "omkmEigenValuesVectorsSym_ma. Errors as eigvalsh."},
     {"cholesky", "(m,m)->(m,m)", 1, 1, {2, 2}, {{0, 0}, {0, 0}},
-     {0, 0}, RUNS(cholesky), "cholesky",
+     {0, 0}, RUNS(cholesky), "cholesky", 1,
      "cholesky(a, /, out=None, **kwargs)\n\nLower Cholesky factor L (zeros above the diagonal) of "
      "symmetric positive definite matrices (m,m)->(m,m), as numpy.linalg.cholesky, by "
      "omkmCholeskyDecomp_ma; only the lower triangle of a is read. Raises omkm.NotPosDefiniteError."},
     {"transform_points", "(4,4),(3)->(3)", 2, 1, {2, 1, 1}, {{0, 0}, {1, 0}, {1, 0}},
-     {SINGLE | PACKED_CORE, SINGLE | PACKED_CORE, PACKED_CORE}, transform_points_32f, NULL, "graphics",
+     {SINGLE | PACKED_CORE, SINGLE | PACKED_CORE, PACKED_CORE}, transform_points_32f, NULL, "graphics", 0,
      "transform_points(m, p, /, out=None, **kwargs)\n\nPoints p (3) as row vectors (x, y, z, 1) @ m "
      "(4,4), divided by their w (omkm.transform_points with kind='coord'), by "
      "omkmAffineTransformCoord_m4v3a_32f. float32 only: the library's point transforms are float only."},
@@ -613,13 +616,9 @@ static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps,
     {
         /* The solver and eigen families raise floating-point flags of their own on correct results
          * (a division by zero in the symmetric eigenproblem's lanes, say), which numpy would report
-         * as warnings of the call: their flags are put back as they were, and the library's
-         * statuses report their failures. Products, norms and point transforms raise a flag only
-         * when the caller's values overflow or are invalid, and numpy reports it, as for its own
-         * loops. */
-        const int own_flags = strcmp(op->family, "mul") && strcmp(op->family, "dot") &&
-                              strcmp(op->family, "cross") && strcmp(op->family, "norm") &&
-                              strcmp(op->family, "trace") && strcmp(op->family, "graphics");
+         * as warnings of the call: their flags are put back (OpDef.own_flags), and the library's
+         * statuses report their failures. */
+        const int own_flags = op->own_flags;
         fexcept_t flags;
         fegetexceptflag(&flags, FE_ALL_EXCEPT);
         /* numpy releases the GIL around the loop (its loops here need no C API) once the
