@@ -17,6 +17,13 @@
  *     library writes as consecutive values) goes through a contiguous copy per block of objects,
  *     the results copied back.
  *
+ * Operands are of the loop's float type, except outputs flagged INT32 (lu_factor's interchanges)
+ * or CPLX (eig's values and vectors, complex of the loop's precision), which the run functions
+ * write themselves from the library's real results; the copies above go by each operand's own
+ * element size. A zero core size calls no library function: the outputs get numpy's results
+ * (fill_empty). numpy passes a missing flexible dimension (matmul's m? and p?, a 1-D operand) as
+ * size 1 with step 0, which is an ordinary matrix of one row or column here.
+ *
  * The library's status ends the loop: the package's LinAlgError subclasses (omkm._errors) are
  * raised with the status, the export that returned it and, for families whose test is an absolute
  * threshold, the threshold. A block whose call failed is not copied back and not post-processed
@@ -59,7 +66,18 @@ typedef int (*RunFn)(Desc* d, const int* sz, int count, const char** fname);
 enum {
     SINGLE = 1,     /* an input the family has a single-operand member for */
     PACKED_CORE = 2,/* the library reads or writes the object as contiguous elements */
-    PACKED = 6      /* ... and consecutive objects (count values one after another) */
+    PACKED = 6,     /* ... and consecutive objects (count values one after another) */
+    INT32 = 8,      /* an int32 output (row interchanges), whatever the loop's float type */
+    CPLX = 16,      /* a complex output: complex64 in the float32 loop, complex128 in float64 */
+    EMPTY_ONE = 32, /* for a zero core size, 1 (the empty product) rather than 0 */
+    EMPTY_EYE = 64  /* for a zero core size, the identity rather than zeros */
+};
+
+/* Operation flags. */
+enum {
+    TALL = 1,       /* the first core dimension (rows) must be at least the second (columns) */
+    BLOCKED = 2     /* the run function allocates scratch per object: calls take at most
+                       BLOCK_BYTES of operands, so that scratch stays of that order */
 };
 
 typedef struct {
@@ -74,6 +92,7 @@ typedef struct {
     int own_flags;             /* 1: the family raises floating-point flags of its own on correct
                                   results, which the loop puts back; 0: a flag means the caller's
                                   values overflowed or were invalid, and numpy reports it */
+    int opflags;               /* TALL, BLOCKED */
     const char* doc;
 } OpDef;
 
@@ -81,6 +100,9 @@ typedef struct {
     const OpDef* op;
     RunFn run;
     int esize;
+    int ndims;                 /* distinct core dimensions of the signature */
+    int esz[MAXOPS];           /* per operand: bytes of one element (float, complex or int32) */
+    int al[MAXOPS];            /* ... and the unit it is read in (alignment and strides) */
 } LoopData;
 
 static PyObject* status_error; /* omkm._errors.status_error: the exception for a status */
@@ -364,11 +386,258 @@ static int cholesky_##SFX(Desc* d, const int* sz, int count, const char** fname)
     return 0;                                                                                        \
 }
 
+/* The element (i, j) of a matrix at p with byte strides s1, s2. */
+#define AT(T, p, s1, s2, i, j) (*(T*)((char*)(p) + (ptrdiff_t)(i) * (s1) + (ptrdiff_t)(j) * (s2)))
+/* The number of reflections of the library's QR factor of m rows and n columns. */
+#define REFLECTIONS(m, n) ((n) == (m) ? (n) - 1 : (n))
+
+static void swap_rows(char* m, int i, int j, int s1, int s2, int n, int esize)
+{
+    char t[8];
+    for (int c = 0; c < n; c++) {
+        char* x = m + (ptrdiff_t)i * s1 + (ptrdiff_t)c * s2;
+        char* y = m + (ptrdiff_t)j * s1 + (ptrdiff_t)c * s2;
+        memcpy(t, x, esize);
+        memcpy(x, y, esize);
+        memcpy(y, t, esize);
+    }
+}
+
+/* The operations added to numpy.linalg's core set: Frobenius norm, vecmat, scipy's lu_factor,
+ * numpy's qr modes and the general eigenproblem. */
+#define DEFINE_MORE_RUNS(T, SFX)                                                                     \
+static int matrix_norm_##SFX(Desc* d, const int* sz, int count, const char** fname)                  \
+{                                                                                                    \
+    if (count == 1) {                                                                                \
+        *fname = #SFX "FrobNorm_m";                                                                  \
+        return E(FrobNorm_m)((T*)d[0].p, d[0].s1, d[0].s2, sz[1], sz[0], (T*)d[1].p);                \
+    }                                                                                                \
+    *fname = #SFX "FrobNorm_ma";                                                                     \
+    return E(FrobNorm_ma)((T*)d[0].p, d[0].s0, d[0].s1, d[0].s2, sz[1], sz[0], (T*)d[1].p, count);   \
+}                                                                                                    \
+/* vecmat: x @ a is a^T x, matvec's product with a read transposed (its row and element strides      \
+ * exchanged) and the operands in matvec's order. */                                                 \
+static int vecmat_##SFX(Desc* d, const int* sz, int count, const char** fname)                       \
+{                                                                                                    \
+    Desc e[3] = {d[1], d[0], d[2]};                                                                  \
+    int s[2] = {sz[1], sz[0]};                                                                       \
+    e[0].s1 = d[1].s2;                                                                               \
+    e[0].s2 = d[1].s1;                                                                               \
+    return matvec_##SFX(e, s, count, fname);                                                         \
+}                                                                                                    \
+/* lu_factor: the library's factor goes straight into lu, rows in place and their order in an        \
+ * index array. The interchanges that bring 0 ... n-1 into that order (LAPACK's piv: row i           \
+ * exchanged with row piv[i], i = 0, 1, ... in turn) are found per matrix, rows[] holding the row    \
+ * at each position and where[] the position of each row, and applied to lu's rows, which leaves     \
+ * them in pivot order. */                                                                           \
+static int lu_factor_##SFX(Desc* d, const int* sz, int count, const char** fname)                    \
+{                                                                                                    \
+    int n = sz[0], st;                                                                               \
+    Desc a = d[0], lu = d[1], pv = d[2];                                                             \
+    int* order = malloc(sizeof(int) * ((size_t)n * count + 2 * (size_t)n));                          \
+    if (!order) return NO_MEMORY;                                                                    \
+    int *rows = order + (size_t)n * count, *where = rows + n;                                        \
+    if (count == 1) {                                                                                \
+        *fname = #SFX "LUDecomp_m";                                                                  \
+        st = E(LUDecomp_m)((T*)a.p, a.s1, a.s2, order, (T*)lu.p, lu.s1, lu.s2, n);                   \
+    } else {                                                                                         \
+        *fname = #SFX "LUDecomp_ma";                                                                 \
+        st = E(LUDecomp_ma)((T*)a.p, a.s0, a.s1, a.s2, order, (T*)lu.p, lu.s0, lu.s1, lu.s2, n, count); \
+    }                                                                                                \
+    for (int k = 0; k < count && st == 0; k++) {                                                     \
+        const int* ord = order + (size_t)k * n;                                                      \
+        char* m = lu.p + (ptrdiff_t)k * lu.s0;                                                       \
+        char* pk = pv.p + (ptrdiff_t)k * pv.s0;                                                      \
+        for (int r = 0; r < n; r++) rows[r] = where[r] = r;                                          \
+        for (int i = 0; i < n; i++) {                                                                \
+            int r = ord[i], j = where[r], ri = rows[i];                                              \
+            *(int*)(pk + (ptrdiff_t)i * pv.s2) = j;                                                  \
+            rows[i] = r;                                                                             \
+            rows[j] = ri;                                                                            \
+            where[r] = i;                                                                            \
+            where[ri] = j;                                                                           \
+            if (j != i) swap_rows(m, i, j, lu.s1, lu.s2, n, (int)sizeof(T));                         \
+        }                                                                                            \
+    }                                                                                                \
+    free(order);                                                                                     \
+    return st;                                                                                       \
+}                                                                                                    \
+/* The library's Householder QR of a's first n columns (m >= n rows) into f. */                      \
+static int qr_factor_##SFX(const Desc* a, const Desc* f, int m, int n, int count, const char** fname) \
+{                                                                                                    \
+    int st;                                                                                          \
+    T* buf = malloc(sizeof(T) * (size_t)m);                                                          \
+    if (!buf) return NO_MEMORY;                                                                      \
+    if (count == 1) {                                                                                \
+        *fname = #SFX "QRDecomp_m";                                                                  \
+        st = E(QRDecomp_m)((T*)a->p, a->s1, a->s2, buf, (T*)f->p, f->s1, f->s2, n, m);               \
+    } else {                                                                                         \
+        *fname = #SFX "QRDecomp_ma";                                                                 \
+        st = E(QRDecomp_ma)((T*)a->p, a->s0, a->s1, a->s2, buf, (T*)f->p, f->s0, f->s1, f->s2, n, m, \
+                            count);                                                                  \
+    }                                                                                                \
+    free(buf);                                                                                       \
+    return st;                                                                                       \
+}                                                                                                    \
+/* Q (m x cols) from the library's factor f: reflection j's vector is v = (1, f(j+1, j), ...,        \
+ * f(m-1, j)) and H_j = I - beta v v^T with beta = 2 / (v^T v), as the library's own solver forms    \
+ * it; Q = H_0 H_1 ... H_{r-1} applied to the identity's first cols columns. Built backwards a       \
+ * column at a time, as LAPACK's dorg2r: at step j, rows 0 ... j of the columns right of j are       \
+ * still the identity's (zeros), so H_j touches rows j ... m-1 of those columns only, and column     \
+ * j itself is H_j e_j = e_j - beta v. Column j of f is read before column j of q is written, so     \
+ * q may be f itself (R copied out first). */                                                        \
+static void build_q_##SFX(char* f, int fs1, int fs2, int m, int r, char* q, int qs1, int qs2, int cols) \
+{                                                                                                    \
+    for (int c = r; c < cols; c++)                                                                   \
+        for (int i = 0; i < m; i++) AT(T, q, qs1, qs2, i, c) = (T)(i == c);                          \
+    for (int j = r - 1; j >= 0; j--) {                                                               \
+        T vv = 1;                                                                                    \
+        for (int i = j + 1; i < m; i++) vv += AT(T, f, fs1, fs2, i, j) * AT(T, f, fs1, fs2, i, j);   \
+        T beta = 2 / vv;                                                                             \
+        for (int c = j + 1; c < cols; c++) {                                                         \
+            T s = AT(T, q, qs1, qs2, j, c);                                                          \
+            for (int i = j + 1; i < m; i++) s += AT(T, f, fs1, fs2, i, j) * AT(T, q, qs1, qs2, i, c); \
+            s *= beta;                                                                               \
+            AT(T, q, qs1, qs2, j, c) -= s;                                                           \
+            for (int i = j + 1; i < m; i++) AT(T, q, qs1, qs2, i, c) -= s * AT(T, f, fs1, fs2, i, j); \
+        }                                                                                            \
+        for (int i = 0; i < j; i++) AT(T, q, qs1, qs2, i, j) = 0;                                    \
+        AT(T, q, qs1, qs2, j, j) = 1 - beta;                                                         \
+        for (int i = j + 1; i < m; i++) AT(T, q, qs1, qs2, i, j) = -beta * AT(T, f, fs1, fs2, i, j); \
+    }                                                                                                \
+}                                                                                                    \
+/* R (h x w) from f: its upper triangle, zeros below. r may be f. */                                 \
+static void upper_##SFX(const char* f, int fs1, int fs2, char* r, int rs1, int rs2, int h, int w)    \
+{                                                                                                    \
+    for (int i = 0; i < h; i++)                                                                      \
+        for (int j = 0; j < w; j++)                                                                  \
+            AT(T, r, rs1, rs2, i, j) = j >= i ? AT(T, f, fs1, fs2, i, j) : 0;                        \
+}                                                                                                    \
+/* The number of reflections of the library's factor of m rows and n columns. */                     \
+/* qr_reduced (m >= n): the factor goes into Q's place (same shape), R is copied out of it, then     \
+ * Q is built over it. */                                                                            \
+static int qr_reduced_##SFX(Desc* d, const int* sz, int count, const char** fname)                   \
+{                                                                                                    \
+    int m = sz[0], n = sz[1];                                                                        \
+    Desc q = d[1], r = d[2];                                                                         \
+    int st = qr_factor_##SFX(&d[0], &q, m, n, count, fname);                                         \
+    for (int k = 0; k < count && st == 0; k++) {                                                     \
+        char* f = q.p + (ptrdiff_t)k * q.s0;                                                         \
+        upper_##SFX(f, q.s1, q.s2, r.p + (ptrdiff_t)k * r.s0, r.s1, r.s2, n, n);                     \
+        build_q_##SFX(f, q.s1, q.s2, m, REFLECTIONS(m, n), f, q.s1, q.s2, n);                        \
+    }                                                                                                \
+    return st;                                                                                       \
+}                                                                                                    \
+/* qr_r (m >= n): R alone, the factor in scratch (the loop keeps blocks small: BLOCKED). */          \
+static int qr_r_##SFX(Desc* d, const int* sz, int count, const char** fname)                         \
+{                                                                                                    \
+    int m = sz[0], n = sz[1], fs2 = (int)sizeof(T), fs1 = n * fs2;                                   \
+    Desc f = {malloc((size_t)fs1 * m * count), fs1 * m, fs1, fs2}, r = d[1];                         \
+    if (!f.p) return NO_MEMORY;                                                                      \
+    int st = qr_factor_##SFX(&d[0], &f, m, n, count, fname);                                         \
+    for (int k = 0; k < count && st == 0; k++)                                                       \
+        upper_##SFX(f.p + (ptrdiff_t)k * f.s0, fs1, fs2, r.p + (ptrdiff_t)k * r.s0, r.s1, r.s2, n, n); \
+    free(f.p);                                                                                       \
+    return st;                                                                                       \
+}                                                                                                    \
+/* qr_complete, any shape: the factor of a's first w = min(m, n) columns goes into R's first w       \
+ * columns, Q (m x m) is built from it, then R's part below the diagonal is cleared. A wide matrix   \
+ * (m < n) factors its square m x m part; R's other columns are Q^T a[:, m:], by the library's       \
+ * product with Q read transposed. */                                                                \
+static int qr_complete_##SFX(Desc* d, const int* sz, int count, const char** fname)                  \
+{                                                                                                    \
+    int m = sz[0], n = sz[1], w = n < m ? n : m;                                                     \
+    Desc a = d[0], q = d[1], r = d[2];                                                               \
+    int st = qr_factor_##SFX(&a, &r, m, w, count, fname);                                            \
+    for (int k = 0; k < count && st == 0; k++) {                                                     \
+        char* f = r.p + (ptrdiff_t)k * r.s0;                                                         \
+        build_q_##SFX(f, r.s1, r.s2, m, REFLECTIONS(m, w), q.p + (ptrdiff_t)k * q.s0, q.s1, q.s2, m); \
+        upper_##SFX(f, r.s1, r.s2, f, r.s1, r.s2, m, w);                                             \
+    }                                                                                                \
+    if (st || n <= m) return st;                                                                     \
+    char* b = a.p + (ptrdiff_t)m * a.s2;                                                             \
+    char* c = r.p + (ptrdiff_t)m * r.s2;                                                             \
+    if (count == 1) {                                                                                \
+        *fname = #SFX "Mul_mm";                                                                      \
+        return E(Mul_mm)((T*)q.p, q.s2, q.s1, m, m, (T*)b, a.s1, a.s2, n - m, m, (T*)c, r.s1, r.s2); \
+    }                                                                                                \
+    *fname = #SFX "Mul_mama";                                                                        \
+    return E(Mul_mama)((T*)q.p, q.s0, q.s2, q.s1, m, m, (T*)b, a.s0, a.s1, a.s2, n - m, m,           \
+                       (T*)c, r.s0, r.s1, r.s2, count);                                              \
+}                                                                                                    \
+/* eig and eigvals: the library's values (real and imaginary parts) and right vectors (its real      \
+ * layout) in scratch, written to the complex outputs. The real layout: a real value's vector in     \
+ * its column; a pair's vector, of the value with the positive imaginary part which comes first,     \
+ * with its real parts in the first column and imaginary parts in the second; the second value's     \
+ * vector is its conjugate. */                                                                       \
+static int eig_run_##SFX(Desc* d, const int* sz, int count, int vectors, const char** fname)         \
+{                                                                                                    \
+    int n = sz[0], st, nb = 0;                                                                       \
+    Desc a = d[0], w = d[1], v = d[2];                                                               \
+    *fname = vectors ? #SFX "EigenValuesVectorsGetBufSize" : #SFX "EigenValuesGetBufSize";           \
+    st = vectors ? E(EigenValuesVectorsGetBufSize)(n, &nb) : E(EigenValuesGetBufSize)(n, &nb);       \
+    if (st) return st;                                                                               \
+    size_t off = ((size_t)nb + 63) / 64 * 64, nw = (size_t)n * count;                                \
+    size_t nv = vectors ? (size_t)n * n * count : 0;                                                 \
+    char* s = malloc(off + sizeof(T) * (nv + 2 * nw));                                               \
+    if (!s) return NO_MEMORY;                                                                        \
+    T *buf = (T*)s, *V = (T*)(s + off), *re = V + nv, *im = re + nw;                                 \
+    int vs2 = (int)sizeof(T), vs1 = n * vs2;                                                         \
+    if (vectors && count == 1) {                                                                     \
+        *fname = #SFX "EigenValuesVectorsRight_m";                                                   \
+        st = E(EigenValuesVectorsRight_m)((T*)a.p, a.s1, a.s2, V, vs1, vs2, re, im, n, buf);         \
+    } else if (vectors) {                                                                            \
+        *fname = #SFX "EigenValuesVectorsRight_ma";                                                  \
+        st = E(EigenValuesVectorsRight_ma)((T*)a.p, a.s0, a.s1, a.s2, V, vs1 * n, vs1, vs2, re, im, n, \
+                                           count, buf);                                              \
+    } else if (count == 1) {                                                                         \
+        *fname = #SFX "EigenValues_m";                                                               \
+        st = E(EigenValues_m)((T*)a.p, a.s1, a.s2, re, im, n, buf);                                  \
+    } else {                                                                                         \
+        *fname = #SFX "EigenValues_ma";                                                              \
+        st = E(EigenValues_ma)((T*)a.p, a.s0, a.s1, a.s2, re, im, n, count, buf);                    \
+    }                                                                                                \
+    for (int k = 0; k < count && st == 0; k++) {                                                     \
+        const T *rk = re + (size_t)k * n, *ik = im + (size_t)k * n;                                  \
+        char* wk = w.p + (ptrdiff_t)k * w.s0;                                                        \
+        for (int j = 0; j < n; j++) {                                                                \
+            T* z = (T*)(wk + (ptrdiff_t)j * w.s2);                                                   \
+            z[0] = rk[j];                                                                            \
+            z[1] = ik[j];                                                                            \
+        }                                                                                            \
+        if (!vectors) continue;                                                                      \
+        const char* Vk = (const char*)(V + (size_t)k * n * n);                                       \
+        char* vk = v.p + (ptrdiff_t)k * v.s0;                                                        \
+        for (int j = 0; j < n; j++) {                                                                \
+            int first = ik[j] > 0 && j + 1 < n, second = ik[j] < 0 && j > 0;                         \
+            int cr = second ? j - 1 : j, ci = first ? j + 1 : j;                                     \
+            T sign = second ? -1 : 1;                                                                \
+            for (int i = 0; i < n; i++) {                                                            \
+                T* z = &AT(T, vk, v.s1, v.s2, i, j);                                                 \
+                z[0] = AT(const T, Vk, vs1, vs2, i, cr);                                             \
+                z[1] = first || second ? sign * AT(const T, Vk, vs1, vs2, i, ci) : 0;                \
+            }                                                                                        \
+        }                                                                                            \
+    }                                                                                                \
+    free(s);                                                                                         \
+    return st;                                                                                       \
+}                                                                                                    \
+static int eig_##SFX(Desc* d, const int* sz, int count, const char** fname)                          \
+{                                                                                                    \
+    return eig_run_##SFX(d, sz, count, 1, fname);                                                    \
+}                                                                                                    \
+static int eigvals_##SFX(Desc* d, const int* sz, int count, const char** fname)                      \
+{                                                                                                    \
+    return eig_run_##SFX(d, sz, count, 0, fname);                                                    \
+}
+
 #define SFX 32f
 DEFINE_RUNS(Omk32f, 32f)
+DEFINE_MORE_RUNS(Omk32f, 32f)
 #undef SFX
 #define SFX 64f
 DEFINE_RUNS(Omk64f, 64f)
+DEFINE_MORE_RUNS(Omk64f, 64f)
 #undef SFX
 
 /* (x, y, z, 1) M divided by w, float32 only (the library's point transforms are float only). The
@@ -398,63 +667,106 @@ static int transform_points_32f(Desc* d, const int* sz, int count, const char** 
 #define RUNS(name) name##_32f, name##_64f
 
 static const OpDef OPS[] = {
-    {"matmul", "(m,n),(n,p)->(m,p)", 2, 1, {2, 2, 2}, {{0, 1}, {1, 2}, {0, 2}},
-     {SINGLE, SINGLE, 0}, RUNS(matmul), "mul", 0,
+    {"matmul", "(m?,n),(n,p?)->(m?,p?)", 2, 1, {2, 2, 2}, {{0, 1}, {1, 2}, {0, 2}},
+     {SINGLE, SINGLE, 0}, RUNS(matmul), "mul", 0, 0,
      "matmul(a, b, /, out=None, **kwargs)\n\nMatrix products of stacks (m,n),(n,p)->(m,p) by omkmMul_mama "
-     "(Mul_mma / Mul_mam when one operand is a single matrix broadcast over the stack)."},
+     "(Mul_mma / Mul_mam when one operand is a single matrix broadcast over the stack). A 1-D operand is "
+     "a row on the left and a column on the right, its axis dropped from the result, as numpy.matmul."},
     {"matvec", "(m,n),(n)->(m)", 2, 1, {2, 1, 1}, {{0, 1}, {1, 0}, {0, 0}},
-     {SINGLE, SINGLE, 0}, RUNS(matvec), "mul", 0,
+     {SINGLE, SINGLE, 0}, RUNS(matvec), "mul", 0, 0,
      "matvec(a, x, /, out=None, **kwargs)\n\nMatrix times vector (m,n),(n)->(m) by omkmMul_mava "
      "(Mul_mva / Mul_mav for a single matrix or vector)."},
     {"vecdot", "(n),(n)->()", 2, 1, {1, 1, 0}, {{0, 0}, {0, 0}, {0, 0}},
-     {SINGLE, SINGLE, PACKED}, RUNS(vecdot), "dot", 0,
+     {SINGLE, SINGLE, PACKED}, RUNS(vecdot), "dot", 0, 0,
      "vecdot(a, b, /, out=None, **kwargs)\n\nDot product of vectors (n),(n)->() by omkmDotProduct_vava."},
     {"cross", "(3),(3)->(3)", 2, 1, {1, 1, 1}, {{0, 0}, {0, 0}, {0, 0}},
-     {SINGLE, SINGLE, 0}, RUNS(cross), "cross", 0,
+     {SINGLE, SINGLE, 0}, RUNS(cross), "cross", 0, 0,
      "cross(a, b, /, out=None, **kwargs)\n\nCross product of 3-vectors (3),(3)->(3) by omkmCrossProduct_vava."},
     {"vector_norm", "(n)->()", 1, 1, {1, 0}, {{0, 0}, {0, 0}},
-     {0, PACKED}, RUNS(vector_norm), "norm", 0,
+     {0, PACKED}, RUNS(vector_norm), "norm", 0, 0,
      "vector_norm(x, /, out=None, **kwargs)\n\nEuclidean norm of vectors (n)->() by omkmL2Norm_va."},
     {"trace", "(m,m)->()", 1, 1, {2, 0}, {{0, 0}, {0, 0}},
-     {0, PACKED}, RUNS(trace), "trace", 0,
+     {0, PACKED}, RUNS(trace), "trace", 0, 0,
      "trace(a, /, out=None, **kwargs)\n\nSum of the diagonal of square matrices (m,m)->() over the last "
      "two axes (numpy.linalg.trace of numpy 2), by omkmTrace_ma."},
     {"det", "(m,m)->()", 1, 1, {2, 0}, {{0, 0}, {0, 0}},
-     {0, PACKED}, RUNS(det), "det", 1,
+     {0, PACKED | EMPTY_ONE}, RUNS(det), "det", 1, 0,
      "det(a, /, out=None, **kwargs)\n\nDeterminant of square matrices (m,m)->() by omkmDet_ma. Never "
      "raises: orders above 4 give 0 when a pivot falls below 2*m^3 times the smallest normal number."},
     {"inv", "(m,m)->(m,m)", 1, 1, {2, 2}, {{0, 0}, {0, 0}},
-     {0, 0}, RUNS(inv), "inv", 1,
+     {0, 0}, RUNS(inv), "inv", 1, 0,
      "inv(a, /, out=None, **kwargs)\n\nInverse of square matrices (m,m)->(m,m) by omkmInvert_ma. Raises "
      "omkm.SingularMatrixError when |det| is below 2*m^3 times the smallest normal number (an absolute "
      "threshold)."},
     {"solve", "(m,m),(m,n)->(m,n)", 2, 1, {2, 2, 2}, {{0, 0}, {0, 1}, {0, 1}},
-     {SINGLE, 0, 0}, RUNS(solve), "lu", 1,
+     {SINGLE, 0, 0}, RUNS(solve), "lu", 1, 0,
      "solve(a, b, /, out=None, **kwargs)\n\nx with a @ x = b for matrices a (m,m) and right-hand sides b "
      "(m,n), as numpy.linalg.solve, by omkmLUDecomp_ma and omkmLUBackSubst_mava per column (one factor "
      "when a is a single matrix). Raises omkm.SingularMatrixError for a pivot below the library's "
      "absolute threshold."},
     {"solve1", "(m,m),(m)->(m)", 2, 1, {2, 1, 1}, {{0, 0}, {0, 0}, {0, 0}},
-     {SINGLE, 0, 0}, RUNS(solve1), "lu", 1,
+     {SINGLE, 0, 0}, RUNS(solve1), "lu", 1, 0,
      "solve1(a, b, /, out=None, **kwargs)\n\nx with a @ x = b for matrices a (m,m) and vectors b (m), as "
      "numpy.linalg.solve(a, b[..., None])[..., 0]. Raises omkm.SingularMatrixError."},
     {"eigvalsh", "(m,m)->(m)", 1, 1, {2, 1}, {{0, 0}, {0, 0}},
-     {0, PACKED}, RUNS(eigvalsh), "eigsym", 1,
+     {0, PACKED}, RUNS(eigvalsh), "eigsym", 1, 0,
      "eigvalsh(a, /, out=None, **kwargs)\n\nEigenvalues of symmetric matrices (m,m)->(m), ascending as "
      "numpy.linalg.eigvalsh, by omkmEigenValuesSym_ma. Raises omkm.SingularMatrixError when the product "
      "of the values is at most eps in magnitude (an absolute threshold), omkm.NotConvergedError."},
     {"eigh", "(m,m)->(m),(m,m)", 1, 2, {2, 1, 2}, {{0, 0}, {0, 0}, {0, 0}},
-     {0, PACKED, 0}, RUNS(eigh), "eigsym", 1,
+     {0, PACKED, 0}, RUNS(eigh), "eigsym", 1, 0,
      "eigh(a, /, out=(None, None), **kwargs)\n\n(w, v): eigenvalues ascending (m) and eigenvectors as "
      "the columns of v (m,m) of symmetric matrices, as numpy.linalg.eigh, by "
      "omkmEigenValuesVectorsSym_ma. Errors as eigvalsh."},
     {"cholesky", "(m,m)->(m,m)", 1, 1, {2, 2}, {{0, 0}, {0, 0}},
-     {0, 0}, RUNS(cholesky), "cholesky", 1,
+     {0, 0}, RUNS(cholesky), "cholesky", 1, 0,
      "cholesky(a, /, out=None, **kwargs)\n\nLower Cholesky factor L (zeros above the diagonal) of "
      "symmetric positive definite matrices (m,m)->(m,m), as numpy.linalg.cholesky, by "
      "omkmCholeskyDecomp_ma; only the lower triangle of a is read. Raises omkm.NotPosDefiniteError."},
+    {"matrix_norm", "(m,n)->()", 1, 1, {2, 0}, {{0, 1}, {0, 0}},
+     {0, PACKED}, RUNS(matrix_norm), "norm", 0, 0,
+     "matrix_norm(a, /, out=None, **kwargs)\n\nFrobenius norm of matrices (m,n)->() (numpy.linalg.norm "
+     "over the last two axes, numpy.linalg.matrix_norm of numpy 2), by omkmFrobNorm_ma."},
+    {"vecmat", "(n),(n,m)->(m)", 2, 1, {1, 2, 1}, {{0, 0}, {0, 1}, {1, 0}},
+     {SINGLE, SINGLE, 0}, RUNS(vecmat), "mul", 0, 0,
+     "vecmat(x, a, /, out=None, **kwargs)\n\nVector times matrix (n),(n,m)->(m), x @ a (numpy 2's "
+     "vecmat for real operands), by omkmMul_mava with a read transposed."},
+    {"lu_factor", "(m,m)->(m,m),(m)", 1, 2, {2, 2, 1}, {{0, 0}, {0, 0}, {0, 0}},
+     {0, 0, INT32}, RUNS(lu_factor), "lu", 1, 0,
+     "lu_factor(a, /, out=(None, None), **kwargs)\n\n(lu, piv) of square matrices as "
+     "scipy.linalg.lu_factor: P A = L U, lu (m,m) holding U on and above the diagonal and L's "
+     "multipliers below it, rows in pivot order; piv (m) int32, LAPACK's interchanges (row i was "
+     "exchanged with row piv[i], for i = 0, 1, ... in turn). By omkmLUDecomp_ma. Raises "
+     "omkm.SingularMatrixError for a pivot below the library's absolute threshold (scipy warns)."},
+    {"qr_reduced", "(m,n)->(m,n),(n,n)", 1, 2, {2, 2, 2}, {{0, 1}, {0, 1}, {1, 1}},
+     {0, 0, 0}, RUNS(qr_reduced), "qr", 1, TALL,
+     "qr_reduced(a, /, out=(None, None), **kwargs)\n\n(q, r) of matrices (m,n) with m >= n as "
+     "numpy.linalg.qr(a, 'reduced'): q (m,n) with orthonormal columns, r (n,n) upper triangular, signs "
+     "as numpy's. From omkmQRDecomp_ma's Householder factor. ValueError for m < n (qr_complete takes "
+     "any shape); omkm.DivByZeroError for a column of norm below eps (an absolute threshold)."},
+    {"qr_complete", "(m,n)->(m,m),(m,n)", 1, 2, {2, 2, 2}, {{0, 1}, {0, 0}, {0, 1}},
+     {0, EMPTY_EYE, 0}, RUNS(qr_complete), "qr", 1, 0,
+     "qr_complete(a, /, out=(None, None), **kwargs)\n\n(q, r) of matrices (m,n), any shape, as "
+     "numpy.linalg.qr(a, 'complete'): q (m,m) orthogonal, r (m,n) upper triangular. A wide matrix "
+     "(m < n) is factored on its first m columns, r's other columns being q^T a[:, m:]. Errors as "
+     "qr_reduced."},
+    {"qr_r", "(m,n)->(n,n)", 1, 1, {2, 2}, {{0, 1}, {1, 1}},
+     {0, 0}, RUNS(qr_r), "qr", 1, TALL | BLOCKED,
+     "qr_r(a, /, out=None, **kwargs)\n\nr (n,n) of matrices (m,n) with m >= n, as "
+     "numpy.linalg.qr(a, 'r'), without forming q. Errors as qr_reduced."},
+    {"eig", "(m,m)->(m),(m,m)", 1, 2, {2, 1, 2}, {{0, 0}, {0, 0}, {0, 0}},
+     {0, CPLX, CPLX}, RUNS(eig), "eig", 1, BLOCKED,
+     "eig(a, /, out=(None, None), **kwargs)\n\n(w, v): eigenvalues (m) and right eigenvectors as the "
+     "columns of v (m,m) of general matrices, a @ v[:, j] = w[j] v[:, j], complex (complex64 for "
+     "float32) whatever the values. Values in the order the library finds them, a conjugate pair "
+     "consecutive with the positive imaginary part first; each vector of norm 1 with its largest "
+     "component real and positive. By omkmEigenValuesVectorsRight_ma. Raises omkm.NotConvergedError."},
+    {"eigvals", "(m,m)->(m)", 1, 1, {2, 1}, {{0, 0}, {0, 0}},
+     {0, CPLX}, RUNS(eigvals), "eig", 1, BLOCKED,
+     "eigvals(a, /, out=None, **kwargs)\n\nEigenvalues of general matrices (m,m)->(m), complex, in "
+     "eig's order, by omkmEigenValues_ma. Raises omkm.NotConvergedError."},
     {"transform_points", "(4,4),(3)->(3)", 2, 1, {2, 1, 1}, {{0, 0}, {1, 0}, {1, 0}},
-     {SINGLE | PACKED_CORE, SINGLE | PACKED_CORE, PACKED_CORE}, transform_points_32f, NULL, "graphics", 0,
+     {SINGLE | PACKED_CORE, SINGLE | PACKED_CORE, PACKED_CORE}, transform_points_32f, NULL, "graphics", 0, 0,
      "transform_points(m, p, /, out=None, **kwargs)\n\nPoints p (3) as row vectors (x, y, z, 1) @ m "
      "(4,4), divided by their w (omkm.transform_points with kind='coord'), by "
      "omkmAffineTransformCoord_m4v3a_32f. float32 only: the library's point transforms are float only."},
@@ -490,21 +802,26 @@ typedef struct {
     npy_intp step;     /* numpy's outer step */
     npy_intp cs[2];    /* numpy's core steps (rows, elements) */
     npy_intp shape[2]; /* core sizes (1 for a missing axis) */
+    int esz;           /* bytes of one element: the loop's float, a complex pair of them, an int32 */
+    int al;            /* the unit its elements are read in (alignment and strides) */
     Desc d;            /* the standard description of a direct operand */
     char* buf;         /* the block copy */
     npy_intp obj;      /* bytes of one packed object */
 } Operand;
 
-static int fits(npy_intp s, int esize) { return s > 0 && s % esize == 0 && s <= INT_MAX; }
+/* unit: an element or its component, 4 or 8 bytes; a mask, not a division (the loop's setup is a
+ * noticeable part of a call on one small object). */
+static int fits(npy_intp s, int unit) { return s > 0 && (s & (unit - 1)) == 0 && s <= INT_MAX; }
 
 /* The core layout of operand o (shape and steps) as the library's s1 and s2, or -1 when it cannot
- * take it in place. A size-1 axis takes the packed value, as any value serves there. */
-static int core_layout(Operand* o, int esize, int packed)
+ * take it in place. A size-1 axis takes the packed value, as any value serves there (numpy gives
+ * a missing flexible dimension, matmul's m? and p?, size 1 and step 0). */
+static int core_layout(Operand* o, int packed)
 {
     npy_intp w = o->shape[1], h = o->shape[0];
-    npy_intp s2 = w > 1 ? o->cs[1] : esize, s1 = h > 1 ? o->cs[0] : esize * w;
-    if (packed && (s2 != esize || s1 != esize * w)) return -1;
-    if (!fits(s2, esize) || !fits(s1, esize)) return -1;
+    npy_intp s2 = w > 1 ? o->cs[1] : o->esz, s1 = h > 1 ? o->cs[0] : o->esz * w;
+    if (packed && (s2 != o->esz || s1 != o->esz * w)) return -1;
+    if (!fits(s2, o->al) || !fits(s1, o->al)) return -1;
     o->d.s1 = (int)s1;
     o->d.s2 = (int)s2;
     return 0;
@@ -518,6 +835,34 @@ static void copy_object(char* dst, npy_intp ds1, npy_intp ds2, const char* src, 
             memcpy(dst + i * ds1 + j * ds2, src + i * ss1 + j * ss2, esize);
 }
 
+/* A zero core size: numpy's results without a library call. An output with elements is zeros (a
+ * matmul over an empty inner dimension, the trace or a norm of nothing), the identity for
+ * EMPTY_EYE (qr's complete Q of a matrix without columns) or 1 for EMPTY_ONE (the determinant
+ * of a 0x0 matrix); every other output has no elements. */
+static void fill_empty(const OpDef* op, const Operand* o, char** args, npy_intp n, int esize)
+{
+    for (int i = op->nin; i < op->nin + op->nout; i++) {
+        const Operand* q = &o[i];
+        for (npy_intp k = 0; k < n; k++)
+            for (npy_intp r = 0; r < q->shape[0]; r++)
+                for (npy_intp c = 0; c < q->shape[1]; c++) {
+                    char* e = args[i] + k * q->step + r * q->cs[0] + c * q->cs[1];
+                    int one = (op->flags[i] & EMPTY_ONE) || ((op->flags[i] & EMPTY_EYE) && r == c);
+                    memset(e, 0, q->esz);
+                    if (one && esize == 4) *(float*)e = 1;
+                    else if (one) *(double*)e = 1;
+                }
+    }
+}
+
+static void value_error(const char* fmt, const char* name, Py_ssize_t a, Py_ssize_t b)
+{
+    NPY_ALLOW_C_API_DEF
+    NPY_ALLOW_C_API
+    PyErr_Format(PyExc_ValueError, fmt, name, a, b);
+    NPY_DISABLE_C_API
+}
+
 static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps, void* data)
 {
     const LoopData* ld = data;
@@ -525,47 +870,55 @@ static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps,
     const int esize = ld->esize, nargs = op->nin + op->nout;
     npy_intp N = dimensions[0];
     int sz[MAXDIMS] = {1, 1, 1};
-    Operand o[MAXOPS] = {{0}};
+    Operand o[MAXOPS];  /* every field set below: no zeroing of the whole array per call */
     const npy_intp* cst = steps + nargs;
-    int i, all_single = 1, any_copy = 0, st = 0, ndims = 0;
+    int i, all_single = 1, any_copy = 0, st = 0, empty = 0;
     const char* fname = "";
 
-    for (i = 0; i < nargs; i++)
-        for (int a = 0; a < op->ndim[i]; a++)
-            if (op->dim[i][a] + 1 > ndims) ndims = op->dim[i][a] + 1;
-    if (N == 0) return;
-    for (i = 0; i < ndims; i++) {
-        if (dimensions[1 + i] < 1 || dimensions[1 + i] > INT_MAX) {
-            NPY_ALLOW_C_API_DEF
-            NPY_ALLOW_C_API
-            PyErr_Format(PyExc_ValueError, "%s: core sizes must be 1 ... 2**31-1, got %zd", op->name,
-                         (Py_ssize_t)dimensions[1 + i]);
-            NPY_DISABLE_C_API
+    for (i = 0; i < ld->ndims; i++) {
+        if (dimensions[1 + i] > INT_MAX) {
+            value_error("%s: core sizes must be at most 2**31-1, got %zd (dimension %zd)", op->name,
+                        (Py_ssize_t)dimensions[1 + i], i);
             return;
         }
         sz[i] = (int)dimensions[1 + i];
+        empty |= sz[i] == 0;
     }
+    if ((op->opflags & TALL) && sz[0] < sz[1]) {
+        value_error("%s: needs matrices (m, n) with m >= n, got (%zd, %zd) (qr_complete takes any shape)",
+                    op->name, sz[0], sz[1]);
+        return;
+    }
+    if (N == 0) return;
     for (i = 0; i < nargs; i++) {
         Operand* q = &o[i];
         int nd = op->ndim[i];
-        memset(q, 0, sizeof *q);
+        q->mode = DIRECT;
+        q->buf = NULL;
+        q->d.s0 = q->d.s1 = q->d.s2 = 0;
         q->step = steps[i];
         q->shape[0] = nd == 2 ? sz[op->dim[i][0]] : 1;
         q->shape[1] = nd >= 1 ? sz[op->dim[i][nd - 1]] : 1;
         q->cs[0] = nd == 2 ? cst[0] : 0;
         q->cs[1] = nd >= 1 ? cst[nd - 1] : 0;
         cst += nd;
-        q->obj = esize * q->shape[0] * q->shape[1];
+        q->esz = ld->esz[i];
+        q->al = ld->al[i];
+        q->obj = q->esz * q->shape[0] * q->shape[1];
         q->d.p = args[i];
         q->single = i < op->nin && (N == 1 || q->step == 0);
         if (i < op->nin && !q->single) all_single = 0;
+    }
+    if (empty) {
+        fill_empty(op, o, args, N, esize);
+        return;
     }
     if (all_single) N = 1;          /* one object, copied to every output object below */
     npy_intp Nall = dimensions[0];
     for (i = 0; i < nargs; i++) {
         Operand* q = &o[i];
         int packed = (op->flags[i] & PACKED_CORE) != 0;
-        int ok = ((uintptr_t)q->d.p % esize) == 0 && core_layout(q, esize, packed) == 0;
+        int ok = ((uintptr_t)q->d.p & (q->al - 1)) == 0 && core_layout(q, packed) == 0;
         if (N == 1) {
             q->d.s0 = q->obj > INT_MAX ? INT_MAX : (int)q->obj;
         } else if (q->single) {
@@ -574,7 +927,7 @@ static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps,
             q->d.s0 = 0;
             if (!ok && (op->flags[i] & SINGLE)) q->mode = COPY;
         } else {
-            ok = ok && fits(q->step, esize) &&
+            ok = ok && fits(q->step, q->al) &&
                  (!((op->flags[i] & PACKED) == PACKED) || q->step == q->obj);
             q->d.s0 = ok ? (int)q->step : 0;
         }
@@ -586,15 +939,18 @@ static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps,
     }
 
     /* Objects per library call: the copies' block, and k*stride0 within 2^31-1. */
-    npy_intp per = N, copy_bytes = 0;
+    npy_intp per = N, copy_bytes = 0, all_bytes = 0;
     for (i = 0; i < nargs; i++) {
         Operand* q = &o[i];
-        if (q->mode == DIRECT && !q->single && q->d.s0 > 0) {
+        all_bytes += q->single ? 0 : q->obj;
+        if (per > 1 && q->mode == DIRECT && !q->single && q->d.s0 > 0) {
             npy_intp lim = INT_MAX / q->d.s0 + 1;
             if (lim < per) per = lim;
         }
         if (q->mode == COPY) copy_bytes += q->single ? 0 : q->obj;
     }
+    if ((op->opflags & BLOCKED) && all_bytes && BLOCK_BYTES / all_bytes < per)
+        per = BLOCK_BYTES / all_bytes > 0 ? BLOCK_BYTES / all_bytes : 1;
     if (any_copy) {
         npy_intp lim = copy_bytes ? BLOCK_BYTES / copy_bytes : per;
         if (lim < 1) lim = 1;
@@ -604,12 +960,12 @@ static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps,
             if (q->mode != COPY) continue;
             q->buf = malloc(q->obj * (q->single ? 1 : per));
             if (!q->buf) { st = NO_MEMORY; goto done; }
-            q->d.s1 = (int)(esize * q->shape[1]);
-            q->d.s2 = esize;
+            q->d.s1 = (int)(q->esz * q->shape[1]);
+            q->d.s2 = q->esz;
             if (!q->single) q->d.s0 = (int)q->obj;
             if (q->single)  /* the one object, copied once */
                 copy_object(q->buf, q->d.s1, q->d.s2, args[i], q->cs[0], q->cs[1], q->shape[0], q->shape[1],
-                            esize);
+                            q->esz);
         }
     }
 
@@ -620,7 +976,7 @@ static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps,
          * statuses report their failures. */
         const int own_flags = op->own_flags;
         fexcept_t flags;
-        fegetexceptflag(&flags, FE_ALL_EXCEPT);
+        if (own_flags) fegetexceptflag(&flags, FE_ALL_EXCEPT);
         /* numpy releases the GIL around the loop (its loops here need no C API) once the
          * problem passes its size threshold, and keeps it for small ones. */
         last_loop_held_gil = PyGILState_Check();
@@ -639,7 +995,7 @@ static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps,
                 if (i < op->nin && !q->single)
                     for (npy_intp k = 0; k < cnt; k++)
                         copy_object(q->buf + k * q->obj, d[i].s1, d[i].s2, base + k * q->step, q->cs[0],
-                                    q->cs[1], q->shape[0], q->shape[1], esize);
+                                    q->cs[1], q->shape[0], q->shape[1], q->esz);
             }
             st = ld->run(d, sz, (int)cnt, &fname);
             if (st) break;
@@ -649,7 +1005,7 @@ static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps,
                 char* base = args[i] + k0 * q->step;
                 for (npy_intp k = 0; k < cnt; k++)
                     copy_object(base + k * q->step, q->cs[0], q->cs[1], q->buf + k * q->obj, q->d.s1, q->d.s2,
-                                q->shape[0], q->shape[1], esize);
+                                q->shape[0], q->shape[1], q->esz);
             }
         }
         /* Every input one object: the one result goes to every output object. */
@@ -657,12 +1013,12 @@ static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps,
             for (i = op->nin; i < nargs; i++)
                 for (npy_intp k = 1; k < Nall; k++)
                     copy_object(args[i] + k * o[i].step, o[i].cs[0], o[i].cs[1], args[i], o[i].cs[0],
-                                o[i].cs[1], o[i].shape[0], o[i].shape[1], esize);
+                                o[i].cs[1], o[i].shape[0], o[i].shape[1], o[i].esz);
         if (own_flags) fesetexceptflag(&flags, FE_ALL_EXCEPT);
     }
 
 done:
-    for (i = 0; i < nargs; i++) free(o[i].buf);
+    for (i = 0; any_copy && i < nargs; i++) free(o[i].buf);
     if (st) {
         NPY_ALLOW_C_API_DEF
         NPY_ALLOW_C_API
@@ -711,11 +1067,20 @@ PyMODINIT_FUNC PyInit__ufuncs(void)
         int ntypes = op->run64 ? 2 : 1;
         RunFn runs[2] = {op->run32, op->run64};
         for (int t = 0; t < ntypes; t++) {
-            loopdata[k][t] = (LoopData){op, runs[t], t ? 8 : 4};
+            LoopData* ld = &loopdata[k][t];
+            *ld = (LoopData){op, runs[t], t ? 8 : 4, 0, {0}, {0}};
             funcs[k][t] = loop;
-            datas[k][t] = &loopdata[k][t];
+            datas[k][t] = ld;
+            for (int a = 0; a < op->nin + op->nout; a++) {
+                ld->esz[a] = (op->flags[a] & INT32) ? 4 : (op->flags[a] & CPLX) ? 2 * ld->esize : ld->esize;
+                ld->al[a] = (op->flags[a] & INT32) ? 4 : ld->esize;
+                for (int x = 0; x < op->ndim[a]; x++)
+                    if (op->dim[a][x] + 1 > ld->ndims) ld->ndims = op->dim[a][x] + 1;
+            }
             for (int a = 0; a < op->nin + op->nout; a++)
-                types[k][t * (op->nin + op->nout) + a] = t ? NPY_DOUBLE : NPY_FLOAT;
+                types[k][t * (op->nin + op->nout) + a] = (op->flags[a] & INT32) ? NPY_INT32
+                                                       : (op->flags[a] & CPLX) ? (t ? NPY_CDOUBLE : NPY_CFLOAT)
+                                                       : t ? NPY_DOUBLE : NPY_FLOAT;
         }
         PyObject* uf = PyUFunc_FromFuncAndDataAndSignature(funcs[k], datas[k], types[k], ntypes, op->nin,
                                                            op->nout, PyUFunc_None, op->name, op->doc, 0,

@@ -3,11 +3,16 @@
     omkm.ufuncs.inv(a)                      # (..., m, m) -> (..., m, m), a numpy.ufunc
     omkm.ufuncs.matmul(a, b, out=c)         # out=, axes=, dtype=, casting= as for any gufunc
 
-matmul (m,n),(n,p)->(m,p); matvec (m,n),(n)->(m); vecdot (n),(n)->(); cross (3),(3)->(3);
-vector_norm (n)->(); trace (m,m)->(); det (m,m)->(); inv (m,m)->(m,m); solve (m,m),(m,n)->(m,n);
-solve1 (m,m),(m)->(m); eigvalsh (m,m)->(m); eigh (m,m)->(m),(m,m); cholesky (m,m)->(m,m);
+matmul (m?,n),(n,p?)->(m?,p?) (1-D operands as numpy.matmul); matvec (m,n),(n)->(m);
+vecmat (n),(n,m)->(m); vecdot (n),(n)->(); cross (3),(3)->(3); vector_norm (n)->();
+matrix_norm (m,n)->() (Frobenius); trace (m,m)->(); det (m,m)->(); inv (m,m)->(m,m);
+solve (m,m),(m,n)->(m,n); solve1 (m,m),(m)->(m); lu_factor (m,m)->(m,m),(m) (scipy.linalg's, piv
+int32); qr_reduced (m,n)->(m,n),(n,n) and qr_r (m,n)->(n,n) for m >= n, qr_complete
+(m,n)->(m,m),(m,n) (numpy.linalg.qr's modes); eigvalsh (m,m)->(m); eigh (m,m)->(m),(m,m);
+eig (m,m)->(m),(m,m) and eigvals (m,m)->(m) (complex results); cholesky (m,m)->(m,m);
 transform_points (4,4),(3)->(3) (float32 only). Results follow numpy.linalg's conventions
-(eigenvalues ascending, cholesky's L with zeros above the diagonal). Failures raise the package's
+(eigenvalues ascending, cholesky's L with zeros above the diagonal, qr's signs); a zero core size
+gives numpy's results (det 1, zeros, empty arrays). Failures raise the package's
 numpy.linalg.LinAlgError subclasses (omkm.SingularMatrixError, ...).
 
 The compiled module is found through $OMKM_UFUNCS (its full path), the package's own directory,
@@ -23,8 +28,9 @@ import sys
 
 from . import _lib  # noqa: F401  (libomkm first: the extension binds to the copy already loaded)
 
-NAMES = ("matmul", "matvec", "vecdot", "cross", "vector_norm", "trace", "det", "inv", "solve",
-         "solve1", "eigvalsh", "eigh", "cholesky", "transform_points")
+NAMES = ("matmul", "matvec", "vecmat", "vecdot", "cross", "vector_norm", "matrix_norm", "trace", "det",
+         "inv", "solve", "solve1", "lu_factor", "qr_reduced", "qr_complete", "qr_r", "eigvalsh", "eigh",
+         "eig", "eigvals", "cholesky", "transform_points")
 _HERE = os.path.dirname(os.path.abspath(__file__))
 
 

@@ -41,6 +41,30 @@ def solve_oracle(a, b):
     return np.linalg.solve(np.broadcast_to(a, lead + a.shape[-2:]), np.broadcast_to(b, lead + b.shape[-2:]))
 
 
+def lu_factor_oracle(a):
+    """scipy.linalg.lu_factor of each matrix (it takes one at a time)."""
+    sl = pytest.importorskip("scipy.linalg")
+    f = [sl.lu_factor(m) for m in a.reshape((-1,) + a.shape[-2:])]
+    return np.reshape([x[0] for x in f], a.shape), np.reshape([x[1] for x in f], a.shape[:-1]).astype(np.int32)
+
+
+def canonical_eig(w, v=None):
+    """Complex values sorted by real, then imaginary part, the vector columns to match scaled to norm
+    1 with their largest component real and positive: one form for two eigensolvers' results."""
+    i = np.lexsort((w.imag, w.real))
+    w = np.take_along_axis(w, i, axis=-1)
+    if v is None or v.size == 0:
+        return (w,) if v is None else (w, v)
+    v = np.take_along_axis(v, i[..., None, :], axis=-1)
+    v = v / np.linalg.norm(v, axis=-2, keepdims=True)
+    big = np.take_along_axis(v, np.abs(v).argmax(axis=-2)[..., None, :], axis=-2)
+    return w, v * (np.conj(big) / np.abs(big))
+
+
+def qr_oracle(mode):
+    return lambda a: np.linalg.qr(a, mode)
+
+
 def general(shape):
     return lambda rng, lead, dt: stack(rng, lead + shape, dt)
 
@@ -53,14 +77,24 @@ def square(kind, n=4):
 CASES = {
     "matmul": ([general((4, 3)), general((3, 5))], np.matmul),
     "matvec": ([general((4, 3)), general((3,))], lambda a, x: (a @ x[..., None])[..., 0]),
+    "vecmat": ([general((4,)), general((4, 3))], lambda x, a: (x[..., None, :] @ a)[..., 0, :]),
     "vecdot": ([general((5,)), general((5,))], lambda a, b: np.sum(a * b, axis=-1)),
     "cross": ([general((3,)), general((3,))], np.cross),
     "vector_norm": ([general((5,))], lambda x: np.linalg.norm(x, axis=-1)),
+    "matrix_norm": ([general((4, 3))], lambda a: np.linalg.norm(a, axis=(-2, -1))),
     "trace": ([general((4, 4))], lambda a: np.trace(a, axis1=-2, axis2=-1)),
     "det": ([general((4, 4))], np.linalg.det),
     "inv": ([square("wellcond")], np.linalg.inv),
     "solve": ([square("wellcond"), general((4, 2))], solve_oracle),
     "solve1": ([square("wellcond"), general((4,))], lambda a, b: solve_oracle(a, b[..., None])[..., 0]),
+    "lu_factor": ([general((5, 5))], lu_factor_oracle),
+    "qr_reduced": ([general((5, 3))], qr_oracle("reduced")),
+    "qr_reduced square": ([general((4, 4))], qr_oracle("reduced")),
+    "qr_complete": ([general((5, 3))], qr_oracle("complete")),
+    "qr_complete wide": ([general((3, 5))], qr_oracle("complete")),
+    "qr_r": ([general((5, 3))], qr_oracle("r")),
+    "eig": ([general((5, 5))], lambda a: canonical_eig(*[x.astype(complex) for x in np.linalg.eig(a)])),
+    "eigvals": ([general((5, 5))], lambda a: canonical_eig(np.linalg.eigvals(a).astype(complex))),
     "eigvalsh": ([square("spd")], np.linalg.eigvalsh),
     "eigh": ([square("spd")], eigh_oracle),
     "cholesky": ([square("spd")], np.linalg.cholesky),
@@ -69,9 +103,13 @@ CASES = {
 
 
 def results(name, *args, **kw):
+    """The gufunc of CASES row `name` (its first word) on args, as a tuple."""
+    name = name.split()[0]
     r = getattr(uf, name)(*args, **kw)
     if name == "eigh":
         return r[0], signed(r[1])
+    if name in ("eig", "eigvals"):
+        return canonical_eig(*(r if isinstance(r, tuple) else (r,)))
     return r if isinstance(r, tuple) else (r,)
 
 
@@ -81,7 +119,9 @@ def check(name, args, dt):
     got = results(name, *args)
     assert len(got) == len(want)
     for g, w in zip(got, want):
-        assert g.dtype == dt and g.shape == w.shape, (name, g.dtype, g.shape, w.shape)
+        # interchanges are int32; complex results have the loop's precision
+        kind = {"i": np.int32, "c": np.result_type(dt, np.complex64)}.get(w.dtype.kind, dt)
+        assert g.dtype == kind and g.shape == w.shape, (name, g.dtype, g.shape, w.shape)
         np.testing.assert_allclose(g, w, err_msg=name, **tol(dt))
     return got
 
@@ -124,10 +164,33 @@ def test_layouts(name, dt, rng):
     for layout, (a, _) in variants(args[0], args[0].ndim - 1).items():
         got = results(name, a, *args[1:])
         for g, r in zip(got, ref):
-            if name in ORDER_BY_STRIDE and layout in ("strided", "transposed", "batch_innermost"):
+            if name.split()[0] in ORDER_BY_STRIDE and layout in ("strided", "transposed", "batch_innermost"):
                 np.testing.assert_allclose(g, r, err_msg=f"{name} {layout}", **tol(dt))
             else:
                 np.testing.assert_array_equal(g, r, err_msg=f"{name} {layout}")
+
+
+@pytest.mark.parametrize("sa, sb", [((3,), (3, 5)), ((4, 3), (3,)), ((3,), (3,)), ((3,), (2, 3, 5)),
+                                     ((2, 4, 3), (3,))])
+def test_matmul_vectors(rng, dt, sa, sb):
+    """numpy.matmul's 1-D operands: a row on the left, a column on the right, the axis dropped."""
+    a, b = stack(rng, sa, dt), stack(rng, sb, dt)
+    got, want = uf.matmul(a, b), np.matmul(a.astype(np.float64), b.astype(np.float64))
+    assert got.dtype == dt and got.shape == want.shape
+    np.testing.assert_allclose(got, want, **tol(dt))
+
+
+# A zero core size: numpy's results (zeros, det 1, the identity for qr's complete Q, empty arrays).
+EMPTY = [("det", (2, 0, 0)), ("trace", (2, 0, 0)), ("vector_norm", (2, 0)), ("matrix_norm", (3, 0)),
+         ("vecdot", (2, 0), (0,)), ("matmul", (2, 0), (0, 3)), ("matmul", (0, 3), (3, 2)),
+         ("matvec", (2, 0), (0,)), ("vecmat", (0,), (0, 2)), ("inv", (2, 0, 0)), ("solve", (0, 0), (0, 3)),
+         ("qr_complete", (2, 3, 0)), ("qr_reduced", (3, 0)), ("eig", (2, 0, 0))]
+
+
+@pytest.mark.parametrize("row", EMPTY, ids=lambda r: r[0])
+def test_zero_core_size(row, dt):
+    name, *shapes = row
+    check(name, [np.ones(s, dt) for s in shapes], dt)
 
 
 def test_out_and_axes(rng):
@@ -146,6 +209,10 @@ def test_out_and_axes(rng):
     s = stack(rng, (COUNT, 4, 4), np.float64, "spd")
     assert all(x is y for x, y in zip(uf.eigh(s, out=(w, v)), (w, v)))
     np.testing.assert_allclose(w, np.linalg.eigvalsh(s), **tol(np.float64))
+    piv, z = np.zeros((2 * COUNT, 4), np.int32)[::-2], np.zeros((2 * COUNT, 4), complex)[::-2]
+    assert uf.lu_factor(a, out=(None, piv))[1] is piv and uf.eigvals(a, out=z) is z   # copied back
+    np.testing.assert_array_equal(piv, uf.lu_factor(a)[1])
+    np.testing.assert_array_equal(z, uf.eigvals(a))
 
 
 @pytest.mark.parametrize("layout", ["contiguous", "reversed"])
@@ -153,7 +220,7 @@ def test_errors(rng, layout):
     a = stack(rng, (5, 4, 4), np.float64, "wellcond")
     a[2] = 1.0                                           # singular, in the middle of the stack
     a = variants(a, 2)[layout][0]
-    for call in (lambda: uf.inv(a), lambda: uf.solve1(a, np.ones(4))):
+    for call in (lambda: uf.inv(a), lambda: uf.solve1(a, np.ones(4)), lambda: uf.lu_factor(a)):
         with pytest.raises(omkm.SingularMatrixError, match="absolute threshold") as e:
             call()
         assert isinstance(e.value, np.linalg.LinAlgError) and e.value.status == -206
@@ -162,6 +229,9 @@ def test_errors(rng, layout):
     with pytest.raises(omkm.NotPosDefiniteError) as e:
         uf.cholesky(variants(s, 2)[layout][0])
     assert isinstance(e.value, np.linalg.LinAlgError) and e.value.status == -205
+    for f in (uf.qr_reduced, uf.qr_r):
+        with pytest.raises(ValueError, match=r"m >= n, got \(3, 5\)"):
+            f(np.ones((2, 3, 5)))
 
 
 def test_large_stacks_run_without_the_gil(rng):
@@ -190,4 +260,4 @@ def test_floating_point_flags(rng):
         uf.matmul(big, big)
     a = stack(rng, (9, 4, 4), np.float64, "spd")
     with np.errstate(all="raise"):
-        uf.eigh(a), uf.inv(a), uf.cholesky(a), uf.solve1(a, a[..., 0])
+        uf.eigh(a), uf.inv(a), uf.cholesky(a), uf.solve1(a, a[..., 0]), uf.lu_factor(a), uf.eig(a), uf.qr_complete(a)
