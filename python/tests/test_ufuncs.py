@@ -88,6 +88,7 @@ CASES = {
     "solve": ([square("wellcond"), general((4, 2))], solve_oracle),
     "solve1": ([square("wellcond"), general((4,))], lambda a, b: solve_oracle(a, b[..., None])[..., 0]),
     "lu_factor": ([general((5, 5))], lu_factor_oracle),
+    "lu_factor order 8": ([general((8, 8))], lu_factor_oracle),     # the library's general loop
     "qr_reduced": ([general((5, 3))], qr_oracle("reduced")),
     "qr_reduced square": ([general((4, 4))], qr_oracle("reduced")),
     "qr_complete": ([general((5, 3))], qr_oracle("complete")),
@@ -232,6 +233,13 @@ def test_errors(rng, layout):
     for f in (uf.qr_reduced, uf.qr_r):
         with pytest.raises(ValueError, match=r"m >= n, got \(3, 5\)"):
             f(np.ones((2, 3, 5)))
+
+
+@pytest.mark.parametrize("name", ["lu_factor", "qr_r", "eig"])
+def test_stacks_in_blocks(rng, name):
+    """Stacks long enough for the library's threads and, for gufuncs with scratch per object,
+    for several blocks of calls."""
+    check(name, [f(rng, (3000,), np.float64) for f in CASES[name][0]], np.float64)
 
 
 def test_large_stacks_run_without_the_gil(rng):
