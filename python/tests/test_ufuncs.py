@@ -233,6 +233,10 @@ def test_errors(rng, layout):
     for f in (uf.qr_reduced, uf.qr_r):
         with pytest.raises(ValueError, match=r"m >= n, got \(3, 5\)"):
             f(np.ones((2, 3, 5)))
+    t = stack(rng, (5, 6, 3), np.float64)
+    t[1, :, 2] = 0                                       # a column of norm 0
+    with pytest.raises(omkm.DivByZeroError, match="absolute threshold"):
+        uf.qr_complete(variants(t, 2)[layout][0])
 
 
 @pytest.mark.parametrize("name", ["lu_factor", "qr_r", "eig"])
