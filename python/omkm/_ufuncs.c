@@ -863,6 +863,30 @@ static void value_error(const char* fmt, const char* name, Py_ssize_t a, Py_ssiz
     NPY_DISABLE_C_API
 }
 
+/* One object whose every operand the library takes in place (a call on single small matrices,
+ * where the loop's setup is a noticeable part of the cost): d gets their descriptions, as the
+ * general path below would make them, and 1 is returned; 0 when an operand needs a copy. */
+static int in_place(const LoopData* ld, char** args, const npy_intp* cst, const int* sz, Desc* d)
+{
+    const OpDef* op = ld->op;
+    for (int i = 0; i < op->nin + op->nout; i++) {
+        Operand q;
+        int nd = op->ndim[i];
+        q.shape[0] = nd == 2 ? sz[op->dim[i][0]] : 1;
+        q.shape[1] = nd >= 1 ? sz[op->dim[i][nd - 1]] : 1;
+        q.cs[0] = nd == 2 ? cst[0] : 0;
+        q.cs[1] = nd >= 1 ? cst[nd - 1] : 0;
+        cst += nd;
+        q.esz = ld->esz[i];
+        q.al = ld->al[i];
+        if (((uintptr_t)args[i] & (q.al - 1)) || core_layout(&q, (op->flags[i] & PACKED_CORE) != 0))
+            return 0;
+        npy_intp obj = q.esz * q.shape[0] * q.shape[1];
+        d[i] = (Desc){args[i], obj > INT_MAX ? INT_MAX : (int)obj, q.d.s1, q.d.s2};
+    }
+    return 1;
+}
+
 static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps, void* data)
 {
     const LoopData* ld = data;
@@ -890,6 +914,17 @@ static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps,
         return;
     }
     if (N == 0) return;
+    if (N == 1 && !empty) {
+        Desc d[MAXOPS];
+        if (in_place(ld, args, cst, sz, d)) {
+            fexcept_t flags;   /* as in the general path below */
+            if (op->own_flags) fegetexceptflag(&flags, FE_ALL_EXCEPT);
+            last_loop_held_gil = PyGILState_Check();
+            st = ld->run(d, sz, 1, &fname);
+            if (op->own_flags) fesetexceptflag(&flags, FE_ALL_EXCEPT);
+            goto done;
+        }
+    }
     for (i = 0; i < nargs; i++) {
         Operand* q = &o[i];
         int nd = op->ndim[i];
