@@ -136,27 +136,12 @@ def _by_columns(name, y, f, n, vectors):
 def lu_factor(a, overwrite_a=False, check_finite=True):
     """scipy.linalg.lu_factor: (lu, piv) of each matrix (..., n, n), P A = L U with lu holding U on
     and above the diagonal and L's multipliers below it, rows in pivot order, and piv (int32)
-    LAPACK's interchanges: row i was exchanged with row piv[i], for i = 0, 1, ... in turn. From
-    lu_decomp, whose rows stay in place. SingularMatrixError where the library's absolute pivot
+    LAPACK's interchanges: row i was exchanged with row piv[i], for i = 0, 1, ... in turn (the
+    gufunc omkm.ufuncs.lu_factor). SingularMatrixError where the library's absolute pivot
     threshold is met (scipy warns and returns). overwrite_a is accepted; a is never overwritten."""
-    x, dt, n = _square("lu_factor", a)
+    x = _matrices("lu_factor", a)
     _finite("lu_factor", check_finite, x)
-    lu, order = lu_decomp(x)
-    lu = np.take_along_axis(lu, order[..., :, None].astype(np.intp), axis=-2)
-    # The interchanges that take 0 ... n-1 to the library's row order.
-    rows = np.broadcast_to(np.arange(n), order.shape).copy()
-    where = rows.copy()                           # where[r]: the position of row r in `rows`
-    piv = np.empty(order.shape, np.int32)
-    for i in range(n):
-        j = np.take_along_axis(where, order[..., i:i + 1].astype(np.intp), axis=-1)[..., 0]
-        piv[..., i] = j
-        ri = rows[..., i].copy()
-        rj = np.take_along_axis(rows, j[..., None], axis=-1)[..., 0]
-        rows[..., i] = rj
-        np.put_along_axis(rows, j[..., None], ri[..., None], axis=-1)
-        np.put_along_axis(where, rj[..., None], i, axis=-1)
-        np.put_along_axis(where, ri[..., None], j[..., None], axis=-1)
-    return lu, piv
+    return ufuncs.lu_factor(x)
 
 
 def lu_solve(lu_and_piv, b, trans=0, overwrite_b=False, check_finite=True):
@@ -304,41 +289,23 @@ def qr_packed(a, out=None, *, copy=True):
 
 def qr(a, mode="reduced"):
     """numpy.linalg.qr: (Q, R) with A = Q R for each matrix (..., m, n); mode 'reduced' (Q m x k,
-    R k x n, k = min(m, n)), 'complete' (Q m x m, R m x n) or 'r' (R alone). From the library's
-    Householder factor (qr_packed): Q is its reflections applied to the identity, each
-    H = I - beta v v^T with beta = 2 / (v^T v) as the library's solver forms it. A wide matrix
-    (m < n) is factored on its first m columns, R's other columns being Q^T times a's. mode 'raw'
-    (LAPACK's own Householder form) raises NotImplementedError: qr_packed is the library's."""
+    R k x n, k = min(m, n)), 'complete' (Q m x m, R m x n) or 'r' (R alone), by the gufuncs
+    qr_reduced / qr_complete / qr_r: Q is the library's Householder reflections (qr_packed's) applied
+    to the identity, and a wide matrix (m < n) is factored on its first m columns, R's other
+    columns being Q^T times a's. mode 'raw' (LAPACK's own Householder form) raises
+    NotImplementedError: qr_packed() gives the library's."""
     if mode not in ("reduced", "complete", "r", "raw"):
         raise ValueError(f"qr: unrecognized mode {mode!r}")
     if mode == "raw":
         raise NotImplementedError("qr: mode='raw' (LAPACK's Householder form); qr_packed() gives the library's")
-    x = asarray(a, "qr")
+    x = a if type(a) is np.ndarray else np.asarray(a)
     if x.ndim < 2:
         raise np.linalg.LinAlgError(f"qr: {x.ndim}-dimensional array given; it must have at least two axes")
-    dt = result_type(x)
-    x = x.astype(dt, copy=False)
-    m, n = x.shape[-2:]
-    k = min(m, n)
-    f = qr_packed(x[..., :, :k] if m < n else x)
-    r = np.triu(f if mode == "complete" else f[..., :k, :])
-    if m < n:
-        r = np.concatenate([r, np.zeros(r.shape[:-1] + (n - k,), dt)], axis=-1)
-    if mode == "r" and m >= n:
-        return r
-    cols = m if mode == "complete" else k
-    q = np.zeros(x.shape[:-2] + (m, cols), dt)
-    q[..., np.arange(cols), np.arange(cols)] = 1
-    for j in reversed(range(k - 1 if k == m else k)):       # H_0 (H_1 (... H_last I))
-        v = f[..., j:, j].copy()
-        v[..., 0] = 1
-        beta = 2 / np.sum(v * v, axis=-1)
-        q[..., j:, :] -= (beta[..., None] * v)[..., :, None] * (v[..., None, :] @ q[..., j:, :])
-    if m < n:
-        r[..., :, k:] = np.swapaxes(q, -1, -2) @ x[..., :, k:]
-        if mode == "r":
-            return r
-    return q, r
+    tall = x.shape[-2] >= x.shape[-1]
+    if mode == "complete" or not tall:
+        q, r = ufuncs.qr_complete(x)
+        return r if mode == "r" else (q, r)
+    return ufuncs.qr_r(x) if mode == "r" else ufuncs.qr_reduced(x)
 
 
 @planned
@@ -364,38 +331,28 @@ def qr_solve(f, b, out=None, *, copy=True):
     return o.a
 
 
-# ---- determinant and inverse ----
+# ---- determinant and inverse: numpy.linalg's, the compiled gufuncs behind a check of the shape ----
 
-@planned
-def det(a, out=None, *, copy=True):
-    """The determinant of each matrix (..., n, n) -> (...); out must be C-contiguous. Never
-    raises for a singular matrix (orders above 4 give 0 below the library's tolerance)."""
-    name = "det"
-    x, dt, n = _square(name, a)
-    o = output(out, x.shape[:-2], dt, 0, name, packed=True, inputs=(x,))
-    if o.count == 0:
-        return o.a
-    p = operand(x, 2, dt, copy, name)
-    buf = _scratch(n * n * dt.itemsize + 4 * n)
-    arr = o.count > 1
-    run(f"Det_m{'a' * arr}", dt, [(p, "m"), n, buf, (o, "p")] + [COUNT] * arr, o.count)
-    return o.a if out is not None or o.a.ndim else o.a[()]
+def _matrices(name, a):
+    """a as an array of square matrices (..., n, n), else NotSquareError (a LinAlgError, as
+    numpy.linalg raises); the gufuncs then cast and refuse dtypes as numpy.linalg does."""
+    x = a if type(a) is np.ndarray else np.asarray(a)
+    if x.ndim < 2 or x.shape[-1] != x.shape[-2]:
+        raise NotSquareError(f"{name}: a must hold square matrices (..., n, n), got shape {x.shape}")
+    return x
 
 
-@planned
-def inv(a, out=None, *, copy=True):
-    """The inverse of each matrix (..., n, n). Raises SingularMatrixError when |det| is below the
-    library's tolerance; out must not overlap a."""
-    name = "inv"
-    x, dt, n = _square(name, a)
-    o = output(out, x.shape, dt, 2, name, inputs=(x,))
-    if o.count == 0:
-        return o.a
-    p = operand(x, 2, dt, copy, name)
-    buf = _scratch(n * n * dt.itemsize + 4 * n)
-    arr = o.count > 1
-    run(f"Invert_m{'a' * arr}", dt, [(p, "m"), buf, (o, "m"), n] + [COUNT] * arr, o.count)
-    return o.a
+def det(a, out=None):
+    """numpy.linalg.det: the determinant of each matrix (..., n, n) -> (...). Never raises for a
+    singular matrix (orders above 4 give 0 when a pivot falls below 2 n^3 times the smallest
+    normal number)."""
+    return ufuncs.det(_matrices("det", a), out=out)
+
+
+def inv(a, out=None):
+    """numpy.linalg.inv: the inverse of each matrix (..., n, n). Raises SingularMatrixError when
+    |det| is below 2 n^3 times the smallest normal number (an absolute threshold)."""
+    return ufuncs.inv(_matrices("inv", a), out=out)
 
 
 # ---- symmetric eigenproblem ----
@@ -505,27 +462,40 @@ def _complex_vectors(v, im, dst):
     return dst
 
 
-def eigvals(a, out=None, *, copy=True):
+def eigvals(a, out=None):
     """numpy.linalg.eigvals: eigenvalues of each general matrix (..., n, n) -> (..., n), complex
     (complex64 for float32) unless every value of the call is real (then real, as numpy casts),
     in the order the library finds them (not sorted; a conjugate pair consecutive, positive
-    imaginary component first). Raises NotConvergedError."""
-    return eig(a, left=False, right=False, out=out, copy=copy)
+    imaginary component first). out (complex) keeps them complex. Raises NotConvergedError."""
+    w = ufuncs.eigvals(_matrices("eigvals", a), out=out)
+    return w if out is not None or w.imag.any() else w.real.copy()
 
 
-def eig(a, left=False, right=True, out=None, *, copy=True):
-    """Eigenvalues and eigenvectors of each general matrix (..., n, n), as scipy.linalg.eig:
-    returns w, then vl if left, then vr if right (w alone when neither). Right vectors satisfy
-    a vr[..., :, j] = w[j] vr[..., :, j], left vectors vl^H a = w vl^H; each has norm 1 with its
-    largest component real and positive. With the defaults this is numpy.linalg.eig: results are
-    complex (complex64 for float32) unless every value of the call is real, when they are real
-    arrays, as numpy casts them; out is a tuple of complex arrays (w alone for eigvals) and keeps
-    them complex. Raises NotConvergedError."""
-    name = "eig" if left or right else "eigvals"
+def eig(a, left=False, right=True, out=None):
+    """numpy.linalg.eig: (w, v), eigenvalues (..., n) and right eigenvectors as the columns of v
+    (..., n, n), a v[..., :, j] = w[j] v[..., :, j], each of norm 1 with its largest component
+    real and positive; complex (complex64 for float32) unless every value of the call is real,
+    when they are real arrays, as numpy casts them. out, a tuple of complex arrays, keeps them
+    complex. As scipy.linalg.eig, left=True adds the left vectors (w, vl, vr; vl^H a = w vl^H)
+    and right=False leaves out the right ones. Raises NotConvergedError."""
+    x = _matrices("eig", a)
+    if left:
+        return _eig_left(x, right, out)
+    if not right:
+        return eigvals(x, out=out)
+    w, v = ufuncs.eig(x, out=_outs("eig", out, 2))
+    if out is not None or w.imag.any():
+        return w, v
+    return w.real.copy(), v.real.copy()
+
+
+def _eig_left(a, right, out):
+    """eig with left vectors, which the gufuncs do not compute: the library's array members."""
+    name = "eig"
     x, dt, n = _square(name, a)
     cdt = np.dtype(np.complex64 if dt == F32 else np.complex128)
-    k = 1 + bool(left) + bool(right)
-    outs = _outs(name, out if k > 1 or out is None or isinstance(out, tuple) else (out,), k)
+    k = 2 + bool(right)
+    outs = _outs(name, out, k)
     shapes = [x.shape[:-1]] + [x.shape] * (k - 1)
     res = []
     for o, shape in zip(outs, shapes):
@@ -542,19 +512,17 @@ def eig(a, left=False, right=True, out=None, *, copy=True):
     im = output(None, x.shape[:-1], dt, 1, name)
     vs = [output(None, x.shape, dt, 2, name) for _ in range(k - 1)]
     if re.count:
-        p = operand(x, 2, dt, copy, name)
-        buf = _eig_buffer(dt, n, k > 1)
+        p = operand(x, 2, dt, True, name)
+        buf = _eig_buffer(dt, n, True)
         arr = re.count > 1
-        member = {(False, False): "EigenValues", (True, False): "EigenValuesVectorsLeft",
-                  (False, True): "EigenValuesVectorsRight", (True, True): "EigenValuesVectors"}
-        run(f"{member[bool(left), bool(right)]}_m{'a' * arr}", dt,
+        member = "EigenValuesVectors" if right else "EigenValuesVectorsLeft"
+        run(f"{member}_m{'a' * arr}", dt,
             [(p, "m")] + [(v, "m") for v in vs] + [(re, "p"), (im, "p"), n] + [COUNT] * arr + [buf],
             re.count)
     if out is None and not np.any(im.a):        # all values real: real arrays, as numpy.linalg.eig gives
-        real = [re.a] + [v.a for v in vs]
-        return real[0] if k == 1 else tuple(real)
+        return (re.a,) + tuple(v.a for v in vs)
     res[0].real[...] = re.a
     res[0].imag[...] = im.a
     for v, dst in zip(vs, res[1:]):
         _complex_vectors(v.a, im.a[..., :], dst)
-    return res[0] if k == 1 else tuple(res)
+    return tuple(res)

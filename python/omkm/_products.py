@@ -4,6 +4,7 @@ import numpy as np
 
 from ._core import (COUNT, asarray, batch_of, check_sizes, no_replay, operand, output, planned,
                     result_type, run)
+from . import ufuncs as _uf
 
 
 def _kinds(*ops, arr):
@@ -11,16 +12,6 @@ def _kinds(*ops, arr):
     if not arr:
         return "".join(k for _, k in ops)
     return "".join(k + "a" if op.count > 1 else k for op, k in ops)
-
-
-def _stored(p, trans):
-    """(name letter, run kind, stored width, stored height) reading matrix U of `p` as U (trans
-    False) or as U^T (trans True). A transposed view (a column's elements one item from each other) is
-    read through its transpose, the stored matrix, so that its rows are packed."""
-    h, w = p.a.shape[-2:]
-    if p.transposed:
-        return ("m" if trans else "t"), "T", h, w
-    return ("t" if trans else "m"), "m", w, h
 
 
 def _addsub(op, name, a, b, out, copy):
@@ -139,211 +130,78 @@ def scale(a, c, out=None, *, copy=True):
     return o.a
 
 
-@planned
-def matmul(a, b, out=None, *, copy=True):
-    """a @ b as numpy.matmul: stacks of matrices (..., h, k) @ (..., k, w) -> (..., h, w); a 1-D
-    operand is a vector (see matvec and vecmat). Transposed views are read in place by the
-    library's t members (Mul_mt, Mul_tama, ...); one matrix against a stack uses Mul_mma / Mul_mam.
-    out must not overlap a or b."""
-    name = "matmul"
-    x, y = asarray(a, name), asarray(b, name)
-    if x.ndim == 0 or y.ndim == 0:
-        raise ValueError(f"{name}: operands must have at least one axis")
-    if x.ndim == 1 and y.ndim == 1:
-        return vecdot(x, y, out=out, copy=copy)
-    if y.ndim == 1:
-        return matvec(x, y, out=out, copy=copy)
-    if x.ndim == 1:
-        return vecmat(x, y, out=out, copy=copy)
-    dt = result_type(x, y)
-    (h, k), (k2, w) = x.shape[-2:], y.shape[-2:]
-    if k != k2:
-        raise ValueError(f"{name}: shapes {x.shape} and {y.shape} do not fit: {k} != {k2}")
-    check_sizes(name, h, k, w)
-    batch = batch_of(name, x.shape[:-2], y.shape[:-2])
-    o = output(out, batch + (h, w), dt, 2, name, inputs=(x, y))
-    if o.count == 0:
-        return o.a
-    p = operand(x, 2, dt, copy, name + ": a", batch)
-    q = operand(y, 2, dt, copy, name + ": b", batch)
-    arr = o.count > 1
-    lp, kp, wp, hp = _stored(p, False)
-    lq, kq, wq, hq = _stored(q, False)
-    run(f"Mul_{_kinds((p, lp), (q, lq), arr=arr)}", dt,
-        [(p, kp), wp, hp, (q, kq), wq, hq, (o, "m")] + [COUNT] * arr, o.count)
-    return o.a
+# numpy's names for the products, the trace and the norms are the compiled gufuncs (omkm.ufuncs):
+# numpy.ufunc objects, so broadcasting, out=, axes=, axis=, keepdims=, dtype= and dispatch through
+# __array_ufunc__ (dask arrays, say) are numpy's own, at numpy's cost per call. They compute in
+# float32 when every operand is float32 and in float64 otherwise, as numpy.linalg does, and refuse
+# other floating and complex dtypes by name.
+matmul = _uf.matmul
+matvec = _uf.matvec
+vecmat = _uf.vecmat
+vecdot = _uf.vecdot
+trace = _uf.trace
 
 
-def _matvec(name, a, v, trans, out, copy):
-    x, y = asarray(a, name), asarray(v, name)
-    if x.ndim < 2 or y.ndim < 1:
-        raise ValueError(f"{name}: needs matrices (..., h, w) and vectors (..., n)")
-    dt = result_type(x, y)
-    h, w = x.shape[-2:]
-    n, m = (h, w) if trans else (w, h)
-    if y.shape[-1] != n:
-        raise ValueError(f"{name}: vectors of length {y.shape[-1]} do not fit matrices {x.shape[-2:]}")
-    check_sizes(name, h, w)
-    batch = batch_of(name, x.shape[:-2], y.shape[:-1])
-    o = output(out, batch + (m,), dt, 1, name, inputs=(x, y))
-    if o.count == 0:
-        return o.a
-    p = operand(x, 2, dt, copy, name + ": matrix", batch)
-    q = operand(y, 1, dt, copy, name + ": vector", batch)
-    arr = o.count > 1
-    lp, kp, wp, hp = _stored(p, trans)
-    run(f"Mul_{_kinds((p, lp), (q, 'v'), arr=arr)}", dt,
-        [(p, kp), wp, hp, (q, "v"), n, (o, "v")] + [COUNT] * arr, o.count)
-    return o.a
+def _array(x):
+    return x if type(x) is np.ndarray else np.asarray(x)
 
 
-@planned
-def matvec(a, x, out=None, *, copy=True):
-    """a @ x for each matrix of a (..., h, w) and vector of x (..., w) -> (..., h); leading axes
-    broadcast (Mul_mv, Mul_mva, Mul_mav, Mul_mava; t members for transposed views)."""
-    return _matvec("matvec", a, x, False, out, copy)
-
-
-@planned
-def vecmat(x, a, out=None, *, copy=True):
-    """x @ a, that is a^T x, for each vector of x (..., h) and matrix of a (..., h, w) ->
-    (..., w); a is read transposed in place (Mul_tv, Mul_tava, ...)."""
-    return _matvec("vecmat", a, x, True, out, copy)
-
-
-def _vector_pair(name, a, b, n_fixed=None):
-    x, y = asarray(a, name), asarray(b, name)
-    if x.ndim < 1 or y.ndim < 1:
-        raise ValueError(f"{name}: operands must be vectors (..., n)")
-    if x.shape[-1] != y.shape[-1] or (n_fixed and x.shape[-1] != n_fixed):
-        want = f" (must be {n_fixed})" if n_fixed else ""
-        raise ValueError(f"{name}: vectors of lengths {x.shape[-1]} and {y.shape[-1]}{want}")
-    check_sizes(name, x.shape[-1])
-    return x, y, result_type(x, y), batch_of(name, x.shape[:-1], y.shape[:-1])
-
-
-@planned
-def vecdot(a, b, out=None, *, axis=-1, copy=True):
-    """The dot product of each pair of vectors of a and b along `axis` (..., n) -> (...), as
-    numpy 2's numpy.vecdot for real operands (np.sum(a * b, axis=axis)); out must be C-contiguous."""
-    name = "vecdot"
-    x, y = asarray(a, name), asarray(b, name)
-    if axis != -1:
-        x, y = _last_axis(name, x, axis), _last_axis(name, y, axis)
-    x, y, dt, batch = _vector_pair(name, x, y)
-    n = x.shape[-1]
-    o = output(out, batch, dt, 0, name, packed=True, inputs=(x, y))
-    if o.count == 0:
-        return o.a
-    p = operand(x, 1, dt, copy, name + ": a", batch)
-    q = operand(y, 1, dt, copy, name + ": b", batch)
-    arr = o.count > 1
-    if arr and p.count == 1:
-        p, q = q, p
-    run(f"DotProduct_{_kinds((p, 'v'), (q, 'v'), arr=arr)}", dt,
-        [(p, "v"), (q, "v"), (o, "p"), n] + [COUNT] * arr, o.count)
-    return o.a if out is not None or o.a.ndim else o.a[()]
-
-
-def _last_axis(name, x, axis):
-    """x with `axis` moved last (a view): the library reads the vectors along it in place."""
-    try:
-        return np.moveaxis(x, axis, -1)
-    except np.AxisError as e:
-        raise np.AxisError(f"{name}: {e}") from None
-
-
-def cross(a, b, axisa=-1, axisb=-1, axisc=-1, axis=None, out=None, *, copy=True):
+def cross(a, b, axisa=-1, axisb=-1, axisc=-1, axis=None, out=None):
     """numpy.cross for 3-vectors: the cross product of each pair of vectors of a and b along
-    axisa / axisb (axis sets all three), results along axisc. 2-vectors raise NotImplementedError
-    (the library's cross product is of 3-vectors)."""
+    axisa / axisb (axis sets all three), the results along axisc; leading axes broadcast. 2-vectors
+    raise NotImplementedError (the library's cross product is of 3-vectors)."""
     if axis is not None:
         axisa = axisb = axisc = axis
-    x, y = (_last_axis("cross", asarray(v, "cross"), k) for v, k in ((a, axisa), (b, axisb)))
-    if 2 in (x.shape[-1:] + y.shape[-1:]):
-        raise NotImplementedError("cross: 2-vectors (the library's cross product is of 3-vectors)")
-    if axisc == -1:
-        return _cross(x, y, out, copy=copy)
-    r = _cross(x, y, None if out is None else np.moveaxis(out, axisc, -1), copy=copy)
-    return np.moveaxis(r, -1, axisc) if out is None else out
+    x, y = _array(a), _array(b)
+    for v, k in ((x, axisa), (y, axisb)):
+        n = v.shape[k] if -v.ndim <= k < v.ndim else None
+        if n == 2:
+            raise NotImplementedError("cross: 2-vectors (the library's cross product is of 3-vectors)")
+        if n is not None and n != 3:
+            raise ValueError("cross: incompatible dimensions for cross product (dimension must be 2 or 3)")
+    return _uf.cross(x, y, axes=[(axisa,), (axisb,), (axisc,)], out=out)
 
 
-@planned
-def _cross(a, b, out=None, *, copy=True):
-    """The cross product of each pair of 3-vectors of a and b (..., 3) -> (..., 3)."""
-    name = "cross"
-    x, y, dt, batch = _vector_pair(name, a, b, 3)
-    o = output(out, batch + (3,), dt, 1, name, inputs=(x, y))
-    if o.count == 0:
-        return o.a
-    p = operand(x, 1, dt, copy, name + ": a", batch)
-    q = operand(y, 1, dt, copy, name + ": b", batch)
-    arr = o.count > 1
-    run(f"CrossProduct_{_kinds((p, 'v'), (q, 'v'), arr=arr)}", dt,
-        [(p, "v"), (q, "v"), (o, "v")] + [COUNT] * arr, o.count)
-    return o.a
-
-
-@planned
-def norm(a, ord=None, axis=None, keepdims=False, out=None, *, copy=True):
+def norm(x, ord=None, axis=None, keepdims=False, out=None):
     """numpy.linalg.norm for the norms the library computes: the Euclidean norm of vectors (ord None
-    or 2, axis an int: each vector along it; axis None on a 1-D array) and the Frobenius norm of
-    matrices (ord None or 'fro', axis a pair of axes: each matrix over them; axis None on a 2-D
-    array); axis None with ord None on more axes is the Euclidean norm of all elements, as numpy
-    has it. Other orders raise NotImplementedError. out must be C-contiguous."""
-    name = "norm"
-    x = asarray(a, name)
+    or 2; axis an int, or None on a 1-D array) and the Frobenius norm of matrices (ord None or
+    'fro'; axis a pair of axes, or None on a 2-D array). axis None and ord None on any other number
+    of axes is the Euclidean norm of all elements, as numpy has it. Other orders raise
+    NotImplementedError naming them."""
+    a = _array(x)
     if axis is None:
-        if ord is not None and x.ndim not in (1, 2):
-            raise ValueError(f"{name}: ord {ord!r} needs a 1-D or 2-D array when axis is None")
-        axes = (0,) if x.ndim == 1 else (0, 1) if x.ndim == 2 and ord is not None else None
-    else:
-        axes = (axis,) if np.ndim(axis) == 0 else tuple(axis)
-        if len(axes) not in (1, 2):
-            raise ValueError(f"{name}: axis must be an int or a pair of ints, got {axis!r}")
-        if any(not -x.ndim <= int(k) < x.ndim for k in axes):
-            raise np.AxisError(f"{name}: axis {axis!r} is out of bounds for an array of {x.ndim} axes")
-        axes = tuple(int(k) % x.ndim for k in axes)
-        if len(set(axes)) != len(axes):
-            raise ValueError(f"{name}: duplicate axes in {axis!r}")
-    if axes is None:                              # the norm of all elements: x as one vector
-        y, nd = x.reshape(-1), 1
-    else:
-        nd = len(axes)
-        if x.ndim == 2 and axis is None and ord is None:
-            nd = 2
-        allowed = (None, 2) if nd == 1 else (None, "fro")
-        if ord not in allowed:
-            raise NotImplementedError(f"{name}: ord={ord!r} for {'vectors' if nd == 1 else 'matrices'} "
-                                      f"(the library computes ord {' and '.join(map(repr, allowed[1:]))})")
-        y = np.moveaxis(x, axes, tuple(range(-nd, 0)))
-    r = _norms(name, y, nd, None if keepdims else out, copy)
-    if keepdims:
-        shape = [1 if k in (axes or range(x.ndim)) else n for k, n in enumerate(x.shape)]
-        r = r.reshape(shape)
-        if out is not None:
-            out[...] = r
-            return out
-    return r
+        if a.ndim == 2:
+            axis = (0, 1)
+        elif a.ndim == 1 or ord is None:
+            r = _vector_norm(ord, a.reshape(-1), out=None if keepdims else out)
+            return r if not keepdims else _keep(r.reshape((1,) * a.ndim), out)
+        else:
+            raise ValueError(f"norm: ord {ord!r} needs a 1-D or 2-D array when axis is None")
+    if type(axis) is int or np.ndim(axis) == 0:
+        return _vector_norm(ord, a, axis=axis, keepdims=keepdims, out=out)
+    if len(axis) != 2:
+        raise ValueError(f"norm: axis must be an int or a pair of ints, got {axis!r}")
+    if ord not in (None, "fro"):
+        raise NotImplementedError(f"norm: ord={ord!r} for matrices (the library computes 'fro')")
+    r, c = (int(k) for k in axis)
+    if any(not -a.ndim <= k < a.ndim for k in (r, c)):
+        raise np.AxisError(f"norm: axis {axis!r} is out of bounds for an array of {a.ndim} axes")
+    if r % a.ndim == c % a.ndim:
+        raise ValueError(f"norm: duplicate axes in {axis!r}")
+    return _uf.matrix_norm(a, axes=[(r, c)], keepdims=keepdims, out=out)
 
 
-def _norms(name, x, nd, out, copy):
-    """The Euclidean norm of each vector (nd = 1) or Frobenius norm of each matrix (nd = 2) of x."""
-    dt = result_type(x)
-    if x.ndim < nd:
-        raise ValueError(f"{name}: a needs at least {nd} axes")
-    check_sizes(name, *x.shape[x.ndim - nd:])
-    o = output(out, x.shape[:x.ndim - nd], dt, 0, name, packed=True, inputs=(x,))
-    if o.count == 0:
-        return o.a
-    p = operand(x, nd, dt, copy, name)
-    arr = o.count > 1
-    if nd == 1:
-        run(f"L2Norm_v{'a' * arr}", dt, [(p, "v"), (o, "p"), x.shape[-1]] + [COUNT] * arr, o.count)
-    else:
-        h, w = x.shape[-2:]
-        run(f"FrobNorm_m{'a' * arr}", dt, [(p, "m"), w, h, (o, "p")] + [COUNT] * arr, o.count)
-    return o.a if out is not None or o.a.ndim else o.a[()]
+def _vector_norm(ord, a, **kw):
+    if ord not in (None, 2):
+        raise NotImplementedError(f"norm: ord={ord!r} for vectors (the library computes 2)")
+    return _uf.vector_norm(a, **kw)
+
+
+def _keep(r, out):
+    if out is None:
+        return r
+    out[...] = r
+    return out
 
 
 def matrix_transpose(x):
@@ -353,22 +211,3 @@ def matrix_transpose(x):
     if a.ndim < 2:
         raise ValueError(f"matrix_transpose: x needs at least 2 axes, got shape {a.shape}")
     return np.swapaxes(a, -1, -2)
-
-
-@planned
-def trace(a, out=None, *, copy=True):
-    """The sum of the diagonal of each square matrix (..., n, n) -> (...); out C-contiguous."""
-    name = "trace"
-    x = asarray(a, name)
-    dt = result_type(x)
-    if x.ndim < 2 or x.shape[-1] != x.shape[-2]:
-        raise ValueError(f"{name}: a must hold square matrices (..., n, n), got shape {x.shape}")
-    n = x.shape[-1]
-    check_sizes(name, n)
-    o = output(out, x.shape[:-2], dt, 0, name, packed=True, inputs=(x,))
-    if o.count == 0:
-        return o.a
-    p = operand(x, 2, dt, copy, name)
-    arr = o.count > 1
-    run(f"Trace_m{'a' * arr}", dt, [(p, "m"), n, (o, "p")] + [COUNT] * arr, o.count)
-    return o.a if out is not None or o.a.ndim else o.a[()]

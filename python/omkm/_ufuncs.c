@@ -115,52 +115,93 @@ static int last_loop_held_gil = -1;
 #define E2(name, s) E3(name, s)
 #define E(name) E2(name, SFX)
 
+/* A transposed view as the t members read it: the stored matrix under it, whose rows are the
+ * view's columns (strides exchanged, width and height exchanged). 1 when x is such a view. */
+static int stored(Desc* x, int* w, int* h, int esize)
+{
+    if (x->s1 != esize || x->s2 == esize) return 0;
+    int t = x->s1; x->s1 = x->s2; x->s2 = t;
+    t = *w; *w = *h; *h = t;
+    return 1;
+}
+
 /* Cholesky: the library's factor holds 1/L(i,i) on its diagonal and leaves the strict upper
  * triangle unwritten; numpy's factor is L with zeros above the diagonal. */
 #define DEFINE_RUNS(T, SFX)                                                                          \
+/* A transposed view (a column's elements consecutive, rows apart) is read through the matrix        \
+ * stored under it by the t members: the same packed-row kernels as a C-contiguous matrix, hence     \
+ * the same bits and speed. stored() turns the operand into that stored matrix (strides exchanged,   \
+ * width and height the view's height and width) and says whether it did. Members are indexed by     \
+ * the form (0: two single objects; 1: the first single; 2: the second single; 3: two arrays) and    \
+ * by t-or-m of each matrix (2 * first + second). */                                                 \
+typedef OmkStatus (*MulMM0_##SFX)(const T*, int, int, int, int, const T*, int, int, int, int, T*, int, int); \
+typedef OmkStatus (*MulMM1_##SFX)(const T*, int, int, int, int, const T*, int, int, int, int, int, T*, int, \
+                                  int, int, int);                                                    \
+typedef OmkStatus (*MulMM2_##SFX)(const T*, int, int, int, int, int, const T*, int, int, int, int, T*, int, \
+                                  int, int, int);                                                    \
+typedef OmkStatus (*MulMM3_##SFX)(const T*, int, int, int, int, int, const T*, int, int, int, int, int, T*, \
+                                  int, int, int, int);                                               \
 static int matmul_##SFX(Desc* d, const int* sz, int count, const char** fname)                       \
 {                                                                                                    \
+    static const MulMM0_##SFX f0[4] = {E(Mul_mm), E(Mul_mt), E(Mul_tm), E(Mul_tt)};                  \
+    static const MulMM1_##SFX f1[4] = {E(Mul_mma), E(Mul_mta), E(Mul_tma), E(Mul_tta)};              \
+    static const MulMM2_##SFX f2[4] = {E(Mul_mam), E(Mul_mat), E(Mul_tam), E(Mul_tat)};              \
+    static const MulMM3_##SFX f3[4] = {E(Mul_mama), E(Mul_mata), E(Mul_tama), E(Mul_tata)};          \
+    static const char* names[4][4] = {                                                               \
+        {#SFX "Mul_mm", #SFX "Mul_mt", #SFX "Mul_tm", #SFX "Mul_tt"},                                \
+        {#SFX "Mul_mma", #SFX "Mul_mta", #SFX "Mul_tma", #SFX "Mul_tta"},                            \
+        {#SFX "Mul_mam", #SFX "Mul_mat", #SFX "Mul_tam", #SFX "Mul_tat"},                            \
+        {#SFX "Mul_mama", #SFX "Mul_mata", #SFX "Mul_tama", #SFX "Mul_tata"}};                       \
     int m = sz[0], n = sz[1], p = sz[2];                                                             \
     Desc a = d[0], b = d[1], c = d[2];                                                               \
-    if (count == 1) {                                                                                \
-        *fname = #SFX "Mul_mm";                                                                      \
-        return E(Mul_mm)((T*)a.p, a.s1, a.s2, n, m, (T*)b.p, b.s1, b.s2, p, n, (T*)c.p, c.s1, c.s2); \
+    int aw = n, ah = m, bw = p, bh = n;                                                              \
+    int k = 2 * stored(&a, &aw, &ah, sizeof(T)) + stored(&b, &bw, &bh, sizeof(T));                   \
+    int form = count == 1 ? 0 : a.s0 == 0 ? 1 : b.s0 == 0 ? 2 : 3;                                   \
+    *fname = names[form][k];                                                                         \
+    switch (form) {                                                                                  \
+    case 0:                                                                                          \
+        return f0[k]((T*)a.p, a.s1, a.s2, aw, ah, (T*)b.p, b.s1, b.s2, bw, bh, (T*)c.p, c.s1, c.s2); \
+    case 1:                                                                                          \
+        return f1[k]((T*)a.p, a.s1, a.s2, aw, ah, (T*)b.p, b.s0, b.s1, b.s2, bw, bh,                 \
+                     (T*)c.p, c.s0, c.s1, c.s2, count);                                              \
+    case 2:                                                                                          \
+        return f2[k]((T*)a.p, a.s0, a.s1, a.s2, aw, ah, (T*)b.p, b.s1, b.s2, bw, bh,                 \
+                     (T*)c.p, c.s0, c.s1, c.s2, count);                                              \
+    default:                                                                                         \
+        return f3[k]((T*)a.p, a.s0, a.s1, a.s2, aw, ah, (T*)b.p, b.s0, b.s1, b.s2, bw, bh,           \
+                     (T*)c.p, c.s0, c.s1, c.s2, count);                                              \
     }                                                                                                \
-    if (a.s0 == 0) {                                                                                 \
-        *fname = #SFX "Mul_mma";                                                                     \
-        return E(Mul_mma)((T*)a.p, a.s1, a.s2, n, m, (T*)b.p, b.s0, b.s1, b.s2, p, n,                \
-                          (T*)c.p, c.s0, c.s1, c.s2, count);                                         \
-    }                                                                                                \
-    if (b.s0 == 0) {                                                                                 \
-        *fname = #SFX "Mul_mam";                                                                     \
-        return E(Mul_mam)((T*)a.p, a.s0, a.s1, a.s2, n, m, (T*)b.p, b.s1, b.s2, p, n,                \
-                          (T*)c.p, c.s0, c.s1, c.s2, count);                                         \
-    }                                                                                                \
-    *fname = #SFX "Mul_mama";                                                                        \
-    return E(Mul_mama)((T*)a.p, a.s0, a.s1, a.s2, n, m, (T*)b.p, b.s0, b.s1, b.s2, p, n,             \
-                       (T*)c.p, c.s0, c.s1, c.s2, count);                                            \
 }                                                                                                    \
+typedef OmkStatus (*MulMV0_##SFX)(const T*, int, int, int, int, const T*, int, int, T*, int);        \
+typedef OmkStatus (*MulMV1_##SFX)(const T*, int, int, int, int, const T*, int, int, int, T*, int, int, int); \
+typedef OmkStatus (*MulMV2_##SFX)(const T*, int, int, int, int, int, const T*, int, int, T*, int, int, int); \
+typedef OmkStatus (*MulMV3_##SFX)(const T*, int, int, int, int, int, const T*, int, int, int, T*, int, int, \
+                                  int);                                                              \
 static int matvec_##SFX(Desc* d, const int* sz, int count, const char** fname)                       \
 {                                                                                                    \
+    static const MulMV0_##SFX f0[2] = {E(Mul_mv), E(Mul_tv)};                                        \
+    static const MulMV1_##SFX f1[2] = {E(Mul_mva), E(Mul_tva)};                                      \
+    static const MulMV2_##SFX f2[2] = {E(Mul_mav), E(Mul_tav)};                                      \
+    static const MulMV3_##SFX f3[2] = {E(Mul_mava), E(Mul_tava)};                                    \
+    static const char* names[4][2] = {{#SFX "Mul_mv", #SFX "Mul_tv"}, {#SFX "Mul_mva", #SFX "Mul_tva"}, \
+                                      {#SFX "Mul_mav", #SFX "Mul_tav"}, {#SFX "Mul_mava", #SFX "Mul_tava"}}; \
     int m = sz[0], n = sz[1];                                                                        \
     Desc a = d[0], x = d[1], y = d[2];                                                               \
-    if (count == 1) {                                                                                \
-        *fname = #SFX "Mul_mv";                                                                      \
-        return E(Mul_mv)((T*)a.p, a.s1, a.s2, n, m, (T*)x.p, x.s2, n, (T*)y.p, y.s2);                \
+    int aw = n, ah = m;                                                                              \
+    int k = stored(&a, &aw, &ah, sizeof(T));                                                         \
+    int form = count == 1 ? 0 : a.s0 == 0 ? 1 : x.s0 == 0 ? 2 : 3;                                   \
+    *fname = names[form][k];                                                                         \
+    switch (form) {                                                                                  \
+    case 0:                                                                                          \
+        return f0[k]((T*)a.p, a.s1, a.s2, aw, ah, (T*)x.p, x.s2, n, (T*)y.p, y.s2);                  \
+    case 1:                                                                                          \
+        return f1[k]((T*)a.p, a.s1, a.s2, aw, ah, (T*)x.p, x.s0, x.s2, n, (T*)y.p, y.s0, y.s2, count); \
+    case 2:                                                                                          \
+        return f2[k]((T*)a.p, a.s0, a.s1, a.s2, aw, ah, (T*)x.p, x.s2, n, (T*)y.p, y.s0, y.s2, count); \
+    default:                                                                                         \
+        return f3[k]((T*)a.p, a.s0, a.s1, a.s2, aw, ah, (T*)x.p, x.s0, x.s2, n, (T*)y.p, y.s0, y.s2, \
+                     count);                                                                         \
     }                                                                                                \
-    if (a.s0 == 0) {                                                                                 \
-        *fname = #SFX "Mul_mva";                                                                     \
-        return E(Mul_mva)((T*)a.p, a.s1, a.s2, n, m, (T*)x.p, x.s0, x.s2, n, (T*)y.p, y.s0, y.s2,    \
-                          count);                                                                    \
-    }                                                                                                \
-    if (x.s0 == 0) {                                                                                 \
-        *fname = #SFX "Mul_mav";                                                                     \
-        return E(Mul_mav)((T*)a.p, a.s0, a.s1, a.s2, n, m, (T*)x.p, x.s2, n, (T*)y.p, y.s0, y.s2,    \
-                          count);                                                                    \
-    }                                                                                                \
-    *fname = #SFX "Mul_mava";                                                                        \
-    return E(Mul_mava)((T*)a.p, a.s0, a.s1, a.s2, n, m, (T*)x.p, x.s0, x.s2, n,                      \
-                       (T*)y.p, y.s0, y.s2, count);                                                  \
 }                                                                                                    \
 /* The family has no member with a single first vector: it takes the vav member with the         \
  * operands exchanged. Each product a_k*b_k is the same rounding either way; for lengths above 6  \
@@ -1086,6 +1127,50 @@ static void* datas[NOPS][2];
 static char types[NOPS][2 * MAXOPS];
 static LoopData loopdata[NOPS][2];
 
+/* ---- dtypes: numpy.linalg's rule ---- */
+
+/* numpy's own resolver, kept for calls that name their loop (dtype= or signature=). */
+static PyUFunc_TypeResolutionFunc* default_resolver;
+
+/* Which row of OPS a ufunc is: its loop data's OpDef. */
+static const OpDef* op_of(PyUFuncObject* uf) { return ((const LoopData*)uf->data[0])->op; }
+
+/* numpy calls this when the inputs' dtypes match no loop exactly (float32 and float64 inputs go
+ * straight to their loop without it). The package computes as numpy.linalg does: float32 when
+ * every input is float32, else float64, integers and booleans included (numpy's own safe casts
+ * would send int8 or bool to the float32 loop). float16, long double, complex and every other
+ * dtype raise TypeError naming it, rather than computing in another precision. */
+static int resolve_types(PyUFuncObject* uf, NPY_CASTING casting, PyArrayObject** ops, PyObject* type_tup,
+                         PyArray_Descr** out)
+{
+    const OpDef* op = op_of(uf);
+    if (type_tup != NULL) return default_resolver(uf, casting, ops, type_tup, out);
+    int f64 = 0;
+    for (int i = 0; i < op->nin; i++) {
+        PyArray_Descr* d = PyArray_DESCR(ops[i]);
+        if (d->kind == 'f' && (d->elsize == 4 || d->elsize == 8)) {
+            f64 |= d->elsize == 8;
+        } else if (d->kind == 'b' || d->kind == 'i' || d->kind == 'u') {
+            f64 = 1;
+        } else {
+            PyErr_Format(PyExc_TypeError, "%s: unsupported dtype %S (float32 and float64, or integers computed in "
+                         "float64)", op->name, (PyObject*)d);
+            return -1;
+        }
+    }
+    if (f64 && !op->run64) {
+        PyErr_Format(PyExc_TypeError, "%s: float32 only (the library has no float64 member), got %S", op->name,
+                     (PyObject*)PyArray_DESCR(ops[0]));
+        return -1;
+    }
+    for (int i = 0; i < op->nin + op->nout; i++) {
+        out[i] = PyArray_DescrFromType((op->flags[i] & INT32) ? NPY_INT32
+                                       : (op->flags[i] & CPLX) ? (f64 ? NPY_CDOUBLE : NPY_CFLOAT)
+                                       : f64 ? NPY_DOUBLE : NPY_FLOAT);
+    }
+    return 0;
+}
+
 PyMODINIT_FUNC PyInit__ufuncs(void)
 {
     import_array();
@@ -1120,6 +1205,10 @@ PyMODINIT_FUNC PyInit__ufuncs(void)
         PyObject* uf = PyUFunc_FromFuncAndDataAndSignature(funcs[k], datas[k], types[k], ntypes, op->nin,
                                                            op->nout, PyUFunc_None, op->name, op->doc, 0,
                                                            op->signature);
+        if (uf) {
+            default_resolver = ((PyUFuncObject*)uf)->type_resolver;
+            ((PyUFuncObject*)uf)->type_resolver = resolve_types;
+        }
         if (!uf || PyModule_AddObject(m, op->name, uf) < 0) {
             Py_XDECREF(uf);
             Py_DECREF(m);
