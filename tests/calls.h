@@ -56,16 +56,9 @@ struct Export {
     Invoker call;        // empty for the one export that does not return OmkStatus
     const char* params;  // "type:name ..." with type p (pointer), i (int), f (float value)
 };
-inline const std::vector<Export>& exportTable() {
-#define SWEEP_EXPORT(fn, params) Export{#fn, invokerOf(&fn), params},
-#define SWEEP_OTHER(fn) Export{#fn, Invoker{}, ""},
-    static const std::vector<Export> table = {
-#include "sweep_calls.inc"
-    };
-#undef SWEEP_EXPORT
-#undef SWEEP_OTHER
-    return table;
-}
+// Every export with its invoker, in the header's order (calls.cpp: one translation unit instantiates the 874
+// invokers, which takes most of a test file's compile time wherever it stands).
+const std::vector<Export>& exportTable();
 inline const Export* findExport(const std::string& name) {
     for (const Export& e : exportTable())
         if (name == e.name) return &e;
