@@ -377,29 +377,27 @@ def eigen_sym(a, out=None, *, copy=True):
 
 # ---- numpy.linalg's names, with numpy's meaning, through the compiled gufuncs ----
 
-def _symmetric(name, a, UPLO):
-    """The symmetric matrices numpy.linalg.eigh reads from a: its lower (UPLO 'L') or upper ('U')
-    triangle, mirrored; in the working dtype."""
+def _triangle(name, a, UPLO):
+    """What the gufuncs read for numpy.linalg.eigh's UPLO: their lower triangle is a's ('L') or
+    a's transpose's, a view ('U')."""
     if UPLO not in ("L", "U"):
         raise ValueError(f"{name}: UPLO argument must be 'L' or 'U', got {UPLO!r}")
-    x, dt, n = _square(name, a)
-    low = np.tri(n, dtype=bool)
-    x = x.astype(dt, copy=False)
-    return np.where(low if UPLO == "L" else low.T, x, np.swapaxes(x, -1, -2))
+    x = _matrices(name, a)
+    return x if UPLO == "L" else np.swapaxes(x, -1, -2)
 
 
 def eigvalsh(a, UPLO="L", out=None):
     """numpy.linalg.eigvalsh: the eigenvalues of each symmetric matrix (..., n, n) -> (..., n),
     ascending, from its UPLO triangle. The library's singularity test is absolute: a matrix whose
     eigenvalues multiply to at most eps (2^-23, 2^-52) raises SingularMatrixError (n >= 3)."""
-    return ufuncs.eigvalsh(_symmetric("eigvalsh", a, UPLO), out=out)
+    return ufuncs.eigvalsh(_triangle("eigvalsh", a, UPLO), out=out)
 
 
 def eigh(a, UPLO="L", out=None):
     """numpy.linalg.eigh: (w, v), eigenvalues ascending (..., n) and the eigenvectors as the columns
     of v (..., n, n), from the UPLO triangle of each symmetric matrix. out: (w, v) or None. Errors
     as eigvalsh()."""
-    return ufuncs.eigh(_symmetric("eigh", a, UPLO), out=_outs("eigh", out, 2))
+    return ufuncs.eigh(_triangle("eigh", a, UPLO), out=_outs("eigh", out, 2))
 
 
 def solve(a, b, out=None):

@@ -370,38 +370,55 @@ static void ascending_##SFX(T* w, Desc* v, int n, int count, int ws0)           
         }                                                                                            \
     }                                                                                                \
 }                                                                                                    \
+/* numpy.linalg's eigvalsh and eigh read the lower triangle alone (UPLO 'L'; the package passes the  \
+ * transposed view for 'U'). The symmetric matrices are formed from it in scratch, packed, with      \
+ * n*n elements of the library's own scratch after them; the loop keeps calls to blocks (BLOCKED).  */ \
+static T* lower_##SFX(const Desc* a, int n, int count)                                               \
+{                                                                                                    \
+    T* sym = malloc(sizeof(T) * ((size_t)n * n * count + (size_t)n * n));                            \
+    if (!sym) return NULL;                                                                           \
+    for (int k = 0; k < count; k++) {                                                                \
+        const char* ak = a->p + (ptrdiff_t)k * a->s0;                                                \
+        T* sk = sym + (size_t)k * n * n;                                                             \
+        for (int r = 0; r < n; r++)                                                                  \
+            for (int c = 0; c <= r; c++)                                                             \
+                sk[r * n + c] = sk[c * n + r] = *(const T*)(ak + (ptrdiff_t)r * a->s1 + (ptrdiff_t)c * a->s2); \
+    }                                                                                                \
+    return sym;                                                                                      \
+}                                                                                                    \
 static int eigvalsh_##SFX(Desc* d, const int* sz, int count, const char** fname)                     \
 {                                                                                                    \
-    int n = sz[0], st;                                                                               \
-    T* buf = malloc(sizeof(T) * (size_t)n * n);                                                      \
-    if (!buf) return NO_MEMORY;                                                                      \
+    int n = sz[0], st, s1 = n * (int)sizeof(T);                                                      \
+    T* sym = lower_##SFX(&d[0], n, count);                                                           \
+    if (!sym) return NO_MEMORY;                                                                      \
+    T* buf = sym + (size_t)n * n * count;                                                            \
     if (count == 1) {                                                                                \
         *fname = #SFX "EigenValuesSym_m";                                                            \
-        st = E(EigenValuesSym_m)((T*)d[0].p, d[0].s1, d[0].s2, buf, (T*)d[1].p, n);                  \
+        st = E(EigenValuesSym_m)(sym, s1, (int)sizeof(T), buf, (T*)d[1].p, n);                       \
     } else {                                                                                         \
         *fname = #SFX "EigenValuesSym_ma";                                                           \
-        st = E(EigenValuesSym_ma)((T*)d[0].p, d[0].s0, d[0].s1, d[0].s2, buf, (T*)d[1].p, n, count); \
+        st = E(EigenValuesSym_ma)(sym, n * s1, s1, (int)sizeof(T), buf, (T*)d[1].p, n, count);       \
     }                                                                                                \
-    free(buf);                                                                                       \
+    free(sym);                                                                                       \
     if (st == 0) ascending_##SFX((T*)d[1].p, NULL, n, count, n * (int)sizeof(T));                    \
     return st;                                                                                       \
 }                                                                                                    \
 static int eigh_##SFX(Desc* d, const int* sz, int count, const char** fname)                         \
 {                                                                                                    \
-    int n = sz[0], st;                                                                               \
-    Desc a = d[0], v = d[2];                                                                         \
-    T* buf = malloc(sizeof(T) * (size_t)n * n);                                                      \
-    if (!buf) return NO_MEMORY;                                                                      \
+    int n = sz[0], st, s1 = n * (int)sizeof(T);                                                      \
+    Desc v = d[2];                                                                                   \
+    T* sym = lower_##SFX(&d[0], n, count);                                                           \
+    if (!sym) return NO_MEMORY;                                                                      \
+    T* buf = sym + (size_t)n * n * count;                                                            \
     if (count == 1) {                                                                                \
         *fname = #SFX "EigenValuesVectorsSym_m";                                                     \
-        st = E(EigenValuesVectorsSym_m)((T*)a.p, a.s1, a.s2, buf, (T*)v.p, v.s1, v.s2,               \
-                                        (T*)d[1].p, n);                                              \
+        st = E(EigenValuesVectorsSym_m)(sym, s1, (int)sizeof(T), buf, (T*)v.p, v.s1, v.s2, (T*)d[1].p, n); \
     } else {                                                                                         \
         *fname = #SFX "EigenValuesVectorsSym_ma";                                                    \
-        st = E(EigenValuesVectorsSym_ma)((T*)a.p, a.s0, a.s1, a.s2, buf, (T*)v.p, v.s0, v.s1, v.s2,  \
+        st = E(EigenValuesVectorsSym_ma)(sym, n * s1, s1, (int)sizeof(T), buf, (T*)v.p, v.s0, v.s1, v.s2, \
                                          (T*)d[1].p, n, count);                                      \
     }                                                                                                \
-    free(buf);                                                                                       \
+    free(sym);                                                                                       \
     if (st == 0) ascending_##SFX((T*)d[1].p, &v, n, count, n * (int)sizeof(T));                      \
     return st;                                                                                       \
 }                                                                                                    \
@@ -750,14 +767,15 @@ static const OpDef OPS[] = {
      "solve1(a, b, /, out=None, **kwargs)\n\nx with a @ x = b for matrices a (m,m) and vectors b (m), as "
      "numpy.linalg.solve(a, b[..., None])[..., 0]. Raises omkm.SingularMatrixError."},
     {"eigvalsh", "(m,m)->(m)", 1, 1, {2, 1}, {{0, 0}, {0, 0}},
-     {0, PACKED}, RUNS(eigvalsh), "eigsym", 1, 0,
+     {0, PACKED}, RUNS(eigvalsh), "eigsym", 1, BLOCKED,
      "eigvalsh(a, /, out=None, **kwargs)\n\nEigenvalues of symmetric matrices (m,m)->(m), ascending as "
-     "numpy.linalg.eigvalsh, by omkmEigenValuesSym_ma. Raises omkm.SingularMatrixError when the product "
+     "numpy.linalg.eigvalsh, from the lower triangle of a (pass a's transpose for the upper), by "
+     "omkmEigenValuesSym_ma. Raises omkm.SingularMatrixError when the product "
      "of the values is at most eps in magnitude (an absolute threshold), omkm.NotConvergedError."},
     {"eigh", "(m,m)->(m),(m,m)", 1, 2, {2, 1, 2}, {{0, 0}, {0, 0}, {0, 0}},
-     {0, PACKED, 0}, RUNS(eigh), "eigsym", 1, 0,
+     {0, PACKED, 0}, RUNS(eigh), "eigsym", 1, BLOCKED,
      "eigh(a, /, out=(None, None), **kwargs)\n\n(w, v): eigenvalues ascending (m) and eigenvectors as "
-     "the columns of v (m,m) of symmetric matrices, as numpy.linalg.eigh, by "
+     "the columns of v (m,m) of symmetric matrices, as numpy.linalg.eigh, from the lower triangle, by "
      "omkmEigenValuesVectorsSym_ma. Errors as eigvalsh."},
     {"cholesky", "(m,m)->(m,m)", 1, 1, {2, 2}, {{0, 0}, {0, 0}},
      {0, 0}, RUNS(cholesky), "cholesky", 1, 0,

@@ -35,6 +35,7 @@ def sentinel(shape, dt=np.float64):
     (lambda: omkm.norm(np.ones((3, 3)), ord=1), NotImplementedError, "ord=1"),
     (lambda: omkm.norm(np.ones((2, 3, 3)), axis=(1, 2), ord=2), NotImplementedError, "ord=2 for matrices"),
     (lambda: omkm.norm(np.ones((3, 3)), axis=2), np.AxisError, "out of bounds"),
+    (lambda: omkm.cholesky_factor(np.ones((0, 0))), ValueError, "at least 1"),
     (lambda: omkm.transform_points(np.eye(4), np.ones((5, 5))), ValueError, "components"),
     (lambda: omkm.transform_points(np.eye(3), np.ones((5, 3))), ValueError, "4x4"),
     (lambda: omkm.transform_points(np.eye(4), np.ones(3), kind="x"), ValueError, "kind"),
