@@ -228,23 +228,22 @@ def cholesky(a, out=None):
 
 
 def _finite(name, check_finite, *arrays):
-    if check_finite and not all(np.isfinite(x).all() for x in arrays):
-        raise ValueError(f"{name}: array must not contain infs or NaNs")
+    if check_finite:
+        for x in arrays:
+            if not np.isfinite(x).all():
+                raise ValueError(f"{name}: array must not contain infs or NaNs")
 
 
 def cho_factor(a, lower=False, overwrite_a=False, check_finite=True):
     """scipy.linalg.cho_factor: (c, lower), c holding L (lower) or U = L^T (upper, the default) in
     that triangle of each matrix (..., n, n), read from that triangle of a; the other triangle
-    holds a's entries. overwrite_a is accepted and a is never overwritten."""
-    x, dt, n = _square("cho_factor", a)
+    holds a's entries (the gufunc omkm.ufuncs.cho_factor; the upper form on transposed views).
+    overwrite_a is accepted and a is never overwritten."""
+    x = _matrices("cho_factor", a)
     _finite("cho_factor", check_finite, x)
-    x = x.astype(dt, copy=False)
-    low = np.tri(n, dtype=bool)
     if lower:
-        c = np.where(low, ufuncs.cholesky(x), x)
-    else:
-        c = np.where(low.T, np.swapaxes(ufuncs.cholesky(np.swapaxes(x, -1, -2)), -1, -2), x)
-    return c, bool(lower)
+        return ufuncs.cho_factor(x), True
+    return ufuncs.cho_factor(x, axes=[(-1, -2), (-1, -2)]), False     # on a^T, written transposed
 
 
 def cho_solve(c_and_lower, b, overwrite_b=False, check_finite=True):

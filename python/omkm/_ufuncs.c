@@ -422,7 +422,10 @@ static int eigh_##SFX(Desc* d, const int* sz, int count, const char** fname)    
     if (st == 0) ascending_##SFX((T*)d[1].p, &v, n, count, n * (int)sizeof(T));                      \
     return st;                                                                                       \
 }                                                                                                    \
-static int cholesky_##SFX(Desc* d, const int* sz, int count, const char** fname)                     \
+/* The library's factor leaves the strict upper triangle unwritten and holds 1/L(i,i) on the         \
+ * diagonal. numpy's L has zeros above the diagonal (cholesky); scipy's cho_factor leaves a's own    \
+ * entries there (cho_factor; its upper form is this one on transposed views of a and c).           */ \
+static int chol_##SFX(Desc* d, const int* sz, int count, const char** fname, int keep_a)             \
 {                                                                                                    \
     int n = sz[0], st;                                                                               \
     Desc a = d[0], c = d[1];                                                                         \
@@ -437,11 +440,21 @@ static int cholesky_##SFX(Desc* d, const int* sz, int count, const char** fname)
     for (int k = 0; k < count; k++)                                                                  \
         for (int i = 0; i < n; i++) {                                                                \
             char* row = c.p + (ptrdiff_t)k * c.s0 + (ptrdiff_t)i * c.s1;                             \
+            const char* arow = a.p + (ptrdiff_t)k * a.s0 + (ptrdiff_t)i * a.s1;                      \
             T* dii = (T*)(row + (ptrdiff_t)i * c.s2);                                                \
             *dii = (T)1 / *dii;                                                                      \
-            for (int j = i + 1; j < n; j++) *(T*)(row + (ptrdiff_t)j * c.s2) = 0;                    \
+            for (int j = i + 1; j < n; j++)                                                          \
+                *(T*)(row + (ptrdiff_t)j * c.s2) = keep_a ? *(const T*)(arow + (ptrdiff_t)j * a.s2) : 0; \
         }                                                                                            \
     return 0;                                                                                        \
+}                                                                                                    \
+static int cholesky_##SFX(Desc* d, const int* sz, int count, const char** fname)                     \
+{                                                                                                    \
+    return chol_##SFX(d, sz, count, fname, 0);                                                       \
+}                                                                                                    \
+static int cho_factor_##SFX(Desc* d, const int* sz, int count, const char** fname)                   \
+{                                                                                                    \
+    return chol_##SFX(d, sz, count, fname, 1);                                                       \
 }
 
 /* The element (i, j) of a matrix at p with byte strides s1, s2. */
@@ -782,6 +795,11 @@ static const OpDef OPS[] = {
      "cholesky(a, /, out=None, **kwargs)\n\nLower Cholesky factor L (zeros above the diagonal) of "
      "symmetric positive definite matrices (m,m)->(m,m), as numpy.linalg.cholesky, by "
      "omkmCholeskyDecomp_ma; only the lower triangle of a is read. Raises omkm.NotPosDefiniteError."},
+    {"cho_factor", "(m,m)->(m,m)", 1, 1, {2, 2}, {{0, 0}, {0, 0}},
+     {0, 0}, RUNS(cho_factor), "cholesky", 1, 0,
+     "cho_factor(a, /, out=None, **kwargs)\n\nscipy.linalg.cho_factor's c with lower=True: L in the lower "
+     "triangle (from a's lower triangle) and a's own entries above the diagonal, by omkmCholeskyDecomp_ma; "
+     "its upper form is this gufunc on transposed views of a and c. Raises omkm.NotPosDefiniteError."},
     {"matrix_norm", "(m,n)->()", 1, 1, {2, 0}, {{0, 1}, {0, 0}},
      {0, PACKED}, RUNS(matrix_norm), "norm", 0, 0,
      "matrix_norm(a, /, out=None, **kwargs)\n\nFrobenius norm of matrices (m,n)->() (numpy.linalg.norm "

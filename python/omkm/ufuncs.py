@@ -30,7 +30,7 @@ from . import _lib  # noqa: F401  (libomkm first: the extension binds to the cop
 
 NAMES = ("matmul", "matvec", "vecmat", "vecdot", "cross", "vector_norm", "matrix_norm", "trace", "det",
          "inv", "solve", "solve1", "lu_factor", "qr_reduced", "qr_complete", "qr_r", "eigvalsh", "eigh",
-         "eig", "eigvals", "cholesky", "transform_points")
+         "eig", "eigvals", "cholesky", "cho_factor", "transform_points")
 _HERE = os.path.dirname(os.path.abspath(__file__))
 
 

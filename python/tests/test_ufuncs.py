@@ -99,6 +99,7 @@ CASES = {
     "eigvalsh": ([square("spd")], np.linalg.eigvalsh),
     "eigh": ([square("spd")], eigh_oracle),
     "cholesky": ([square("spd")], np.linalg.cholesky),
+    "cho_factor": ([square("spd")], lambda a: np.where(np.tri(4, dtype=bool), np.linalg.cholesky(a), a)),
     "transform_points": ([points_matrix, general((3,))], coord),
 }
 
