@@ -5,7 +5,8 @@
         [--dtype float64] [--counts 1,10,100,1000,10000,100000] [--threads N] [--png out.png]
 
 Both sides allocate their results, as a numpy user calls them: omkm.matmul(a, b) against
-np.matmul(a, b), omkm.solve(a, b) against np.linalg.solve(a, b[..., None])[..., 0], and so on.
+np.matmul(a, b), omkm.solve(a, b) against np.linalg.solve(a, b[..., None])[..., 0], and so on;
+the scipy.linalg names against scipy on one matrix.
 Each figure is the best of several repeats of a loop that runs for at least --min-time seconds.
 """
 import argparse
@@ -19,14 +20,39 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import omkm  # noqa: E402
 
 OPS = {
-    # name: (kind of input matrices, omkm call, numpy call)
+    # name: (kind of input matrices, omkm call, numpy call); b holds one vector per matrix
     "matmul": ("general", lambda a, b: omkm.matmul(a, a), lambda a, b: np.matmul(a, a)),
     "inv": ("wellcond", lambda a, b: omkm.inv(a), lambda a, b: np.linalg.inv(a)),
     "solve": ("wellcond", lambda a, b: omkm.solve(a, b), lambda a, b: np.linalg.solve(a, b[..., None])[..., 0]),
     "cholesky": ("spd", lambda a, b: omkm.cholesky(a), lambda a, b: np.linalg.cholesky(a)),
     "det": ("wellcond", lambda a, b: omkm.det(a), lambda a, b: np.linalg.det(a)),
+    "eigvalsh": ("spd", lambda a, b: omkm.eigvalsh(a), lambda a, b: np.linalg.eigvalsh(a)),
     "eigh": ("spd", lambda a, b: omkm.eigh(a), lambda a, b: np.linalg.eigh(a)),
+    "qr": ("wellcond", lambda a, b: omkm.qr(a), lambda a, b: np.linalg.qr(a)),
+    "eig": ("wellcond", lambda a, b: omkm.eig(a), lambda a, b: np.linalg.eig(a)),
+    "norm": ("general", lambda a, b: omkm.norm(a, axis=(-2, -1)), lambda a, b: np.linalg.norm(a, axis=(-2, -1))),
+    "trace": ("general", lambda a, b: omkm.trace(a), lambda a, b: np.trace(a, axis1=-2, axis2=-1)),
+    "vecdot": ("general", lambda a, b: omkm.vecdot(b, b), lambda a, b: np.einsum("...i,...i->...", b, b)),
+    "matvec": ("general", lambda a, b: omkm.matvec(a, b), lambda a, b: np.matmul(a, b[..., None])[..., 0]),
 }
+# scipy.linalg's names: one matrix per call in scipy (a stack would be a Python loop), so only the
+# per-call table compares them.
+SCIPY_OPS = {
+    "lu_factor": ("wellcond", lambda a, b: omkm.lu_factor(a), lambda a, b: _sl().lu_factor(a)),
+    "lu_solve": ("wellcond", lambda a, b: omkm.lu_solve(omkm.lu_factor(a), b),
+                 lambda a, b: _sl().lu_solve(_sl().lu_factor(a), b)),
+    "cho_factor": ("spd", lambda a, b: omkm.cho_factor(a), lambda a, b: _sl().cho_factor(a)),
+    "cho_solve": ("spd", lambda a, b: omkm.cho_solve(omkm.cho_factor(a), b),
+                  lambda a, b: _sl().cho_solve(_sl().cho_factor(a), b)),
+}
+ITERATIVE = ("eigvalsh", "eigh")   # stacks redrawn until every matrix converges (see converging())
+
+
+def _sl():
+    import scipy.linalg
+    return scipy.linalg
+
+
 ORDERS = (3, 4, 6)
 
 
@@ -90,7 +116,7 @@ def run(dt, counts, min_time, ops):
         for n in ORDERS:
             for count in counts:
                 a, b = matrices(rng, kind, count, n, dt)
-                if op == "eigh":
+                if op in ITERATIVE:
                     a = converging(rng, a, dt, f_omkm)
                 t_o = best_time(f_omkm, a, b, min_time)
                 t_n = best_time(f_np, a, b, min_time)
@@ -111,15 +137,16 @@ def print_table(rows, count):
 
 
 def overhead(dt, min_time):
-    """Microseconds per call on one 3x3 matrix, against a direct ctypes call of the same member."""
+    """Microseconds per call on one 3x3 matrix for every function (scipy's for the scipy names),
+    and a direct ctypes call of one library member for scale."""
     import ctypes
     a, b = matrices(np.random.default_rng(1), "spd", 1, 3, dt)
     print(f"\nOne 3x3 object ({np.dtype(dt).name}): microseconds per call")
-    print(f"{'op':<10}{'omkm':>8}{'numpy':>8}")
+    print(f"{'op':<12}{'omkm':>8}{'numpy':>8}")
     result = []
-    for op, (_, f_omkm, f_np) in OPS.items():
+    for op, (_, f_omkm, f_np) in {**OPS, **SCIPY_OPS}.items():
         result.append((op, best_time(f_omkm, a, b, min_time) * 1e6, best_time(f_np, a, b, min_time) * 1e6))
-        print(f"{op:<10}{result[-1][1]:8.2f}{result[-1][2]:8.2f}")
+        print(f"{op:<12}{result[-1][1]:8.2f}{result[-1][2]:8.2f}")
     lib = ctypes.CDLL(omkm.library_path)
     f = lib.omkmMul_mm_64f if np.dtype(dt) == np.float64 else lib.omkmMul_mm_32f
     f.restype = ctypes.c_int
@@ -138,7 +165,11 @@ def plot(rows, path, dt):
     matplotlib.use("Agg")
     import matplotlib.pyplot as plt
     ops = list(dict.fromkeys(r[0] for r in rows))
-    fig, axes = plt.subplots(2, (len(ops) + 1) // 2, figsize=(5 * ((len(ops) + 1) // 2), 8), squeeze=False)
+    cols = min(5, len(ops))
+    fig, axes = plt.subplots(-(-len(ops) // cols), cols, figsize=(4 * cols, 3.5 * -(-len(ops) // cols)),
+                             squeeze=False)
+    for ax in axes.flat[len(ops):]:
+        ax.axis("off")
     for ax, op in zip(axes.flat, ops):
         for n, color in zip(ORDERS, ("tab:blue", "tab:orange", "tab:green")):
             sel = [r for r in rows if r[0] == op and r[1] == n]
@@ -204,9 +235,12 @@ def markdown(path, counts, min_time, ops):
                     r = next(r for r in rows if r[0] == op and r[1] == n and r[2] == c)
                     cells.append(f"{r[3]:.0f} / {r[4]:.0f}")
                 lines.append(f"| {op} | {n}x{n} | " + " | ".join(cells) + " |")
-        lines += ["", "### One 3x3 object: microseconds per call", "", "| op | omkm | numpy |", "|---|---:|---:|"]
-        lines += [f"| {op} | {o:.2f} | {nn:.2f} |" for op, o, nn in ov]
-        lines += [f"| `omkmMul_mm` called by ctypes alone | {ctypes_us:.2f} | |", ""]
+        lines += ["", "### One 3x3 object: microseconds per call", "",
+                  "numpy.linalg's function (scipy.linalg's for lu_factor, lu_solve, cho_factor, cho_solve; each "
+                  "solve row includes its factorization on both sides); *x* is the other / omkm.", "",
+                  "| op | omkm | numpy or scipy | x |", "|---|---:|---:|---:|"]
+        lines += [f"| {op} | {o:.2f} | {nn:.2f} | {nn / o:.2f} |" for op, o, nn in ov]
+        lines += [f"| `omkmMul_mm` called by ctypes alone | {ctypes_us:.2f} | | |", ""]
     with open(path, "w", encoding="utf-8") as f:
         f.write("\n".join(lines))
     print(f"wrote {path}")
