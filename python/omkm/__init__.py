@@ -1,14 +1,14 @@
 """omkm for numpy: arithmetic on stacks of small matrices and vectors through libomkm.
 
 Arrays of shape (..., h, w) are stacks of matrices and (..., n) stacks of vectors, float32 or
-float64; the leading axes are the batch, done in one library call. Operands are read where they
-lie: numpy's byte strides go to the library as they are, so views, slices, transposed views and
-the fields of structured arrays need no copy. Anything else (negative or zero strides, misaligned
-data, other dtypes) is copied once into a contiguous array of the working type; copy=False makes
-that a ValueError instead. Every function takes out= to write into the caller's array.
-
-omkm.ufuncs holds the same operations as compiled numpy gufuncs (numpy.ufunc objects: out=,
-axes=, broadcasting, dispatch through __array_ufunc__), numpy.linalg's conventions.
+float64; the leading axes are the batch, done in one library call. numpy's names (matmul, inv,
+solve, eigh, qr, norm, ...) and scipy.linalg's (lu_factor, cho_factor, ...) mean what they mean
+there and run on the compiled gufuncs of omkm.ufuncs (numpy.ufunc objects: out=, axes=,
+broadcasting, dispatch through __array_ufunc__). The library's own forms (lu_decomp,
+cholesky_factor, qr_packed, eigen_sym, add, scale, ...) run through ctypes. Either way operands
+are read where they lie: numpy's byte strides go to the library as they are, so views, slices,
+transposed views and the fields of structured arrays need no copy; anything else is copied once
+(in the ctypes functions copy=False makes that a ValueError instead).
 
 The library is found through $OMKM_LIBRARY (the full path of libomkm.so), the package's lib
 directory, the source tree's build directory, then the system loader.
