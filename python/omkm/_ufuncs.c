@@ -373,7 +373,7 @@ static int lu_solve_##SFX(Desc* d, const int* sz, int count, const char** fname)
         const char* pc = pv.p + (ptrdiff_t)c * pv.s0;                                                \
         for (int i = 0; i < m; i++)                                                                  \
             for (int j = 0; j < k; j++) AT(T, xc, x.s1, x.s2, i, j) = AT(const T, bc, b.s1, b.s2, i, j); \
-        for (int i = 0; i < m; i++) {                                                                \
+        for (int i = 0; i < m; i++) {   /* the interchanges in turn */                               \
             int r = *(const int*)(pc + (ptrdiff_t)i * pv.s2);                                        \
             if (r != i) swap_rows(xc, i, r, x.s1, x.s2, k, (int)sizeof(T));                          \
         }                                                                                            \
