@@ -17,10 +17,10 @@
  *     library writes as consecutive values) goes through a contiguous copy per block of objects,
  *     the results copied back.
  *
- * Operands are of the loop's float type, except outputs flagged INT32 (lu_factor's interchanges)
- * or CPLX (eig's values and vectors, complex of the loop's precision), which the run functions
- * write themselves from the library's real results; the copies above go by each operand's own
- * element size. A zero core size calls no library function: the outputs get numpy's results
+ * Operands are of the loop's float type, except those flagged INT32 (lu_factor's interchanges,
+ * lu_solve's piv: the loop checks every row number of the call before anything runs) or CPLX
+ * (eig's values and vectors, complex of the loop's precision), which the run functions read or
+ * write themselves; the copies above go by each operand's own element size. A zero core size calls no library function: the outputs get numpy's results
  * (fill_empty). numpy passes a missing flexible dimension (matmul's m? and p?, a 1-D operand) as
  * size 1 with step 0, which is an ordinary matrix of one row or column here.
  *
