@@ -122,17 +122,6 @@ def _b_is_vectors(a, b):
     return b.ndim == a.ndim - 1
 
 
-def _by_columns(name, y, f, n, vectors):
-    """The solutions for right-hand sides y against factors f (..., n, n), read as _b_is_vectors
-    says: vectors(False, y) for vectors; for matrices, vectors(True, columns) with the columns as
-    vectors (..., k, n) (f then needs an axis for k), the result turned back to (..., n, k)."""
-    if _b_is_vectors(f, y):
-        return vectors(False, y)
-    if y.ndim < 2 or y.shape[-2] != n:
-        raise ValueError(f"{name}: b must hold vectors (..., {n}) or matrices (..., {n}, k), got shape {y.shape}")
-    return np.swapaxes(vectors(True, np.swapaxes(y, -1, -2)), -1, -2)
-
-
 def lu_factor(a, overwrite_a=False, check_finite=True):
     """scipy.linalg.lu_factor: (lu, piv) of each matrix (..., n, n), P A = L U with lu holding U on
     and above the diagonal and L's multipliers below it, rows in pivot order, and piv (int32)
@@ -144,34 +133,45 @@ def lu_factor(a, overwrite_a=False, check_finite=True):
     return ufuncs.lu_factor(x)
 
 
+_COMPUTED = frozenset("?bBhHiIlLqQfd")       # dtype.char of what asarray() takes: bool, integers, float32/64
+
+
+def _factor_and_rhs(name, c, b, check_finite):
+    """lu_solve's and cho_solve's factor c (square matrices (..., n, n)) and right-hand sides b as
+    arrays, checked as _square() and asarray() check them (their errors), and with check_finite a
+    ValueError when either holds an inf or a NaN. Small operands are summed as Python numbers
+    first: the sum is finite only when every term is, and only a sum that is not (an overflow, or
+    a term that is not) is looked at element by element. On one small matrix that costs a fifth of
+    numpy's isfinite().all(), whose reduction alone costs about as much as the solve."""
+    f = c if type(c) is np.ndarray else np.asarray(c)
+    y = b if type(b) is np.ndarray else np.asarray(b)
+    if f.dtype.char not in _COMPUTED or y.dtype.char not in _COMPUTED:
+        asarray(f, name), asarray(y, name)           # raises its TypeError
+    if f.ndim < 2 or f.shape[-1] != f.shape[-2]:
+        raise NotSquareError(f"{name}: a must hold square matrices (..., n, n), got shape {f.shape}")
+    if f.shape[-1] < 1:
+        check_sizes(name, f.shape[-1])               # raises its ValueError
+    if (check_finite and not (f.size + y.size <= 128
+                              and math.isfinite(sum(f.ravel().tolist()) + sum(y.ravel().tolist())))
+            and not (np.isfinite(f).all() and np.isfinite(y).all())):
+        raise ValueError(f"{name}: array must not contain infs or NaNs")
+    return f, y
+
+
 def lu_solve(lu_and_piv, b, trans=0, overwrite_b=False, check_finite=True):
     """scipy.linalg.lu_solve: x with A x = b from lu_factor()'s (lu, piv); b holds vectors (..., n)
-    when it has one axis fewer than lu, else matrices (..., n, k) whose columns are solved.
-    trans 1 and 2 (A^T x = b, A^H x = b) raise NotImplementedError."""
+    when it has one axis fewer than lu, else matrices (..., n, k) whose columns are solved (the
+    gufuncs omkm.ufuncs.lu_solve1 / lu_solve). trans 1 and 2 (A^T x = b, A^H x = b) raise
+    NotImplementedError; piv entries outside 0 ... n-1 raise ValueError. overwrite_b is accepted;
+    b is never overwritten."""
     if trans not in (0, "N"):
         raise NotImplementedError(f"lu_solve: trans={trans!r} (the library solves A x = b only)")
     lu, piv = lu_and_piv
-    f, dt, n = _square("lu_solve", lu)
-    y = asarray(b, "lu_solve")
-    _finite("lu_solve", check_finite, f, y)
-    piv = np.asarray(piv)
-    if piv.shape != f.shape[:-1] or piv.dtype.kind not in "iu" or (piv.size and (piv.min() < 0 or piv.max() >= n)):
-        raise ValueError(f"lu_solve: piv must hold row numbers 0 ... {n - 1}, shape {f.shape[:-1]}")
-    # The row order P gives: the interchanges applied in turn to 0 ... n-1.
-    order = np.broadcast_to(np.arange(n), piv.shape).copy()
-    for i in range(n):
-        j = piv[..., i:i + 1].astype(np.intp)
-        oi, oj = order[..., i:i + 1].copy(), np.take_along_axis(order, j, axis=-1)
-        order[..., i:i + 1] = oj
-        np.put_along_axis(order, j, oi, axis=-1)
-    identity = np.broadcast_to(np.arange(n, dtype=INT), piv.shape)
-
-    def vectors(cols, v):                         # P b, then the library's solve with rows in order
-        ax = (slice(None),) * (f.ndim - 2) + (None,) * cols
-        pb = np.take_along_axis(v, order[ax].astype(np.intp), axis=-1)
-        return lu_backsubst((f[ax], identity[ax]), pb)
-
-    return _by_columns("lu_solve", y, f, n, vectors)
+    f, y = _factor_and_rhs("lu_solve", lu, b, check_finite)
+    piv = piv if type(piv) is np.ndarray else np.asarray(piv)
+    if piv.shape != f.shape[:-1] or piv.dtype.kind not in "iu":
+        raise ValueError(f"lu_solve: piv must hold row numbers 0 ... {f.shape[-1] - 1}, shape {f.shape[:-1]}")
+    return (ufuncs.lu_solve1 if _b_is_vectors(f, y) else ufuncs.lu_solve)(f, piv, y)
 
 
 # ---- Cholesky ----
@@ -248,18 +248,13 @@ def cho_factor(a, lower=False, overwrite_a=False, check_finite=True):
 
 def cho_solve(c_and_lower, b, overwrite_b=False, check_finite=True):
     """scipy.linalg.cho_solve: x with A x = b from cho_factor()'s (c, lower); b holds vectors
-    (..., n) when it has one axis fewer than c, else matrices (..., n, k) whose columns are solved."""
+    (..., n) when it has one axis fewer than c, else matrices (..., n, k) whose columns are solved
+    (the gufuncs omkm.ufuncs.cho_solve1 / cho_solve, which read L from c's lower triangle: c itself
+    when lower, else its transposed view). Only c's factor triangle is read. overwrite_b is
+    accepted; b is never overwritten."""
     c, lower = c_and_lower
-    f, dt, n = _square("cho_solve", c)
-    y = asarray(b, "cho_solve")
-    _finite("cho_solve", check_finite, f, y)
-    dt = result_type(f, y)
-    f = f.astype(dt, copy=False)
-    factor = np.tril(f) if lower else np.swapaxes(np.triu(f), -1, -2)
-    i = np.arange(n)
-    factor[..., i, i] = 1 / factor[..., i, i]       # the library's factor holds 1/L(i, i)
-    return _by_columns("cho_solve", y.astype(dt, copy=False), f, n,
-                       lambda cols, v: cholesky_solve(factor[..., None, :, :] if cols else factor, v))
+    f, y = _factor_and_rhs("cho_solve", c, b, check_finite)
+    return (ufuncs.cho_solve1 if _b_is_vectors(f, y) else ufuncs.cho_solve)(f if lower else f.swapaxes(-1, -2), y)
 
 
 # ---- QR ----

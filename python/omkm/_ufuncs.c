@@ -17,10 +17,10 @@
  *     library writes as consecutive values) goes through a contiguous copy per block of objects,
  *     the results copied back.
  *
- * Operands are of the loop's float type, except outputs flagged INT32 (lu_factor's interchanges)
- * or CPLX (eig's values and vectors, complex of the loop's precision), which the run functions
- * write themselves from the library's real results; the copies above go by each operand's own
- * element size. A zero core size calls no library function: the outputs get numpy's results
+ * Operands are of the loop's float type, except those flagged INT32 (lu_factor's interchanges,
+ * lu_solve's piv: the loop checks every row number of the call before anything runs) or CPLX
+ * (eig's values and vectors, complex of the loop's precision), which the run functions read or
+ * write themselves; the copies above go by each operand's own element size. A zero core size calls no library function: the outputs get numpy's results
  * (fill_empty). numpy passes a missing flexible dimension (matmul's m? and p?, a 1-D operand) as
  * size 1 with step 0, which is an ordinary matrix of one row or column here.
  *
@@ -46,7 +46,7 @@
 
 #include "omkm.h"
 
-#define MAXOPS 3       /* operands of a gufunc (inputs and outputs) */
+#define MAXOPS 4       /* operands of a gufunc (inputs and outputs) */
 #define MAXDIMS 3      /* distinct core dimensions of a signature */
 #define NO_MEMORY 1    /* a run function's status when its scratch could not be allocated */
 #define BLOCK_BYTES (256 * 1024)   /* copies of the copy path, per block of objects */
@@ -67,7 +67,8 @@ enum {
     SINGLE = 1,     /* an input the family has a single-operand member for */
     PACKED_CORE = 2,/* the library reads or writes the object as contiguous elements */
     PACKED = 6,     /* ... and consecutive objects (count values one after another) */
-    INT32 = 8,      /* an int32 output (row interchanges), whatever the loop's float type */
+    INT32 = 8,      /* int32 row interchanges (lu_factor's output, lu_solve's input), whatever the
+                       loop's float type */
     CPLX = 16,      /* a complex output: complex64 in the float32 loop, complex128 in float64 */
     EMPTY_ONE = 32, /* for a zero core size, 1 (the empty product) rather than 0 */
     EMPTY_EYE = 64  /* for a zero core size, the identity rather than zeros */
@@ -76,8 +77,10 @@ enum {
 /* Operation flags. */
 enum {
     TALL = 1,       /* the first core dimension (rows) must be at least the second (columns) */
-    BLOCKED = 2     /* the run function allocates scratch per object: calls take at most
+    BLOCKED = 2,    /* the run function allocates scratch per object: calls take at most
                        BLOCK_BYTES of operands, so that scratch stays of that order */
+    ROWS = 4        /* the second input holds row numbers 0 ... m-1 (int32 interchanges), all of
+                       the call's checked before anything is computed or written */
 };
 
 typedef struct {
@@ -92,7 +95,7 @@ typedef struct {
     int own_flags;             /* 1: the family raises floating-point flags of its own on correct
                                   results, which the loop puts back; 0: a flag means the caller's
                                   values overflowed or were invalid, and numpy reports it */
-    int opflags;               /* TALL, BLOCKED */
+    int opflags;               /* TALL, BLOCKED, ROWS */
     const char* doc;
 } OpDef;
 
@@ -293,12 +296,35 @@ static int inv_##SFX(Desc* d, const int* sz, int count, const char** fname)     
     free(buf);                                                                                       \
     return st;                                                                                       \
 }                                                                                                    \
-/* solve: LU of each matrix into scratch (one factor when the matrix is single), then one          \
- * LUBackSubst call per column of the right-hand sides, a column being a vector whose element      \
- * stride is the row stride. */                                                                   \
+/* Back substitutions of the k columns of b into x's against LU factors (f0 == 0: one factor for  \
+ * every object) with the index array idx (m ints per factor); a column is a vector whose element  \
+ * stride is the row stride. x may be b when idx is the identity (the library allows it then).     */ \
+static int lu_columns_##SFX(const char* f, int f0, int f1, int f2, const int* idx, Desc b, Desc x, int m, \
+                            int k, int count, const char** fname)                                    \
+{                                                                                                    \
+    int st = 0;                                                                                      \
+    for (int j = 0; j < k && st == 0; j++) {                                                         \
+        T* bj = (T*)(b.p + (ptrdiff_t)j * b.s2);                                                     \
+        T* xj = (T*)(x.p + (ptrdiff_t)j * x.s2);                                                     \
+        if (count == 1) {                                                                            \
+            *fname = #SFX "LUBackSubst_mv";                                                          \
+            st = E(LUBackSubst_mv)((const T*)f, f1, f2, idx, bj, b.s1, xj, x.s1, m);                 \
+        } else if (f0 == 0) {                                                                        \
+            *fname = #SFX "LUBackSubst_mva";                                                         \
+            st = E(LUBackSubst_mva)((const T*)f, f1, f2, idx, bj, b.s0, b.s1, xj, x.s0, x.s1, m, count); \
+        } else {                                                                                     \
+            *fname = #SFX "LUBackSubst_mava";                                                        \
+            st = E(LUBackSubst_mava)((const T*)f, f0, f1, f2, idx, bj, b.s0, b.s1, xj, x.s0, x.s1, m,  \
+                                     count);                                                         \
+        }                                                                                            \
+    }                                                                                                \
+    return st;                                                                                       \
+}                                                                                                    \
+/* solve: LU of each matrix into scratch (one factor when the matrix is single), then its          \
+ * back substitutions column by column.                                                            */ \
 static int solve_##SFX(Desc* d, const int* sz, int count, const char** fname)                        \
 {                                                                                                    \
-    int m = sz[0], k = sz[1], st, j;                                                                 \
+    int m = sz[0], k = sz[1], st;                                                                    \
     Desc a = d[0], b = d[1], x = d[2];                                                               \
     int nf = (count == 1 || a.s0 == 0) ? 1 : count;                                                  \
     int fs0 = (int)sizeof(T) * m * m, fs1 = (int)sizeof(T) * m, fs2 = (int)sizeof(T);                \
@@ -312,21 +338,8 @@ static int solve_##SFX(Desc* d, const int* sz, int count, const char** fname)   
         *fname = #SFX "LUDecomp_ma";                                                                 \
         st = E(LUDecomp_ma)((T*)a.p, a.s0, a.s1, a.s2, piv, lu, fs0, fs1, fs2, m, count);            \
     }                                                                                                \
-    for (j = 0; j < k && st == 0; j++) {                                                             \
-        T* bj = (T*)(b.p + (ptrdiff_t)j * b.s2);                                                     \
-        T* xj = (T*)(x.p + (ptrdiff_t)j * x.s2);                                                     \
-        if (count == 1) {                                                                            \
-            *fname = #SFX "LUBackSubst_mv";                                                          \
-            st = E(LUBackSubst_mv)(lu, fs1, fs2, piv, bj, b.s1, xj, x.s1, m);                        \
-        } else if (nf == 1) {                                                                        \
-            *fname = #SFX "LUBackSubst_mva";                                                         \
-            st = E(LUBackSubst_mva)(lu, fs1, fs2, piv, bj, b.s0, b.s1, xj, x.s0, x.s1, m, count);    \
-        } else {                                                                                     \
-            *fname = #SFX "LUBackSubst_mava";                                                        \
-            st = E(LUBackSubst_mava)(lu, fs0, fs1, fs2, piv, bj, b.s0, b.s1, xj, x.s0, x.s1, m,      \
-                                     count);                                                         \
-        }                                                                                            \
-    }                                                                                                \
+    if (st == 0)                                                                                     \
+        st = lu_columns_##SFX((char*)lu, nf == 1 ? 0 : fs0, fs1, fs2, piv, b, x, m, k, count, fname); \
     free(lu);                                                                                        \
     free(piv);                                                                                       \
     return st;                                                                                       \
@@ -339,6 +352,90 @@ static int solve1_##SFX(Desc* d, const int* sz, int count, const char** fname)  
     e[1].s1 = d[1].s2;                                                                               \
     e[2].s1 = d[2].s2;                                                                               \
     return solve_##SFX(e, s, count, fname);                                                          \
+}                                                                                                    \
+/* lu_solve: scipy's lu holds its rows in pivot order, so the row order the library's solver takes  \
+ * is the identity, and P^T b is formed in x: b's rows, then the interchanges in turn (row i with   \
+ * row piv[i], i = 0, 1, ...), as LAPACK's getrs does. x is then solved in place, which the library \
+ * allows with the identity order. The loop has checked every piv entry (ROWS).                    */ \
+static int lu_solve_##SFX(Desc* d, const int* sz, int count, const char** fname)                     \
+{                                                                                                    \
+    int m = sz[0], k = sz[1], st;                                                                    \
+    Desc lu = d[0], pv = d[1], b = d[2], x = d[3];                                                   \
+    int nf = (count == 1 || lu.s0 == 0) ? 1 : count, small[64];                                      \
+    size_t ni = (size_t)m * nf;                                                                      \
+    int* idx = ni <= 64 ? small : malloc(sizeof(int) * ni);                                          \
+    if (!idx) return NO_MEMORY;                                                                      \
+    for (int f = 0; f < nf; f++)                                                                     \
+        for (int i = 0; i < m; i++) idx[(size_t)f * m + i] = i;                                      \
+    for (int c = 0; c < count; c++) {                                                                \
+        char* xc = x.p + (ptrdiff_t)c * x.s0;                                                        \
+        const char* bc = b.p + (ptrdiff_t)c * b.s0;                                                  \
+        const char* pc = pv.p + (ptrdiff_t)c * pv.s0;                                                \
+        for (int i = 0; i < m; i++)                                                                  \
+            for (int j = 0; j < k; j++) AT(T, xc, x.s1, x.s2, i, j) = AT(const T, bc, b.s1, b.s2, i, j); \
+        for (int i = 0; i < m; i++) {   /* the interchanges in turn */                               \
+            int r = *(const int*)(pc + (ptrdiff_t)i * pv.s2);                                        \
+            if (r != i) swap_rows(xc, i, r, x.s1, x.s2, k, (int)sizeof(T));                          \
+        }                                                                                            \
+    }                                                                                                \
+    st = lu_columns_##SFX(lu.p, nf == 1 ? 0 : lu.s0, lu.s1, lu.s2, idx, x, x, m, k, count, fname);   \
+    if (idx != small) free(idx);                                                                     \
+    return st;                                                                                       \
+}                                                                                                    \
+static int lu_solve1_##SFX(Desc* d, const int* sz, int count, const char** fname)                    \
+{                                                                                                    \
+    Desc e[4] = {d[0], d[1], d[2], d[3]};                                                            \
+    int s[2] = {sz[0], 1};                                                                           \
+    e[2].s1 = d[2].s2;                                                                               \
+    e[3].s1 = d[3].s2;                                                                               \
+    return lu_solve_##SFX(e, s, count, fname);                                                       \
+}                                                                                                    \
+/* cho_solve: the library's factor (L below the diagonal, 1/L(i,i) on it) is formed per matrix     \
+ * in packed scratch from c's lower triangle alone, whatever c holds above it (scipy's cho_factor   \
+ * leaves a's entries there; the upper form is this on c's transposed view); the scratch's upper    \
+ * triangle is zeros. One factor when c is a single matrix; the loop keeps calls to blocks          \
+ * (BLOCKED). Then the back substitutions column by column, as solve's.                            */ \
+static int cho_solve_##SFX(Desc* d, const int* sz, int count, const char** fname)                    \
+{                                                                                                    \
+    int m = sz[0], k = sz[1], st = 0;                                                                \
+    Desc c = d[0], b = d[1], x = d[2];                                                               \
+    int nf = (count == 1 || c.s0 == 0) ? 1 : count;                                                  \
+    int f2 = (int)sizeof(T), f1 = m * f2, f0 = m * f1;                                               \
+    char* f = malloc((size_t)f0 * nf);                                                               \
+    if (!f) return NO_MEMORY;                                                                        \
+    for (int q = 0; q < nf; q++) {                                                                   \
+        const char* cq = c.p + (ptrdiff_t)q * c.s0;                                                  \
+        char* fq = f + (size_t)q * f0;                                                               \
+        for (int i = 0; i < m; i++) {                                                                \
+            for (int j = 0; j < i; j++) AT(T, fq, f1, f2, i, j) = AT(const T, cq, c.s1, c.s2, i, j); \
+            AT(T, fq, f1, f2, i, i) = (T)1 / AT(const T, cq, c.s1, c.s2, i, i);                      \
+            for (int j = i + 1; j < m; j++) AT(T, fq, f1, f2, i, j) = 0;                             \
+        }                                                                                            \
+    }                                                                                                \
+    for (int j = 0; j < k && st == 0; j++) {                                                         \
+        T* bj = (T*)(b.p + (ptrdiff_t)j * b.s2);                                                     \
+        T* xj = (T*)(x.p + (ptrdiff_t)j * x.s2);                                                     \
+        if (count == 1) {                                                                            \
+            *fname = #SFX "CholeskyBackSubst_mv";                                                    \
+            st = E(CholeskyBackSubst_mv)((T*)f, f1, f2, bj, b.s1, xj, x.s1, m);                      \
+        } else if (nf == 1) {                                                                        \
+            *fname = #SFX "CholeskyBackSubst_mva";                                                   \
+            st = E(CholeskyBackSubst_mva)((T*)f, f1, f2, bj, b.s0, b.s1, xj, x.s0, x.s1, m, count);  \
+        } else {                                                                                     \
+            *fname = #SFX "CholeskyBackSubst_mava";                                                  \
+            st = E(CholeskyBackSubst_mava)((T*)f, f0, f1, f2, bj, b.s0, b.s1, xj, x.s0, x.s1, m, count); \
+        }                                                                                            \
+    }                                                                                                \
+    free(f);                                                                                         \
+    return st;                                                                                       \
+}                                                                                                    \
+static int cho_solve1_##SFX(Desc* d, const int* sz, int count, const char** fname)                   \
+{                                                                                                    \
+    Desc e[3] = {d[0], d[1], d[2]};                                                                  \
+    int s[2] = {sz[0], 1};                                                                           \
+    e[1].s1 = d[1].s2;                                                                               \
+    e[2].s1 = d[2].s2;                                                                               \
+    return cho_solve_##SFX(e, s, count, fname);                                                      \
 }                                                                                                    \
 /* Values ascending with the vector columns to match: the library sorts them descending (for      \
  * n >= 3; n = 2 in the order of its formula), so an insertion sort of the reversed values is one  \
@@ -779,6 +876,28 @@ static const OpDef OPS[] = {
      {SINGLE, 0, 0}, RUNS(solve1), "lu", 1, 0,
      "solve1(a, b, /, out=None, **kwargs)\n\nx with a @ x = b for matrices a (m,m) and vectors b (m), as "
      "numpy.linalg.solve(a, b[..., None])[..., 0]. Raises omkm.SingularMatrixError."},
+    {"lu_solve", "(m,m),(m),(m,n)->(m,n)", 3, 1, {2, 1, 2, 2}, {{0, 0}, {0, 0}, {0, 1}, {0, 1}},
+     {SINGLE, SINGLE | INT32, SINGLE, 0}, RUNS(lu_solve), "lu", 1, ROWS | BLOCKED,
+     "lu_solve(lu, piv, b, /, out=None, **kwargs)\n\nx with A @ x = b from scipy.linalg.lu_factor's (lu, "
+     "piv) of A (lu (m,m) in pivot order, piv (m) int32 LAPACK interchanges) for right-hand sides b (m,n), "
+     "as scipy.linalg.lu_solve: b's rows interchanged in turn, then omkmLUBackSubst_mava per column with "
+     "the identity row order (LUBackSubst_mva when lu is a single matrix). ValueError, before anything is "
+     "written, when a piv entry is outside 0 ... m-1; no test of the diagonal."},
+    {"lu_solve1", "(m,m),(m),(m)->(m)", 3, 1, {2, 1, 1, 1}, {{0, 0}, {0, 0}, {0, 0}, {0, 0}},
+     {SINGLE, SINGLE | INT32, SINGLE, 0}, RUNS(lu_solve1), "lu", 1, ROWS | BLOCKED,
+     "lu_solve1(lu, piv, b, /, out=None, **kwargs)\n\nlu_solve for vectors b (m): "
+     "lu_solve(lu, piv, b[..., None])[..., 0]."},
+    {"cho_solve", "(m,m),(m,n)->(m,n)", 2, 1, {2, 2, 2}, {{0, 0}, {0, 1}, {0, 1}},
+     {SINGLE, 0, 0}, RUNS(cho_solve), "cholesky", 1, BLOCKED,
+     "cho_solve(c, b, /, out=None, **kwargs)\n\nx with L @ L.T @ x = b for L in the lower triangle of c "
+     "(m,m) (scipy.linalg.cho_factor's c with lower=True; the strict upper triangle is not read; pass c's "
+     "transposed view for lower=False) and right-hand sides b (m,n), as scipy.linalg.cho_solve, by "
+     "omkmCholeskyBackSubst_mava per column on the library's factor form made in scratch "
+     "(CholeskyBackSubst_mva when c is a single matrix). No test of the diagonal."},
+    {"cho_solve1", "(m,m),(m)->(m)", 2, 1, {2, 1, 1}, {{0, 0}, {0, 0}, {0, 0}},
+     {SINGLE, 0, 0}, RUNS(cho_solve1), "cholesky", 1, BLOCKED,
+     "cho_solve1(c, b, /, out=None, **kwargs)\n\ncho_solve for vectors b (m): "
+     "cho_solve(c, b[..., None])[..., 0]."},
     {"eigvalsh", "(m,m)->(m)", 1, 1, {2, 1}, {{0, 0}, {0, 0}},
      {0, PACKED}, RUNS(eigvalsh), "eigsym", 1, BLOCKED,
      "eigvalsh(a, /, out=None, **kwargs)\n\nEigenvalues of symmetric matrices (m,m)->(m), ascending as "
@@ -991,6 +1110,20 @@ static void loop(char** args, npy_intp const* dimensions, npy_intp const* steps,
         return;
     }
     if (N == 0) return;
+    if (op->opflags & ROWS) {
+        /* every object's row numbers, before any is used: an error leaves the outputs untouched */
+        const npy_intp ps = steps[1], pc = cst[op->ndim[0]];
+        const int m = sz[op->dim[1][0]];
+        for (npy_intp k = 0; k < N; k++)
+            for (int r = 0; r < m; r++) {
+                int v;
+                memcpy(&v, args[1] + k * ps + r * pc, sizeof v);
+                if (v < 0 || v >= m) {
+                    value_error("%s: piv must hold row numbers 0 ... %zd, got %zd", op->name, m - 1, v);
+                    return;
+                }
+            }
+    }
     if (N == 1 && !empty) {
         Desc d[MAXOPS];
         if (in_place(ld, args, cst, sz, d)) {
@@ -1184,6 +1317,12 @@ static int resolve_types(PyUFuncObject* uf, NPY_CASTING casting, PyArrayObject**
     int f64 = 0;
     for (int i = 0; i < op->nin; i++) {
         PyArray_Descr* d = PyArray_DESCR(ops[i]);
+        if (op->flags[i] & INT32) {      /* row numbers: any integers, cast to int32; not a value */
+            if (d->kind == 'i' || d->kind == 'u') continue;
+            PyErr_Format(PyExc_TypeError, "%s: operand %d holds row numbers (integers), got %S", op->name, i,
+                         (PyObject*)d);
+            return -1;
+        }
         if (d->kind == 'f' && (d->elsize == 4 || d->elsize == 8)) {
             f64 |= d->elsize == 8;
         } else if (d->kind == 'b' || d->kind == 'i' || d->kind == 'u') {

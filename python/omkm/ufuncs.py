@@ -7,7 +7,10 @@ matmul (m?,n),(n,p?)->(m?,p?) (1-D operands as numpy.matmul); matvec (m,n),(n)->
 vecmat (n),(n,m)->(m); vecdot (n),(n)->(); cross (3),(3)->(3); vector_norm (n)->();
 matrix_norm (m,n)->() (Frobenius); trace (m,m)->(); det (m,m)->(); inv (m,m)->(m,m);
 solve (m,m),(m,n)->(m,n); solve1 (m,m),(m)->(m); lu_factor (m,m)->(m,m),(m) (scipy.linalg's, piv
-int32); qr_reduced (m,n)->(m,n),(n,n) and qr_r (m,n)->(n,n) for m >= n, qr_complete
+int32); lu_solve (m,m),(m),(m,n)->(m,n) and lu_solve1 (m,m),(m),(m)->(m) (scipy.linalg's, from
+lu_factor's lu and piv); cho_solve (m,m),(m,n)->(m,n) and cho_solve1 (m,m),(m)->(m) (scipy.linalg's
+with lower=True: L read from c's lower triangle; the transposed view of c for the upper form);
+qr_reduced (m,n)->(m,n),(n,n) and qr_r (m,n)->(n,n) for m >= n, qr_complete
 (m,n)->(m,m),(m,n) (numpy.linalg.qr's modes); eigvalsh (m,m)->(m); eigh (m,m)->(m),(m,m);
 eig (m,m)->(m),(m,m) and eigvals (m,m)->(m) (complex results); cholesky (m,m)->(m,m);
 transform_points (4,4),(3)->(3) (float32 only). Results follow numpy.linalg's conventions
@@ -29,8 +32,9 @@ import sys
 from . import _lib  # noqa: F401  (libomkm first: the extension binds to the copy already loaded)
 
 NAMES = ("matmul", "matvec", "vecmat", "vecdot", "cross", "vector_norm", "matrix_norm", "trace", "det",
-         "inv", "solve", "solve1", "lu_factor", "qr_reduced", "qr_complete", "qr_r", "eigvalsh", "eigh",
-         "eig", "eigvals", "cholesky", "cho_factor", "transform_points")
+         "inv", "solve", "solve1", "lu_factor", "lu_solve", "lu_solve1", "qr_reduced", "qr_complete", "qr_r",
+         "eigvalsh", "eigh", "eig", "eigvals", "cholesky", "cho_factor", "cho_solve", "cho_solve1",
+         "transform_points")
 _HERE = os.path.dirname(os.path.abspath(__file__))
 
 

@@ -48,6 +48,27 @@ def lu_factor_oracle(a):
     return np.reshape([x[0] for x in f], a.shape), np.reshape([x[1] for x in f], a.shape[:-1]).astype(np.int32)
 
 
+def per_object(f, cores):
+    """f (scipy.linalg's solvers take one object at a time) on each object of operands broadcast
+    over their leading axes; cores: the core axes of each operand."""
+    def run(*args):
+        lead = np.broadcast_shapes(*[a.shape[:a.ndim - c] for a, c in zip(args, cores)])
+        args = [np.broadcast_to(a, lead + a.shape[a.ndim - c:]) for a, c in zip(args, cores)]
+        res = [f(*[a[i] for a in args]) for i in np.ndindex(lead)]
+        return np.reshape(res, lead + np.shape(res[0]))
+    return run
+
+
+def lu_solve_oracle(b_axes):
+    sl = pytest.importorskip("scipy.linalg")
+    return per_object(lambda lu, piv, b: sl.lu_solve((lu, piv.astype(np.int32)), b), (2, 1, b_axes))
+
+
+def cho_solve_oracle(b_axes):
+    sl = pytest.importorskip("scipy.linalg")
+    return per_object(lambda c, b: sl.cho_solve((c, True), b, check_finite=False), (2, b_axes))
+
+
 def canonical_eig(w, v=None):
     """Complex values sorted by real, then imaginary part, the vector columns to match scaled to norm
     1 with their largest component real and positive: one form for two eigensolvers' results."""
@@ -73,6 +94,30 @@ def square(kind, n=4):
     return lambda rng, lead, dt: stack(rng, lead + (n, n), dt, kind)
 
 
+def lu_of(n):
+    """scipy.linalg.lu_factor's lu: U on and above the diagonal, multipliers of magnitude below 1
+    under it, as partial pivoting gives."""
+    def make(rng, lead, dt):
+        a = stack(rng, lead + (n, n), np.float64, "wellcond")
+        return (np.triu(a) + np.tanh(np.tril(a, -1))).astype(dt)
+    return make
+
+
+def piv_of(n):
+    """LAPACK's interchanges, row i with row piv[i] >= i, as int64 (numpy's integers): the dtype rule
+    casts them to int32 without counting them as values, so float32 factors give float32 results."""
+    return lambda rng, lead, dt: rng.integers(np.arange(n), n, lead + (n,))
+
+
+def cho_of(n):
+    """scipy.linalg.cho_factor's c with lower=True: L with a positive diagonal, NaN above it (never read)."""
+    def make(rng, lead, dt):
+        a = stack(rng, lead + (n, n), np.float64)
+        low = np.tril(a, -1) + np.eye(n) * (1 + np.abs(a))
+        return np.where(np.tri(n, dtype=bool), low, np.nan).astype(dt)
+    return make
+
+
 # name -> (operand makers (rng, leading shape, dtype), oracle on float64 operands)
 CASES = {
     "matmul": ([general((4, 3)), general((3, 5))], np.matmul),
@@ -89,6 +134,9 @@ CASES = {
     "solve1": ([square("wellcond"), general((4,))], lambda a, b: solve_oracle(a, b[..., None])[..., 0]),
     "lu_factor": ([general((5, 5))], lu_factor_oracle),
     "lu_factor order 8": ([general((8, 8))], lu_factor_oracle),     # the library's general loop
+    "lu_solve": ([lu_of(4), piv_of(4), general((4, 3))], lu_solve_oracle(2)),
+    "lu_solve1": ([lu_of(4), piv_of(4), general((4,))], lu_solve_oracle(1)),
+    "lu_solve order 8": ([lu_of(8), piv_of(8), general((8, 2))], lu_solve_oracle(2)),
     "qr_reduced": ([general((5, 3))], qr_oracle("reduced")),
     "qr_reduced square": ([general((4, 4))], qr_oracle("reduced")),
     "qr_complete": ([general((5, 3))], qr_oracle("complete")),
@@ -100,6 +148,8 @@ CASES = {
     "eigh": ([square("spd")], eigh_oracle),
     "cholesky": ([square("spd")], np.linalg.cholesky),
     "cho_factor": ([square("spd")], lambda a: np.where(np.tri(4, dtype=bool), np.linalg.cholesky(a), a)),
+    "cho_solve": ([cho_of(4), general((4, 2))], cho_solve_oracle(2)),
+    "cho_solve1": ([cho_of(4), general((4,))], cho_solve_oracle(1)),
     "transform_points": ([points_matrix, general((3,))], coord),
 }
 
@@ -138,9 +188,9 @@ def test_against_numpy(name, dt, rng):
     full = [f(rng, (COUNT,), dt) for f in makers]
     one = [f(rng, (), dt) for f in makers]
     check(name, full, dt)
-    if len(makers) == 2:       # one operand a single object: its outer step is 0
-        check(name, [full[0], one[1]], dt)
-        check(name, [one[0], full[1]], dt)
+    if len(makers) > 1:        # one operand a single object, each in turn: its outer step is 0
+        for i in range(len(makers)):
+            check(name, full[:i] + [one[i]] + full[i + 1:], dt)
         check(name, [f(rng, (2, 1), dt) for f in makers[:1]] + [f(rng, (3,), dt) for f in makers[1:]], dt)
     else:                      # the one operand broadcast: computed once, copied to each result
         b = np.broadcast_to(one[0], (COUNT,) + one[0].shape)
@@ -241,11 +291,26 @@ def test_errors(rng, layout):
         uf.qr_complete(variants(t, 2)[layout][0])
 
 
-@pytest.mark.parametrize("name", ["lu_factor", "qr_r", "eig"])
+@pytest.mark.parametrize("name", ["lu_factor", "qr_r", "eig", "lu_solve", "cho_solve"])
 def test_stacks_in_blocks(rng, name):
     """Stacks long enough for the library's threads and, for gufuncs with scratch per object,
     for several blocks of calls."""
     check(name, [f(rng, (3000,), np.float64) for f in CASES[name][0]], np.float64)
+
+
+@pytest.mark.parametrize("bad", [4, -1])
+def test_lu_solve_rows(rng, bad):
+    """A piv entry outside 0 ... m-1 raises ValueError before anything is written, wherever it is in
+    the stack (here in the last of several blocks of calls) and whether piv is read in place or copied."""
+    makers = CASES["lu_solve1"][0]
+    lu, piv, b = [f(rng, (3000,), np.float64) for f in makers]
+    piv = piv.astype(np.int32)                           # the loop's own dtype: read where it is
+    piv[-1, 2] = bad
+    for p in (piv, piv[::-1].copy()[::-1]):
+        out = np.full((3000, 4), 7.0)
+        with pytest.raises(ValueError, match=rf"row numbers 0 \.\.\. 3, got {bad}"):
+            uf.lu_solve1(lu, p, b, out=out)
+        assert (out == 7).all()
 
 
 def test_large_stacks_run_without_the_gil(rng):
