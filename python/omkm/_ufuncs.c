@@ -361,7 +361,7 @@ static int lu_solve_##SFX(Desc* d, const int* sz, int count, const char** fname)
 {                                                                                                    \
     int m = sz[0], k = sz[1], st;                                                                    \
     Desc lu = d[0], pv = d[1], b = d[2], x = d[3];                                                   \
-    int nf = (count == 1 || lu.s0 == 0) ? 1 : count, small[64];                                      \
+    int nf = (count == 1 || lu.s0 == 0) ? 1 : count, small[64] = {0};                                \
     size_t ni = (size_t)m * nf;                                                                      \
     int* idx = ni <= 64 ? small : malloc(sizeof(int) * ni);                                          \
     if (!idx) return NO_MEMORY;                                                                      \
