@@ -1,5 +1,7 @@
 """Element-wise operations, products, dot and cross products, norms and trace."""
 
+import operator
+
 import numpy as np
 
 from ._core import (COUNT, asarray, batch_of, check_sizes, no_replay, operand, output, planned,
@@ -177,17 +179,20 @@ def norm(x, ord=None, axis=None, keepdims=False, out=None):
             return r if not keepdims else _keep(r.reshape((1,) * a.ndim), out)
         else:
             raise ValueError(f"norm: ord {ord!r} needs a 1-D or 2-D array when axis is None")
-    if type(axis) is int or np.ndim(axis) == 0:
+    if not isinstance(axis, (tuple, list)):
         return _vector_norm(ord, a, axis=axis, keepdims=keepdims, out=out)
     if len(axis) != 2:
         raise ValueError(f"norm: axis must be an int or a pair of ints, got {axis!r}")
     if ord not in (None, "fro"):
         raise NotImplementedError(f"norm: ord={ord!r} for matrices (the library computes 'fro')")
-    r, c = (int(k) for k in axis)
-    if any(not -a.ndim <= k < a.ndim for k in (r, c)):
+    r, c = operator.index(axis[0]), operator.index(axis[1])
+    if not (-a.ndim <= r < a.ndim and -a.ndim <= c < a.ndim):
         raise np.AxisError(f"norm: axis {axis!r} is out of bounds for an array of {a.ndim} axes")
-    if r % a.ndim == c % a.ndim:
+    r, c = r % a.ndim, c % a.ndim
+    if r == c:
         raise ValueError(f"norm: duplicate axes in {axis!r}")
+    if (r, c) == (a.ndim - 2, a.ndim - 1):                # the last two: no axes= to parse
+        return _uf.matrix_norm(a, keepdims=keepdims, out=out)
     return _uf.matrix_norm(a, axes=[(r, c)], keepdims=keepdims, out=out)
 
 
