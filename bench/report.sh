@@ -14,7 +14,10 @@ cmake -S . -B build-bench -DOMKM_BUILD_BENCH=ON -DOMKM_BUILD_TESTS=OFF -DCMAKE_B
 cmake --build build-bench --target omkm_bench omkm_contention -j"${JOBS:-2}"
 # The Python binding against numpy first (docs/python_numpy.md and its plots), so that the report
 # links the page of this run.
-OMKM_LIBRARY=$PWD/build-bench/libomkm.so /usr/bin/python3 python/bench_numpy.py --markdown docs/python_numpy.md
+# numpy's linalg on stacks runs one OpenBLAS thread: with more, its calls on small matrices slow down
+# by an order of magnitude on a busy machine (python/README.md), which would flatter omkm.
+OMKM_LIBRARY=$PWD/build-bench/libomkm.so OMKM_UFUNCS=$(ls build-bench/python/omkm/_ufuncs*.so) OPENBLAS_NUM_THREADS=1 \
+  /usr/bin/python3 python/bench_numpy.py --markdown docs/python_numpy.md
 # The parallel driver's fixed cost (docs/parallel_driver.md) and parallel calls on a busy machine
 # (docs/contention.md), with the default runtime and, when Debian's libomp-dev is installed, with
 # LLVM's runtime in build-bench-llvm too.
