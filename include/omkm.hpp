@@ -454,6 +454,10 @@ enum class fam { add, sub, mul, dot, cross, l2norm, frobnorm, det, invert };
 template <fam F, int K>
 struct route {
     static constexpr bool exists = false;
+    // Never reached: every use of an absent route stops at a static_assert; this only keeps the
+    // compiler from adding errors of its own to that message.
+    template <class T, class... A>
+    static OmkStatus call(A...) { return omkStsOk; }
 };
 
 #define OMKM_HPP_ROUTE(F, K, CNAME)                                                                  \
