@@ -325,3 +325,135 @@ TEST(CppInterface, ResultsAreTheBitsOfTheDirectCCall) {
 }
 
 }  // namespace
+
+namespace {
+
+// What transposed(x) means, against plain loops: x's stored rows and columns are passed as they lie
+// and the product or sum uses x's transpose. Non-square shapes, so a width taken for a height fails.
+TEST(CppInterface, TransposedOperandsGiveTheTransposesResults) {
+    double a[3][2], b[3][4], e[4][2], v3[3], s23[2][3];
+    for (int i = 0; i < 3; ++i) {
+        v3[i] = 0.5 + i;
+        for (int j = 0; j < 2; ++j) a[i][j] = 1.0 + i * 2 + j;
+        for (int j = 0; j < 4; ++j) b[i][j] = 0.25 * (i + 1) - j;
+    }
+    for (int i = 0; i < 4; ++i)
+        for (int j = 0; j < 2; ++j) e[i][j] = 3.0 - i * j;
+    for (int i = 0; i < 2; ++i)
+        for (int j = 0; j < 3; ++j) s23[i][j] = 10.0 * i + j;
+
+    double c24[2][4], ref24[2][4];  // a^T (2x3) * b (3x4)
+    ASSERT_EQ(omkm::mul(transposed(a), b, c24), status::ok);
+    for (int i = 0; i < 2; ++i)
+        for (int j = 0; j < 4; ++j) {
+            ref24[i][j] = 0;
+            for (int q = 0; q < 3; ++q) ref24[i][j] += a[q][i] * b[q][j];
+            EXPECT_NEAR(c24[i][j], ref24[i][j], 1e-12) << i << "," << j;
+        }
+    double c34[3][4];  // a (3x2) * e^T (2x4)
+    ASSERT_EQ(omkm::mul(a, transposed(e), c34), status::ok);
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 4; ++j) {
+            double t = 0;
+            for (int q = 0; q < 2; ++q) t += a[i][q] * e[j][q];
+            EXPECT_NEAR(c34[i][j], t, 1e-12) << i << "," << j;
+        }
+    double c43[4][3];  // e^T^T... (4x2) as transposed twice is stored: e (4x2) * a^T (2x3)
+    ASSERT_EQ(omkm::mul(transposed(transposed(e)), transposed(a), c43), status::ok);
+    for (int i = 0; i < 4; ++i)
+        for (int j = 0; j < 3; ++j) {
+            double t = 0;
+            for (int q = 0; q < 2; ++q) t += e[i][q] * a[j][q];
+            EXPECT_NEAR(c43[i][j], t, 1e-12) << i << "," << j;
+        }
+    double y2[2];  // a^T * v
+    ASSERT_EQ(omkm::mul(transposed(a), v3, y2), status::ok);
+    for (int i = 0; i < 2; ++i) EXPECT_NEAR(y2[i], a[0][i] * v3[0] + a[1][i] * v3[1] + a[2][i] * v3[2], 1e-12);
+    double sum[2][3], diff[2][3];  // a^T + s, s - a^T: exact
+    ASSERT_EQ(omkm::add(transposed(a), s23, sum), status::ok);
+    ASSERT_EQ(omkm::sub(s23, transposed(a), diff), status::ok);
+    for (int i = 0; i < 2; ++i)
+        for (int j = 0; j < 3; ++j) {
+            EXPECT_EQ(sum[i][j], a[j][i] + s23[i][j]);
+            EXPECT_EQ(diff[i][j], s23[i][j] - a[j][i]);
+        }
+    // An array read transposed: each object's transpose, from column-major storage through strides.
+    std::vector<double> cm(2 * 6);  // two 3x2 matrices stored by columns
+    for (std::size_t i = 0; i < cm.size(); ++i) cm[i] = 1.0 + static_cast<double>(i);
+    std::vector<std::array<std::array<double, 4>, 2>> out(2);
+    ASSERT_EQ(omkm::mul(transposed(omkm::strided_matrices(cm.data(), 2, 3, 2, 48, 8, 24)), b, out), status::ok);
+    for (int k = 0; k < 2; ++k)
+        for (int i = 0; i < 2; ++i)
+            for (int j = 0; j < 4; ++j) {
+                double t = 0;  // stored (q, i) is cm[k*6 + i*3 + q]
+                for (int q = 0; q < 3; ++q) t += cm[static_cast<std::size_t>(k * 6 + i * 3 + q)] * b[q][j];
+                EXPECT_NEAR(out[k][i][j], t, 1e-12) << k << ":" << i << "," << j;
+            }
+}
+
+// The checks the layer makes itself: a destination of the wrong shape, arrays of different counts,
+// mismatched lengths, a non-square det or invert, cross products of other than 3-vectors, too little
+// room for scalar results. Each returns size_mismatch before any C call.
+TEST(CppInterface, TheLayersOwnChecksStopBeforeTheCall) {
+    float a23[2][3] = {}, b34[3][4] = {}, c23[2][3] = {}, v3[3] = {}, v4[4] = {}, out = 0;
+    std::vector<std::array<std::array<float, 3>, 3>> m3(3), m3b(2);
+    std::vector<std::array<float, 3>> vs(3), ws(2);
+    std::vector<float> room(2);
+    const std::vector<std::pair<const char*, std::function<status()>>> cases = {
+        {"product into a 2x3", [&] { return omkm::mul(a23, b34, c23); }},
+        {"product of a 2x3 into a 3-vector", [&] { return omkm::mul(a23, v3, v3); }},
+        {"3 and 2 matrices pairwise", [&] { return omkm::mul(m3, m3, m3b); }},
+        {"difference of a 2x3 and a transposed 2x3", [&] { return omkm::sub(a23, transposed(c23), c23); }},
+        {"3-vector plus 4-vector", [&] { return omkm::add(v3, v4, v3); }},
+        {"vector arrays of 3 and 2", [&] { return omkm::sub(vs, ws, vs); }},
+        {"det of a 2x3", [&] { return omkm::det(a23, out); }},
+        {"invert a 2x3", [&] { return omkm::invert(a23, c23); }},
+        {"invert into 2 of 3", [&] { return omkm::invert(m3, m3b); }},
+        {"cross of 4-vectors", [&] { return omkm::cross(v4, v4, v4); }},
+        {"dot of 3 and 4", [&] { return omkm::dot(v3, v4, out); }},
+        {"3 dets into room for 2", [&] { return omkm::det(m3, room); }},
+        {"3 norms into room for 2", [&] { return omkm::norm(vs, room); }},
+        {"a record member of 3x4 read as 2x3", [&] {
+             struct Rec { std::array<float, 12> flat; };
+             std::vector<Rec> r(2);
+             return omkm::add(omkm::field<3, 4>(r, &Rec::flat), a23, omkm::field<3, 4>(r, &Rec::flat));
+         }},
+    };
+    for (const auto& [what, call] : cases) {
+        SCOPED_TRACE(what);
+        rec::log = {};
+        EXPECT_EQ(call(), status::size_mismatch);
+        EXPECT_EQ(rec::log.calls, 0);
+    }
+}
+
+// The C call's own statuses come back as they are, and the _or_throw forms raise them.
+TEST(CppInterface, CStatusesPassThroughAndThrowingFormsRaiseThem) {
+    float a[3][3] = {{1, 2, 3}, {2, 4, 6}, {0, 1, 1}}, inv[3][3], d[3][3] = {};
+    EXPECT_EQ(omkm::invert(a, inv), status::singular);
+    try {
+        omkm::invert_or_throw(a, inv);
+        ADD_FAILURE() << "no exception";
+    } catch (const omkm::error& e) {
+        EXPECT_EQ(e.code(), status::singular);
+        EXPECT_NE(std::string(e.what()).find("singular"), std::string::npos) << e.what();
+    }
+    EXPECT_EQ(omkm::mul(omkm::strided_matrix(static_cast<const float*>(nullptr), 3, 3, 12, 4), a, d), status::null_ptr);
+    EXPECT_EQ(omkm::add(omkm::strided_matrix(&a[0][0], 3, 3, 12, 6), a, d), status::bad_stride);
+    EXPECT_THROW(omkm::mul_or_throw(omkm::strided_matrix(&a[0][0], 3, 3, 12, 4), omkm::strided_matrix(&a[0][0], 3, 3, 12, 4),
+                                    omkm::strided_matrix(&d[0][0], 3, 3, 0, 4)),
+                 omkm::error);
+    struct Rec { float m[3][3]; };
+    std::vector<Rec> none;
+    rec::log = {};
+    EXPECT_NE(omkm::add(omkm::field(none, &Rec::m), a, omkm::field(none, &Rec::m)), status::ok);  // the C call's verdict
+    EXPECT_EQ(rec::log.calls, 1);
+    float e[3][3] = {{2, 0, 0}, {0, 4, 0}, {0, 0, 8}};
+    EXPECT_NO_THROW(omkm::invert_or_throw(e, inv));
+    EXPECT_EQ(inv[2][2], 0.125f);
+    float det = 0;
+    omkm::det_or_throw(e, det);
+    EXPECT_EQ(det, 64.0f);
+}
+
+}  // namespace
