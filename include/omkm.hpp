@@ -25,7 +25,14 @@
 //   omkm::strided_vector(p, len, s2), strided_vectors(p, count, len, s0, s2),
 //   omkm::strided_constants(p, count, s0)                  raw memory with byte strides (the escape hatch)
 //   omkm::transposed(x)                                    a matrix (or array of them) read transposed
-// A plain float or double argument is one constant.
+// A plain arithmetic value is one constant, converted to the operands' element type. A
+// two-dimensional C array is one matrix: four 3-vectors are std::array<float, 3>[4] or a container
+// of std::array<float, 3>, not float[4][3] (a 4x3 matrix).
+//
+// Results of det, dot and norm: one object's into a T&; an array's `count` consecutive values into
+// a contiguous container of T (its size is checked) or through a T* (its room is the caller's).
+// det and invert take the scratch their family needs from the stack up to order 8 and allocate it
+// above; the overloads with a trailing T* buffer use the caller's, scratch_elements<T>(n) elements.
 //
 // Sizes: a matrix source of a product keeps its stored rows and columns (the C call takes them as
 // they lie); transposed(x) multiplies by x's transpose. Before the C call this layer checks what
@@ -47,6 +54,7 @@
 #include <climits>
 #include <cstddef>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -57,6 +65,16 @@
 // Every C call goes through this macro: (quoted export name, export, arguments). A program may define
 // it before including this header to observe the calls (the tests record them); by default it is
 // the plain call.
+// Forced inlining: a call through this header compiles to the C call itself, with the strides and
+// sizes of fixed-size types as constants and the layer's checks folded where the shapes are known.
+#if defined(__GNUC__) || defined(__clang__)
+#define OMKM_HPP_INLINE inline __attribute__((always_inline))
+#elif defined(_MSC_VER)
+#define OMKM_HPP_INLINE __forceinline
+#else
+#define OMKM_HPP_INLINE inline
+#endif
+
 #ifndef OMKM_HPP_INVOKE
 #define OMKM_HPP_INVOKE(name, fn, ...) fn(__VA_ARGS__)
 #endif
@@ -265,11 +283,11 @@ constexpr auto describe(X&& x) {
             return vector_desc<Obj, false>{base, 1, n, 0, static_cast<int>(sizeof(Obj))};
         } else if constexpr (O::kind == detail::shape::matrix) {
             using E = typename O::elem;
-            return matrix_desc<E, true>{n > 0 ? O::first(*base) : nullptr, n, O::rows, O::cols,
+            return matrix_desc<E, true>{n != 0 ? O::first(*base) : nullptr, n, O::rows, O::cols,
                                         static_cast<int>(sizeof(Obj)), O::row_bytes, static_cast<int>(sizeof(E))};
         } else if constexpr (O::kind == detail::shape::vector) {
             using E = typename O::elem;
-            return vector_desc<E, true>{n > 0 ? O::first(*base) : nullptr, n, O::len, static_cast<int>(sizeof(Obj)),
+            return vector_desc<E, true>{n != 0 ? O::first(*base) : nullptr, n, O::len, static_cast<int>(sizeof(Obj)),
                                         static_cast<int>(sizeof(E))};
         } else {
             static_assert(detail::always_false<X>,
@@ -316,7 +334,7 @@ constexpr auto mat(X&& x) {
                       "omkm::mat<R, C>: the container's objects are not R*C contiguous scalars");
         using E = typename O::elem;
         const int n = Ct::size(x);
-        return matrix_desc<E, true>{n > 0 ? O::first(*Ct::data(x)) : nullptr, n, R, C, static_cast<int>(sizeof(Obj)),
+        return matrix_desc<E, true>{n != 0 ? O::first(*Ct::data(x)) : nullptr, n, R, C, static_cast<int>(sizeof(Obj)),
                                     static_cast<int>(C * sizeof(E)), static_cast<int>(sizeof(E))};
     }
 }
@@ -389,14 +407,14 @@ constexpr auto field(X&& records, M S::*member) {
     constexpr int rec = static_cast<int>(sizeof(Rec));
     if constexpr (O::kind == detail::shape::matrix) {
         using E = typename O::elem;
-        return matrix_desc<E, true>{n > 0 ? O::first(base->*member) : nullptr, n, O::rows, O::cols, rec, O::row_bytes,
+        return matrix_desc<E, true>{n != 0 ? O::first(base->*member) : nullptr, n, O::rows, O::cols, rec, O::row_bytes,
                                     static_cast<int>(sizeof(E))};
     } else if constexpr (O::kind == detail::shape::vector) {
         using E = typename O::elem;
-        return vector_desc<E, true>{n > 0 ? O::first(base->*member) : nullptr, n, O::len, rec,
+        return vector_desc<E, true>{n != 0 ? O::first(base->*member) : nullptr, n, O::len, rec,
                                     static_cast<int>(sizeof(E))};
     } else if constexpr (O::kind == detail::shape::constant) {
-        return constants_desc<Mem>{n > 0 ? &(base->*member) : nullptr, n, rec};
+        return constants_desc<Mem>{n != 0 ? &(base->*member) : nullptr, n, rec};
     } else {
         static_assert(detail::always_false<M>,
                       "omkm::field: the member is not a matrix, vector or scalar of float or double; "
@@ -465,7 +483,7 @@ struct route {
     struct route<fam::F, K> {                                                                        \
         static constexpr bool exists = true;                                                         \
         template <class T, class... A>                                                               \
-        static OmkStatus call(A... a) {                                                              \
+        static OMKM_HPP_INLINE OmkStatus call(A... a) {                                              \
             if constexpr (std::is_same_v<T, float>)                                                  \
                 return OMKM_HPP_INVOKE("omkm" #CNAME "_32f", ::omkm##CNAME##_32f, a...);             \
             else                                                                                     \
@@ -598,7 +616,7 @@ constexpr int count_of(const D& d) {
 
 // The common count of the array operands, or -2 when two of them disagree (1 with no arrays).
 template <class... D>
-constexpr int common_count(const D&... d) {
+OMKM_HPP_INLINE constexpr int common_count(const D&... d) {
     int n = 1;
     bool seen = false, clash = false;
     auto one = [&](auto const& x) {
@@ -626,11 +644,6 @@ constexpr void require_writable() {
     static_assert(!is_t_v<D>, "omkm: a destination is written as stored; no export writes a transposed destination");
 }
 
-template <class E, class D>
-constexpr E constant_value(const D& d) {
-    return static_cast<E>(d);
-}
-
 }  // namespace detail
 
 // A matrix, or an array of matrices, read transposed; transposed twice is the matrix as stored.
@@ -652,7 +665,7 @@ constexpr auto transposed(X&& x) {
 // dst = a * b: matrix times matrix or matrix times vector, each operand single or an array,
 // either matrix possibly transposed(...).
 template <class A, class B, class Dst>
-[[nodiscard]] inline status mul(A&& a, B&& b, Dst&& dst) {
+[[nodiscard]] OMKM_HPP_INLINE status mul(A&& a, B&& b, Dst&& dst) {
     using namespace detail;
     const auto da = describe(std::forward<A>(a));
     const auto db = describe(std::forward<B>(b));
@@ -717,7 +730,7 @@ namespace detail {
 // of the result and the count; vectors likewise with the length; with a constant the vector comes
 // first in the list whatever the order in the name.
 template <fam F, class A, class B, class Dst>
-inline status add_sub(A&& a, B&& b, Dst&& dst) {
+OMKM_HPP_INLINE status add_sub(A&& a, B&& b, Dst&& dst) {
     const auto da = describe(std::forward<A>(a));
     const auto db = describe(std::forward<B>(b));
     const auto dd = describe(std::forward<Dst>(dst));
@@ -832,7 +845,8 @@ public:
     explicit scratch(int n) {
         const std::size_t elems = n > 0 ? static_cast<std::size_t>(n) * n + (static_cast<std::size_t>(n) * 4 + sizeof(T) - 1) / sizeof(T) : 1;
         if (elems > local_.size()) {
-            heap_.reset(new T[elems]);
+            // Without memory the buffer stays null and the C call answers null_ptr: no exception here.
+            heap_.reset(new (std::nothrow) T[elems]);
             p_ = heap_.get();
         } else {
             p_ = local_.data();
@@ -847,13 +861,13 @@ private:
 };
 
 template <class R, class E, class DA>
-inline status det_call(const DA& da, E* b, E* out) {
+OMKM_HPP_INLINE status det_call(const DA& da, E* b, E* out) {
     if constexpr (!is_array_v<DA>) return status(R::template call<E>(da.p, da.s1, da.s2, da.rows, b, out));
     else return status(R::template call<E>(da.p, da.s0, da.s1, da.s2, da.rows, b, out, da.count));
 }
 
 template <fam F, class A, class Out, class Buf>
-inline status scalar_of_object(A&& a, Out& out, Buf buffer) {
+OMKM_HPP_INLINE status scalar_of_object(A&& a, Out& out, Buf buffer) {
     const auto da = describe(std::forward<A>(a));
     using DA = std::decay_t<decltype(da)>;
     constexpr int ka = kind_of<DA>::value;
@@ -898,11 +912,11 @@ inline status scalar_of_object(A&& a, Out& out, Buf buffer) {
 }  // namespace detail
 
 template <class A, class B, class Dst>
-[[nodiscard]] inline status add(A&& a, B&& b, Dst&& dst) {
+[[nodiscard]] OMKM_HPP_INLINE status add(A&& a, B&& b, Dst&& dst) {
     return detail::add_sub<detail::fam::add>(std::forward<A>(a), std::forward<B>(b), std::forward<Dst>(dst));
 }
 template <class A, class B, class Dst>
-[[nodiscard]] inline status sub(A&& a, B&& b, Dst&& dst) {
+[[nodiscard]] OMKM_HPP_INLINE status sub(A&& a, B&& b, Dst&& dst) {
     return detail::add_sub<detail::fam::sub>(std::forward<A>(a), std::forward<B>(b), std::forward<Dst>(dst));
 }
 
@@ -916,11 +930,11 @@ constexpr std::size_t scratch_elements(int n) noexcept {
 // values. Scratch is on the stack up to order 8, else allocated; the overloads with a buffer use
 // the caller's (scratch_elements<T>(n) elements).
 template <class A, class Out>
-[[nodiscard]] inline status det(A&& a, Out&& out) {
+[[nodiscard]] OMKM_HPP_INLINE status det(A&& a, Out&& out) {
     return detail::scalar_of_object<detail::fam::det>(std::forward<A>(a), out, nullptr);
 }
 template <class A, class Out, class T>
-[[nodiscard]] inline status det(A&& a, Out&& out, T* buffer) {
+[[nodiscard]] OMKM_HPP_INLINE status det(A&& a, Out&& out, T* buffer) {
     if (!buffer) return status::null_ptr;
     return detail::scalar_of_object<detail::fam::det>(std::forward<A>(a), out, buffer);
 }
@@ -928,14 +942,14 @@ template <class A, class Out, class T>
 // The Euclidean norm of a vector, or the Frobenius norm of a matrix; of each object of an array
 // into `count` consecutive values.
 template <class A, class Out>
-[[nodiscard]] inline status norm(A&& a, Out&& out) {
+[[nodiscard]] OMKM_HPP_INLINE status norm(A&& a, Out&& out) {
     return detail::scalar_of_object<detail::fam::l2norm>(std::forward<A>(a), out, nullptr);
 }
 
 // dst = the inverse of a square matrix, or of each matrix of an array.
 namespace detail {
 template <class R, class E, class DA, class DD>
-inline status invert_call(const DA& da, const DD& dd, E* b, int n) {
+OMKM_HPP_INLINE status invert_call(const DA& da, const DD& dd, E* b, int n) {
     if constexpr (!is_array_v<DA>)
         return status(R::template call<E>(da.p, da.s1, da.s2, b, dd.p, dd.s1, dd.s2, da.rows));
     else
@@ -943,7 +957,7 @@ inline status invert_call(const DA& da, const DD& dd, E* b, int n) {
 }
 
 template <class A, class Dst, class Buf>
-inline status invert_impl(A&& a, Dst&& dst, Buf buffer) {
+OMKM_HPP_INLINE status invert_impl(A&& a, Dst&& dst, Buf buffer) {
     const auto da = describe(std::forward<A>(a));
     const auto dd = describe(std::forward<Dst>(dst));
     using DA = std::decay_t<decltype(da)>;
@@ -970,18 +984,18 @@ inline status invert_impl(A&& a, Dst&& dst, Buf buffer) {
 }  // namespace detail
 
 template <class A, class Dst>
-[[nodiscard]] inline status invert(A&& a, Dst&& dst) {
+[[nodiscard]] OMKM_HPP_INLINE status invert(A&& a, Dst&& dst) {
     return detail::invert_impl(std::forward<A>(a), std::forward<Dst>(dst), nullptr);
 }
 template <class A, class Dst, class T>
-[[nodiscard]] inline status invert(A&& a, Dst&& dst, T* buffer) {
+[[nodiscard]] OMKM_HPP_INLINE status invert(A&& a, Dst&& dst, T* buffer) {
     if (!buffer) return status::null_ptr;
     return detail::invert_impl(std::forward<A>(a), std::forward<Dst>(dst), buffer);
 }
 
 // Dot products: one into a T&, or an array's with one vector or pairwise into `count` values.
 template <class A, class B, class Out>
-[[nodiscard]] inline status dot(A&& a, B&& b, Out&& out) {
+[[nodiscard]] OMKM_HPP_INLINE status dot(A&& a, B&& b, Out&& out) {
     using namespace detail;
     const auto da = describe(std::forward<A>(a));
     const auto db = describe(std::forward<B>(b));
@@ -1015,7 +1029,7 @@ template <class A, class B, class Out>
 
 // Cross products of 3-vectors: single, an array with one vector (either side), or pairwise.
 template <class A, class B, class Dst>
-[[nodiscard]] inline status cross(A&& a, B&& b, Dst&& dst) {
+[[nodiscard]] OMKM_HPP_INLINE status cross(A&& a, B&& b, Dst&& dst) {
     using namespace detail;
     const auto da = describe(std::forward<A>(a));
     const auto db = describe(std::forward<B>(b));
