@@ -7,6 +7,10 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#if __cplusplus >= 202002L
+#include <span>
+#endif
+#include <utility>
 #include <string>
 #include <vector>
 
@@ -58,6 +62,7 @@ struct R {
     float w3[3];
     float v2[2];
     float k;
+    std::array<float, 4> q, q2;  // flat 2x2
     int tag;
 };
 constexpr int kRec = static_cast<int>(sizeof(R));
@@ -70,6 +75,7 @@ struct Data {
     std::array<float, 4> flat22{};
     std::vector<float> outs = std::vector<float>(3);
     std::vector<double> g = std::vector<double>(48), h = std::vector<double>(32);
+    std::vector<std::array<double, 9>> f9 = std::vector<std::array<double, 9>>(4), f9out = f9;
     Data() {
         float f = 0.25f;
         auto fill = [&](float* p, int n) { for (int i = 0; i < n; ++i, f += 0.375f) p[i] = std::fmod(f, 5.0f) - 2.0f; };
@@ -82,6 +88,9 @@ struct Data {
         fill(&a23[0][0], 6); fill(&b34[0][0], 12); fill(&d32[0][0], 6); fill(&e23[0][0], 6); fill(&m33[0][0], 9);
         for (int i = 0; i < 3; ++i) m33[i][i] += 6.0f;
         fill(x3, 3); fill(y3, 3); fill(x2, 2); fill(&arr23[0][0], 6); fill(flat22.data(), 4);
+        for (R& x : r) fill(x.q.data(), 4);
+        for (std::size_t k = 0; k < f9.size(); ++k)
+            for (int i = 0; i < 9; ++i) f9[k][i] = std::cos(0.7 * static_cast<double>(k * 9 + i));
         for (std::size_t i = 0; i < g.size(); ++i) g[i] = 1.0 + 0.5 * static_cast<double>((i * 7) % 11);
     }
 };
@@ -198,6 +207,23 @@ const std::vector<Row>& rows() {
             &d.r[0].s33[0][0], kRec, 12, F4, 3, &d.c24[0][0], d.outs.data(), 3),
         ROW("invert with a buffer", omkm::invert(d.m33, d.r[0].s33, &d.c24[0][0]), "omkmInvert_m_32f",
             &d.m33[0][0], 12, F4, &d.c24[0][0], &d.r[0].s33[0][0], 12, F4, 3),
+        ROW("read-only records", omkm::mul(field(std::as_const(d.r), &R::m23), d.b34, field(d.r, &R::m24)),
+            "omkmMul_mam_32f", &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, &d.b34[0][0], 16, F4, 4, 3, &d.r[0].m24[0][0],
+            kRec, 16, F4, 3),
+        ROW("flat 3x3 doubles in a vector, shape from mat<3, 3>",
+            omkm::mul(omkm::mat<3, 3>(d.f9), transposed(omkm::mat<3, 3>(d.f9)), omkm::mat<3, 3>(d.f9out)),
+            "omkmMul_mata_64f", d.f9[0].data(), 72, 24, 8, 3, 3, d.f9[0].data(), 72, 24, 8, 3, 3, d.f9out[0].data(), 72,
+            24, 8, 4),
+        ROW("flat record member read as 2x2", omkm::add(field<2, 2>(d.r, &R::q), omkm::mat<2, 2>(d.flat22),
+                                                       field<2, 2>(d.r, &R::q2)),
+            "omkmAdd_mam_32f", d.r[0].q.data(), kRec, 8, F4, d.flat22.data(), 8, F4, d.r[0].q2.data(), kRec, 8, F4, 2, 2,
+            3),
+        ROW("one matrix from a pointer", omkm::det(omkm::mat<3, 3>(&d.m33[0][0]), d.out1, &d.c24[0][0]), "omkmDet_m_32f",
+            &d.m33[0][0], 12, F4, 3, &d.c24[0][0], &d.out1),
+#if __cplusplus >= 202002L
+        ROW("records through std::span", omkm::norm(field(std::span<R>(d.r).subspan(1), &R::v3), d.outs.data()),
+            "omkmL2Norm_va_32f", d.r[1].v3, kRec, F4, d.outs.data(), 3, 2),
+#endif
         // ---- double, raw memory with strides: matrices stored by columns, vectors every other element
         ROW("strided double m*t", omkm::mul(omkm::strided_matrix(d.g.data(), 2, 3, 8, 16),
                                           transposed(omkm::strided_matrix(d.g.data() + 6, 4, 3, 8, 32)),
