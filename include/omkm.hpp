@@ -24,7 +24,17 @@
 //   omkm::strided_matrix(p, rows, cols, s1, s2), strided_matrices(p, count, rows, cols, s0, s1, s2),
 //   omkm::strided_vector(p, len, s2), strided_vectors(p, count, len, s0, s2),
 //   omkm::strided_constants(p, count, s0)                  raw memory with byte strides (the escape hatch)
+//   omkm::matrix_table(table, count, rows, cols, s1, s2, roi_shift), vector_table(table, count, len,
+//   s2, roi_shift), constant_table(table, count, roi_shift) an array given by one pointer per object
+//                                                          (the layout description, the _L exports)
+//   omkm::field(record_pointers, &Record::member)          the member of each record a container of
+//                                                          Record* points to: the same, the container's
+//                                                          pointers as the table, the member's offset as
+//                                                          the ROI shift
 //   omkm::transposed(x)                                    a matrix (or array of them) read transposed
+// A call with an array given by a table takes the _L export, which takes every array operand by a
+// table: all arrays of one call are tables, or none. The pointer description (_P, one pointer per
+// element) is not in this interface.
 // A plain arithmetic value is one constant, converted to the operands' element type. A
 // two-dimensional C array is one matrix: four 3-vectors are std::array<float, 3>[4] or a container
 // of std::array<float, 3>, not float[4][3] (a 4x3 matrix).
@@ -128,21 +138,25 @@ private:
 // ---------------------------------------------------------------- operand descriptions
 
 // One matrix (Array false) or `count` matrices; strides in bytes as the C API takes them. T is the
-// element type, const for a read-only source.
-template <class T, bool Array>
+// element type, const for a read-only source. Table: an array given by one pointer per object (the
+// layout description, the _L exports); p is then the table and s0 the ROI shift, the bytes added to
+// each pointer, so the argument lists of both descriptions are built alike.
+template <class T, bool Array, bool Table = false>
 struct matrix_desc {
-    T* p;
+    static_assert(Array || !Table, "omkm: a pointer table describes an array");
+    std::conditional_t<Table, T**, T*> p;
     int count, rows, cols, s0, s1, s2;
 };
-template <class T, bool Array>
+template <class T, bool Array, bool Table = false>
 struct vector_desc {
-    T* p;
+    static_assert(Array || !Table, "omkm: a pointer table describes an array");
+    std::conditional_t<Table, T**, T*> p;
     int count, len, s0, s2;
 };
 // An array of constants, one per object.
-template <class T>
+template <class T, bool Table = false>
 struct constants_desc {
-    T* p;
+    std::conditional_t<Table, T**, T*> p;
     int count, s0;
 };
 // A matrix description read transposed.
@@ -239,12 +253,12 @@ struct container_traits<X, std::void_t<decltype(std::declval<X&>().data()), decl
 
 template <class X>
 struct is_desc : std::false_type {};
-template <class T, bool A>
-struct is_desc<matrix_desc<T, A>> : std::true_type {};
-template <class T, bool A>
-struct is_desc<vector_desc<T, A>> : std::true_type {};
-template <class T>
-struct is_desc<constants_desc<T>> : std::true_type {};
+template <class T, bool A, bool L>
+struct is_desc<matrix_desc<T, A, L>> : std::true_type {};
+template <class T, bool A, bool L>
+struct is_desc<vector_desc<T, A, L>> : std::true_type {};
+template <class T, bool L>
+struct is_desc<constants_desc<T, L>> : std::true_type {};
 template <class D>
 struct is_desc<transposed_desc<D>> : std::true_type {};
 
@@ -391,44 +405,110 @@ constexpr constants_desc<T> strided_constants(T* p, int count, int s0) noexcept 
     return {p, count, s0};
 }
 
+// Arrays given by one pointer per object (the layout description, the _L exports): object k at
+// table[k] + roi_shift bytes, its rows s1 and its elements s2 bytes apart. A table of plain
+// element pointers serves sources as it is.
+template <class T>
+constexpr matrix_desc<T, true, true> matrix_table(T* const* table, int count, int rows, int cols, int s1, int s2,
+                                                  int roi_shift = 0) noexcept {
+    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
+    return {const_cast<T**>(table), count, rows, cols, roi_shift, s1, s2};
+}
+template <class T>
+constexpr vector_desc<T, true, true> vector_table(T* const* table, int count, int len, int s2, int roi_shift = 0) noexcept {
+    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
+    return {const_cast<T**>(table), count, len, roi_shift, s2};
+}
+template <class T>
+constexpr constants_desc<T, true> constant_table(T* const* table, int count, int roi_shift = 0) noexcept {
+    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
+    return {const_cast<T**>(table), count, roi_shift};
+}
+
+namespace detail {
+// The member of the record each pointer of a container points to: the container's own array of
+// record pointers is the table, read by the library as element pointers (a record pointer and an
+// element pointer have one representation on every platform the library builds for), and the
+// member's offset in the record is the ROI shift.
+template <class X, class M, class S>
+constexpr auto field_of_pointers(X& records, M S::*member) {
+    using Ct = container_traits<X>;
+    using RP = std::remove_cv_t<typename Ct::object>;  // S* or const S*
+    using Rec = std::remove_pointer_t<RP>;
+    static_assert(std::is_same_v<std::remove_cv_t<Rec>, S>, "omkm::field: the member is not a member of the records");
+    using Mem = std::conditional_t<std::is_const_v<Rec>, const M, M>;
+    using O = object_traits<Mem>;
+    const int n = Ct::size(records);
+    RP* base = const_cast<RP*>(Ct::data(records));
+    int roi = 0;
+    if (n != 0 && base[0] != nullptr) {
+        const void* at = [&]() -> const void* {
+            if constexpr (O::kind == shape::constant) return &(base[0]->*member); else return O::first(base[0]->*member);
+        }();
+        roi = static_cast<int>(static_cast<const char*>(at) - reinterpret_cast<const char*>(base[0]));
+    }
+    if constexpr (O::kind == shape::matrix) {
+        using E = typename O::elem;
+        return matrix_desc<E, true, true>{reinterpret_cast<E**>(base), n, O::rows, O::cols, roi, O::row_bytes,
+                                          static_cast<int>(sizeof(E))};
+    } else if constexpr (O::kind == shape::vector) {
+        using E = typename O::elem;
+        return vector_desc<E, true, true>{reinterpret_cast<E**>(base), n, O::len, roi, static_cast<int>(sizeof(E))};
+    } else if constexpr (O::kind == shape::constant) {
+        return constants_desc<Mem, true>{reinterpret_cast<Mem**>(base), n, roi};
+    } else {
+        static_assert(always_false<M>, "omkm::field: the member is not a matrix, vector or scalar of float or double");
+    }
+}
+}  // namespace detail
+
 // The member of every record of a container (std::vector, std::array, span, C array): an array of
-// matrices, vectors or constants after the member's type, one record apart.
+// matrices, vectors or constants after the member's type, one record apart. A container of
+// pointers to records gives the same array through the layout description (_L exports), one
+// pointer per record.
 template <class X, class M, class S>
 constexpr auto field(X&& records, M S::*member) {
     using B = std::remove_reference_t<X>;
     using Ct = detail::container_traits<B>;
     static_assert(Ct::is, "omkm::field: the first argument is not a container of records");
     using Rec = typename Ct::object;
-    static_assert(std::is_same_v<std::remove_cv_t<Rec>, S>, "omkm::field: the member is not a member of the records");
-    using Mem = std::conditional_t<std::is_const_v<Rec>, const M, M>;
-    using O = detail::object_traits<Mem>;
-    const int n = Ct::size(records);
-    Rec* base = Ct::data(records);
-    constexpr int rec = static_cast<int>(sizeof(Rec));
-    if constexpr (O::kind == detail::shape::matrix) {
-        using E = typename O::elem;
-        return matrix_desc<E, true>{n != 0 ? O::first(base->*member) : nullptr, n, O::rows, O::cols, rec, O::row_bytes,
-                                    static_cast<int>(sizeof(E))};
-    } else if constexpr (O::kind == detail::shape::vector) {
-        using E = typename O::elem;
-        return vector_desc<E, true>{n != 0 ? O::first(base->*member) : nullptr, n, O::len, rec,
-                                    static_cast<int>(sizeof(E))};
-    } else if constexpr (O::kind == detail::shape::constant) {
-        return constants_desc<Mem>{n != 0 ? &(base->*member) : nullptr, n, rec};
+    if constexpr (std::is_pointer_v<std::remove_cv_t<Rec>>) {
+        return detail::field_of_pointers(records, member);
     } else {
-        static_assert(detail::always_false<M>,
-                      "omkm::field: the member is not a matrix, vector or scalar of float or double; "
-                      "a flat member read as a matrix takes omkm::field<R, C>");
+        static_assert(std::is_same_v<std::remove_cv_t<Rec>, S>, "omkm::field: the member is not a member of the records");
+        using Mem = std::conditional_t<std::is_const_v<Rec>, const M, M>;
+        using O = detail::object_traits<Mem>;
+        const int n = Ct::size(records);
+        Rec* base = Ct::data(records);
+        constexpr int rec = static_cast<int>(sizeof(Rec));
+        if constexpr (O::kind == detail::shape::matrix) {
+            using E = typename O::elem;
+            return matrix_desc<E, true>{n != 0 ? O::first(base->*member) : nullptr, n, O::rows, O::cols, rec,
+                                        O::row_bytes, static_cast<int>(sizeof(E))};
+        } else if constexpr (O::kind == detail::shape::vector) {
+            using E = typename O::elem;
+            return vector_desc<E, true>{n != 0 ? O::first(base->*member) : nullptr, n, O::len, rec,
+                                        static_cast<int>(sizeof(E))};
+        } else if constexpr (O::kind == detail::shape::constant) {
+            return constants_desc<Mem>{n != 0 ? &(base->*member) : nullptr, n, rec};
+        } else {
+            static_assert(detail::always_false<M>,
+                          "omkm::field: the member is not a matrix, vector or scalar of float or double; "
+                          "a flat member read as a matrix takes omkm::field<R, C>");
+        }
     }
 }
+
 // A member of R*C contiguous scalars (std::array<T, R*C>, T[R*C]) of every record, read as R x C.
 template <int R, int C, class X, class M, class S>
 constexpr auto field(X&& records, M S::*member) {
     static_assert(detail::object_traits<M>::kind == detail::shape::vector && detail::object_traits<M>::len == R * C,
                   "omkm::field<R, C>: the member is not R*C contiguous scalars");
     const auto v = field(std::forward<X>(records), member);
-    using E = std::remove_pointer_t<decltype(v.p)>;
-    return matrix_desc<E, true>{v.p, v.count, R, C, v.s0, static_cast<int>(C * sizeof(E)), v.s2};
+    using P = decltype(v.p);  // T* for records, T** for pointers to records (a table)
+    constexpr bool table = std::is_pointer_v<std::remove_pointer_t<P>>;
+    using E = std::remove_pointer_t<std::conditional_t<table, std::remove_pointer_t<P>, P>>;
+    return matrix_desc<E, true, table>{v.p, v.count, R, C, v.s0, static_cast<int>(C * sizeof(E)), v.s2};
 }
 
 // ---------------------------------------------------------------- kinds and the export table
@@ -441,26 +521,31 @@ enum kind : int { k_none = 0, k_m = 1, k_t = 2, k_v = 3, k_c = 4, k_arr = 8 };
 template <class D>
 struct kind_of {
     static constexpr int value = std::is_arithmetic_v<D> ? k_c : -1;  // a value is one constant
+    static constexpr bool table = false;
     using elem = void;  // a constant takes the element type of the other operands
 };
-template <class T, bool A>
-struct kind_of<matrix_desc<T, A>> {
+template <class T, bool A, bool L>
+struct kind_of<matrix_desc<T, A, L>> {
     static constexpr int value = k_m | (A ? k_arr : 0);
+    static constexpr bool table = L;
     using elem = std::remove_const_t<T>;
 };
-template <class T, bool A>
-struct kind_of<transposed_desc<matrix_desc<T, A>>> {
+template <class T, bool A, bool L>
+struct kind_of<transposed_desc<matrix_desc<T, A, L>>> {
     static constexpr int value = k_t | (A ? k_arr : 0);
+    static constexpr bool table = L;
     using elem = std::remove_const_t<T>;
 };
-template <class T, bool A>
-struct kind_of<vector_desc<T, A>> {
+template <class T, bool A, bool L>
+struct kind_of<vector_desc<T, A, L>> {
     static constexpr int value = k_v | (A ? k_arr : 0);
+    static constexpr bool table = L;
     using elem = std::remove_const_t<T>;
 };
-template <class T>
-struct kind_of<constants_desc<T>> {
+template <class T, bool L>
+struct kind_of<constants_desc<T, L>> {
     static constexpr int value = k_c | k_arr;
+    static constexpr bool table = L;
     using elem = std::remove_const_t<T>;
 };
 
@@ -468,8 +553,9 @@ constexpr int key(int a, int b = 0) { return a * 16 + b; }
 
 enum class fam { add, sub, mul, dot, cross, l2norm, frobnorm, det, invert };
 
-// route<F, K>: the export of family F for operand kinds K; absent combinations have exists = false.
-template <fam F, int K>
+// route<F, K, L>: the export of family F for operand kinds K, in the layout description (_L) when
+// L; absent combinations have exists = false.
+template <fam F, int K, bool L = false>
 struct route {
     static constexpr bool exists = false;
     // Never reached: every use of an absent route stops at a static_assert; this only keeps the
@@ -478,16 +564,20 @@ struct route {
     static OmkStatus call(A...) { return omkStsOk; }
 };
 
-#define OMKM_HPP_ROUTE(F, K, CNAME)                                                                  \
+#define OMKM_HPP_ROUTE(F, K, CNAME) OMKM_HPP_ROUTE_AS(F, K, false, CNAME, _32f, _64f)
+#define OMKM_HPP_ROUTES(F, K, CNAME)                      \
+    OMKM_HPP_ROUTE_AS(F, K, false, CNAME, _32f, _64f)     \
+    OMKM_HPP_ROUTE_AS(F, K, true, CNAME, _32f_L, _64f_L)
+#define OMKM_HPP_ROUTE_AS(F, K, L, CNAME, S32, S64)                                                  \
     template <>                                                                                      \
-    struct route<fam::F, K> {                                                                        \
+    struct route<fam::F, K, L> {                                                                     \
         static constexpr bool exists = true;                                                         \
         template <class T, class... A>                                                               \
         static OMKM_HPP_INLINE OmkStatus call(A... a) {                                              \
             if constexpr (std::is_same_v<T, float>)                                                  \
-                return OMKM_HPP_INVOKE("omkm" #CNAME "_32f", ::omkm##CNAME##_32f, a...);             \
+                return OMKM_HPP_INVOKE("omkm" #CNAME #S32, ::omkm##CNAME##S32, a...);                \
             else                                                                                     \
-                return OMKM_HPP_INVOKE("omkm" #CNAME "_64f", ::omkm##CNAME##_64f, a...);             \
+                return OMKM_HPP_INVOKE("omkm" #CNAME #S64, ::omkm##CNAME##S64, a...);                \
         }                                                                                            \
     };
 
@@ -497,97 +587,122 @@ constexpr int m = k_m, t = k_t, v = k_v, c = k_c, ma = k_m | k_arr, ta = k_t | k
 OMKM_HPP_ROUTE(add, key(m, m), Add_mm)
 OMKM_HPP_ROUTE(add, key(t, m), Add_tm)
 OMKM_HPP_ROUTE(add, key(t, t), Add_tt)
-OMKM_HPP_ROUTE(add, key(ma, m), Add_mam)
-OMKM_HPP_ROUTE(add, key(ta, m), Add_tam)
-OMKM_HPP_ROUTE(add, key(ma, t), Add_mat)
-OMKM_HPP_ROUTE(add, key(ta, t), Add_tat)
-OMKM_HPP_ROUTE(add, key(ma, ma), Add_mama)
-OMKM_HPP_ROUTE(add, key(ta, ma), Add_tama)
-OMKM_HPP_ROUTE(add, key(ta, ta), Add_tata)
+OMKM_HPP_ROUTES(add, key(ma, m), Add_mam)
+OMKM_HPP_ROUTES(add, key(ta, m), Add_tam)
+OMKM_HPP_ROUTES(add, key(ma, t), Add_mat)
+OMKM_HPP_ROUTES(add, key(ta, t), Add_tat)
+OMKM_HPP_ROUTES(add, key(ma, ma), Add_mama)
+OMKM_HPP_ROUTES(add, key(ta, ma), Add_tama)
+OMKM_HPP_ROUTES(add, key(ta, ta), Add_tata)
 OMKM_HPP_ROUTE(add, key(v, v), Add_vv)
 OMKM_HPP_ROUTE(add, key(v, c), Add_vc)
-OMKM_HPP_ROUTE(add, key(va, v), Add_vav)
-OMKM_HPP_ROUTE(add, key(va, va), Add_vava)
-OMKM_HPP_ROUTE(add, key(va, c), Add_vac)
-OMKM_HPP_ROUTE(add, key(v, ca), Add_vca)
-OMKM_HPP_ROUTE(add, key(va, ca), Add_vaca)
+OMKM_HPP_ROUTES(add, key(va, v), Add_vav)
+OMKM_HPP_ROUTES(add, key(va, va), Add_vava)
+OMKM_HPP_ROUTES(add, key(va, c), Add_vac)
+OMKM_HPP_ROUTES(add, key(v, ca), Add_vca)
+OMKM_HPP_ROUTES(add, key(va, ca), Add_vaca)
 
 OMKM_HPP_ROUTE(sub, key(m, m), Sub_mm)
 OMKM_HPP_ROUTE(sub, key(t, m), Sub_tm)
 OMKM_HPP_ROUTE(sub, key(m, t), Sub_mt)
 OMKM_HPP_ROUTE(sub, key(t, t), Sub_tt)
-OMKM_HPP_ROUTE(sub, key(ma, m), Sub_mam)
-OMKM_HPP_ROUTE(sub, key(ta, m), Sub_tam)
-OMKM_HPP_ROUTE(sub, key(ma, t), Sub_mat)
-OMKM_HPP_ROUTE(sub, key(ta, t), Sub_tat)
-OMKM_HPP_ROUTE(sub, key(m, ma), Sub_mma)
-OMKM_HPP_ROUTE(sub, key(t, ma), Sub_tma)
-OMKM_HPP_ROUTE(sub, key(m, ta), Sub_mta)
-OMKM_HPP_ROUTE(sub, key(t, ta), Sub_tta)
-OMKM_HPP_ROUTE(sub, key(ma, ma), Sub_mama)
-OMKM_HPP_ROUTE(sub, key(ta, ma), Sub_tama)
-OMKM_HPP_ROUTE(sub, key(ta, ta), Sub_tata)
-OMKM_HPP_ROUTE(sub, key(ma, ta), Sub_mata)
+OMKM_HPP_ROUTES(sub, key(ma, m), Sub_mam)
+OMKM_HPP_ROUTES(sub, key(ta, m), Sub_tam)
+OMKM_HPP_ROUTES(sub, key(ma, t), Sub_mat)
+OMKM_HPP_ROUTES(sub, key(ta, t), Sub_tat)
+OMKM_HPP_ROUTES(sub, key(m, ma), Sub_mma)
+OMKM_HPP_ROUTES(sub, key(t, ma), Sub_tma)
+OMKM_HPP_ROUTES(sub, key(m, ta), Sub_mta)
+OMKM_HPP_ROUTES(sub, key(t, ta), Sub_tta)
+OMKM_HPP_ROUTES(sub, key(ma, ma), Sub_mama)
+OMKM_HPP_ROUTES(sub, key(ta, ma), Sub_tama)
+OMKM_HPP_ROUTES(sub, key(ta, ta), Sub_tata)
+OMKM_HPP_ROUTES(sub, key(ma, ta), Sub_mata)
 OMKM_HPP_ROUTE(sub, key(v, v), Sub_vv)
 OMKM_HPP_ROUTE(sub, key(v, c), Sub_vc)
 OMKM_HPP_ROUTE(sub, key(c, v), Sub_cv)
-OMKM_HPP_ROUTE(sub, key(va, v), Sub_vav)
-OMKM_HPP_ROUTE(sub, key(v, va), Sub_vva)
-OMKM_HPP_ROUTE(sub, key(va, va), Sub_vava)
-OMKM_HPP_ROUTE(sub, key(va, c), Sub_vac)
-OMKM_HPP_ROUTE(sub, key(c, va), Sub_cva)
-OMKM_HPP_ROUTE(sub, key(v, ca), Sub_vca)
-OMKM_HPP_ROUTE(sub, key(ca, v), Sub_cav)
-OMKM_HPP_ROUTE(sub, key(va, ca), Sub_vaca)
-OMKM_HPP_ROUTE(sub, key(ca, va), Sub_cava)
+OMKM_HPP_ROUTES(sub, key(va, v), Sub_vav)
+OMKM_HPP_ROUTES(sub, key(v, va), Sub_vva)
+OMKM_HPP_ROUTES(sub, key(va, va), Sub_vava)
+OMKM_HPP_ROUTES(sub, key(va, c), Sub_vac)
+OMKM_HPP_ROUTES(sub, key(c, va), Sub_cva)
+OMKM_HPP_ROUTES(sub, key(v, ca), Sub_vca)
+OMKM_HPP_ROUTES(sub, key(ca, v), Sub_cav)
+OMKM_HPP_ROUTES(sub, key(va, ca), Sub_vaca)
+OMKM_HPP_ROUTES(sub, key(ca, va), Sub_cava)
 
 OMKM_HPP_ROUTE(mul, key(m, m), Mul_mm)
 OMKM_HPP_ROUTE(mul, key(m, t), Mul_mt)
 OMKM_HPP_ROUTE(mul, key(t, m), Mul_tm)
 OMKM_HPP_ROUTE(mul, key(t, t), Mul_tt)
-OMKM_HPP_ROUTE(mul, key(m, ma), Mul_mma)
-OMKM_HPP_ROUTE(mul, key(m, ta), Mul_mta)
-OMKM_HPP_ROUTE(mul, key(t, ma), Mul_tma)
-OMKM_HPP_ROUTE(mul, key(t, ta), Mul_tta)
-OMKM_HPP_ROUTE(mul, key(ma, m), Mul_mam)
-OMKM_HPP_ROUTE(mul, key(ma, t), Mul_mat)
-OMKM_HPP_ROUTE(mul, key(ta, m), Mul_tam)
-OMKM_HPP_ROUTE(mul, key(ta, t), Mul_tat)
-OMKM_HPP_ROUTE(mul, key(ma, ma), Mul_mama)
-OMKM_HPP_ROUTE(mul, key(ma, ta), Mul_mata)
-OMKM_HPP_ROUTE(mul, key(ta, ma), Mul_tama)
-OMKM_HPP_ROUTE(mul, key(ta, ta), Mul_tata)
+OMKM_HPP_ROUTES(mul, key(m, ma), Mul_mma)
+OMKM_HPP_ROUTES(mul, key(m, ta), Mul_mta)
+OMKM_HPP_ROUTES(mul, key(t, ma), Mul_tma)
+OMKM_HPP_ROUTES(mul, key(t, ta), Mul_tta)
+OMKM_HPP_ROUTES(mul, key(ma, m), Mul_mam)
+OMKM_HPP_ROUTES(mul, key(ma, t), Mul_mat)
+OMKM_HPP_ROUTES(mul, key(ta, m), Mul_tam)
+OMKM_HPP_ROUTES(mul, key(ta, t), Mul_tat)
+OMKM_HPP_ROUTES(mul, key(ma, ma), Mul_mama)
+OMKM_HPP_ROUTES(mul, key(ma, ta), Mul_mata)
+OMKM_HPP_ROUTES(mul, key(ta, ma), Mul_tama)
+OMKM_HPP_ROUTES(mul, key(ta, ta), Mul_tata)
 OMKM_HPP_ROUTE(mul, key(m, v), Mul_mv)
 OMKM_HPP_ROUTE(mul, key(t, v), Mul_tv)
-OMKM_HPP_ROUTE(mul, key(m, va), Mul_mva)
-OMKM_HPP_ROUTE(mul, key(t, va), Mul_tva)
-OMKM_HPP_ROUTE(mul, key(ma, v), Mul_mav)
-OMKM_HPP_ROUTE(mul, key(ta, v), Mul_tav)
-OMKM_HPP_ROUTE(mul, key(ma, va), Mul_mava)
-OMKM_HPP_ROUTE(mul, key(ta, va), Mul_tava)
+OMKM_HPP_ROUTES(mul, key(m, va), Mul_mva)
+OMKM_HPP_ROUTES(mul, key(t, va), Mul_tva)
+OMKM_HPP_ROUTES(mul, key(ma, v), Mul_mav)
+OMKM_HPP_ROUTES(mul, key(ta, v), Mul_tav)
+OMKM_HPP_ROUTES(mul, key(ma, va), Mul_mava)
+OMKM_HPP_ROUTES(mul, key(ta, va), Mul_tava)
 
 OMKM_HPP_ROUTE(dot, key(v, v), DotProduct_vv)
-OMKM_HPP_ROUTE(dot, key(va, v), DotProduct_vav)
-OMKM_HPP_ROUTE(dot, key(va, va), DotProduct_vava)
+OMKM_HPP_ROUTES(dot, key(va, v), DotProduct_vav)
+OMKM_HPP_ROUTES(dot, key(va, va), DotProduct_vava)
 OMKM_HPP_ROUTE(cross, key(v, v), CrossProduct_vv)
-OMKM_HPP_ROUTE(cross, key(va, v), CrossProduct_vav)
-OMKM_HPP_ROUTE(cross, key(v, va), CrossProduct_vva)
-OMKM_HPP_ROUTE(cross, key(va, va), CrossProduct_vava)
+OMKM_HPP_ROUTES(cross, key(va, v), CrossProduct_vav)
+OMKM_HPP_ROUTES(cross, key(v, va), CrossProduct_vva)
+OMKM_HPP_ROUTES(cross, key(va, va), CrossProduct_vava)
 OMKM_HPP_ROUTE(l2norm, key(v), L2Norm_v)
-OMKM_HPP_ROUTE(l2norm, key(va), L2Norm_va)
+OMKM_HPP_ROUTES(l2norm, key(va), L2Norm_va)
 OMKM_HPP_ROUTE(frobnorm, key(m), FrobNorm_m)
-OMKM_HPP_ROUTE(frobnorm, key(ma), FrobNorm_ma)
+OMKM_HPP_ROUTES(frobnorm, key(ma), FrobNorm_ma)
 OMKM_HPP_ROUTE(det, key(m), Det_m)
-OMKM_HPP_ROUTE(det, key(ma), Det_ma)
+OMKM_HPP_ROUTES(det, key(ma), Det_ma)
 OMKM_HPP_ROUTE(invert, key(m), Invert_m)
-OMKM_HPP_ROUTE(invert, key(ma), Invert_ma)
+OMKM_HPP_ROUTES(invert, key(ma), Invert_ma)
 
 #undef OMKM_HPP_ROUTE
+#undef OMKM_HPP_ROUTES
+#undef OMKM_HPP_ROUTE_AS
 
 // ---- pieces of the argument lists
 
 template <class D>
 constexpr bool is_array_v = (kind_of<D>::value & k_arr) != 0;
+template <class D>
+constexpr bool is_table_v = kind_of<D>::table;
+
+// Whether the call takes the layout (_L) export: any operand given by a pointer table. Those
+// exports take every array operand by a table, so either all arrays of a call are tables or none.
+template <class... D>
+constexpr bool layout_call() { return (is_table_v<D> || ...); }
+template <class... D>
+constexpr bool tables_agree() {
+    constexpr bool any = layout_call<D...>();
+    return ((!is_array_v<D> || is_table_v<D> == any) && ...);
+}
+#define OMKM_HPP_TABLES_AGREE(...)                                                                   \
+    static_assert(tables_agree<__VA_ARGS__>(),                                                     \
+                  "omkm: the layout (_L) exports take every array operand by a pointer table; give all arrays of "  \
+                  "the call as tables, or none")
+
+// Source pointers as the C API takes them: const elements, and a table of plain element pointers
+// as `const T**` (the library reads the table and never writes through it).
+template <class T>
+constexpr const T* src(T* p) noexcept { return p; }
+template <class T>
+constexpr const T** src(T** p) noexcept { return const_cast<const T**>(p); }
 
 // The matrix description under a transposition, and whether there is one.
 template <class D>
@@ -685,7 +800,8 @@ template <class A, class B, class Dst>
     constexpr bool any_array = is_array_v<DA> || is_array_v<DB>;
     static_assert(is_array_v<DD> == any_array,
                   "omkm::mul: the destination is an array exactly when a source is an array");
-    using R = route<fam::mul, key(ka, kb)>;
+    OMKM_HPP_TABLES_AGREE(DA, DB, DD);
+    using R = route<fam::mul, key(ka, kb), layout_call<DA, DB, DD>()>;
     static_assert(R::exists, "omkm::mul: no Mul export for these operand kinds");
     const int n = common_count(da, db, dd);
     if (n == -2) return status::size_mismatch;
@@ -695,31 +811,31 @@ template <class A, class B, class Dst>
         static_assert((kd & 7) == k_v, "omkm::mul: a matrix times a vector gives a vector");
         if (sd.len != used_rows(da)) return status::size_mismatch;
         if constexpr (!is_array_v<DA> && !is_array_v<DB>)
-            return status(R::template call<E>(sa.p, sa.s1, sa.s2, sa.cols, sa.rows, db.p, db.s2, db.len, sd.p, sd.s2));
+            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s2, db.len, sd.p, sd.s2));
         else if constexpr (is_array_v<DA> && !is_array_v<DB>)
-            return status(R::template call<E>(sa.p, sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, db.p, db.s2, db.len, sd.p,
+            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s2, db.len, sd.p,
                                               sd.s0, sd.s2, n));
         else if constexpr (!is_array_v<DA> && is_array_v<DB>)
-            return status(R::template call<E>(sa.p, sa.s1, sa.s2, sa.cols, sa.rows, db.p, db.s0, db.s2, db.len, sd.p,
+            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s0, db.s2, db.len, sd.p,
                                               sd.s0, sd.s2, n));
         else
-            return status(R::template call<E>(sa.p, sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, db.p, db.s0, db.s2, db.len,
+            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s0, db.s2, db.len,
                                               sd.p, sd.s0, sd.s2, n));
     } else {
         static_assert((kd & 7) == k_m, "omkm::mul: a matrix times a matrix gives a matrix");
         const auto& sb = stored(db);
         if (sd.rows != used_rows(da) || sd.cols != used_cols(db)) return status::size_mismatch;
         if constexpr (!is_array_v<DA> && !is_array_v<DB>)
-            return status(R::template call<E>(sa.p, sa.s1, sa.s2, sa.cols, sa.rows, sb.p, sb.s1, sb.s2, sb.cols,
+            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s1, sb.s2, sb.cols,
                                               sb.rows, sd.p, sd.s1, sd.s2));
         else if constexpr (is_array_v<DA> && !is_array_v<DB>)
-            return status(R::template call<E>(sa.p, sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, sb.p, sb.s1, sb.s2, sb.cols,
+            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s1, sb.s2, sb.cols,
                                               sb.rows, sd.p, sd.s0, sd.s1, sd.s2, n));
         else if constexpr (!is_array_v<DA> && is_array_v<DB>)
-            return status(R::template call<E>(sa.p, sa.s1, sa.s2, sa.cols, sa.rows, sb.p, sb.s0, sb.s1, sb.s2, sb.cols,
+            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s0, sb.s1, sb.s2, sb.cols,
                                               sb.rows, sd.p, sd.s0, sd.s1, sd.s2, n));
         else
-            return status(R::template call<E>(sa.p, sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, sb.p, sb.s0, sb.s1, sb.s2,
+            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s0, sb.s1, sb.s2,
                                               sb.cols, sb.rows, sd.p, sd.s0, sd.s1, sd.s2, n));
     }
 }
@@ -744,7 +860,8 @@ OMKM_HPP_INLINE status add_sub(A&& a, B&& b, Dst&& dst) {
                                  typename kind_of<DA>::elem>;
     static_assert(same_elem<E, DA, DB, DD>(), "omkm::add/sub: the operands must share one element type (float or double)");
     require_writable<DD>();
-    using R = route<F, key(ka, kb)>;
+    OMKM_HPP_TABLES_AGREE(DA, DB, DD);
+    using R = route<F, key(ka, kb), layout_call<DA, DB, DD>()>;
     if constexpr (F == fam::add) {
         static_assert(R::exists || key(ka, kb) != key(m, t), "omkm::add: no Add export for a matrix plus a transposed matrix; "
                                                               "swap the operands (Add_tm): the sum is the same");
@@ -769,27 +886,27 @@ OMKM_HPP_INLINE status add_sub(A&& a, B&& b, Dst&& dst) {
         if (used_rows(da) != h || used_cols(da) != w || used_rows(db) != h || used_cols(db) != w)
             return status::size_mismatch;
         if constexpr (!any_array)
-            return status(R::template call<E>(sa.p, sa.s1, sa.s2, sb.p, sb.s1, sb.s2, dd.p, dd.s1, dd.s2, w, h));
+            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, src(sb.p), sb.s1, sb.s2, dd.p, dd.s1, dd.s2, w, h));
         else if constexpr (is_array_v<DA> && !is_array_v<DB>)
-            return status(R::template call<E>(sa.p, sa.s0, sa.s1, sa.s2, sb.p, sb.s1, sb.s2, dd.p, dd.s0, dd.s1, dd.s2, w,
+            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, src(sb.p), sb.s1, sb.s2, dd.p, dd.s0, dd.s1, dd.s2, w,
                                               h, n));
         else if constexpr (!is_array_v<DA> && is_array_v<DB>)
-            return status(R::template call<E>(sa.p, sa.s1, sa.s2, sb.p, sb.s0, sb.s1, sb.s2, dd.p, dd.s0, dd.s1, dd.s2, w,
+            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, src(sb.p), sb.s0, sb.s1, sb.s2, dd.p, dd.s0, dd.s1, dd.s2, w,
                                               h, n));
         else
-            return status(R::template call<E>(sa.p, sa.s0, sa.s1, sa.s2, sb.p, sb.s0, sb.s1, sb.s2, dd.p, dd.s0, dd.s1,
+            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, src(sb.p), sb.s0, sb.s1, sb.s2, dd.p, dd.s0, dd.s1,
                                               dd.s2, w, h, n));
     } else if constexpr ((ka & 7) == k_v && (kb & 7) == k_v) {
         const int len = dd.len;
         if (da.len != len || db.len != len) return status::size_mismatch;
         if constexpr (!any_array)
-            return status(R::template call<E>(da.p, da.s2, db.p, db.s2, dd.p, dd.s2, len));
+            return status(R::template call<E>(src(da.p), da.s2, src(db.p), db.s2, dd.p, dd.s2, len));
         else if constexpr (is_array_v<DA> && !is_array_v<DB>)
-            return status(R::template call<E>(da.p, da.s0, da.s2, db.p, db.s2, dd.p, dd.s0, dd.s2, len, n));
+            return status(R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s2, dd.p, dd.s0, dd.s2, len, n));
         else if constexpr (!is_array_v<DA> && is_array_v<DB>)
-            return status(R::template call<E>(da.p, da.s2, db.p, db.s0, db.s2, dd.p, dd.s0, dd.s2, len, n));
+            return status(R::template call<E>(src(da.p), da.s2, src(db.p), db.s0, db.s2, dd.p, dd.s0, dd.s2, len, n));
         else
-            return status(R::template call<E>(da.p, da.s0, da.s2, db.p, db.s0, db.s2, dd.p, dd.s0, dd.s2, len, n));
+            return status(R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s0, db.s2, dd.p, dd.s0, dd.s2, len, n));
     } else {
         // A vector (single or array) and a constant (single or array), the vector first in the list.
         constexpr bool vec_first = (ka & 7) == k_v;
@@ -802,14 +919,14 @@ OMKM_HPP_INLINE status add_sub(A&& a, B&& b, Dst&& dst) {
         if constexpr (!is_array_v<DC>) {
             const E val = static_cast<E>(cc);
             if constexpr (!is_array_v<DV>)
-                return status(R::template call<E>(vv.p, vv.s2, val, dd.p, dd.s2, len));
+                return status(R::template call<E>(src(vv.p), vv.s2, val, dd.p, dd.s2, len));
             else
-                return status(R::template call<E>(vv.p, vv.s0, vv.s2, val, dd.p, dd.s0, dd.s2, len, n));
+                return status(R::template call<E>(src(vv.p), vv.s0, vv.s2, val, dd.p, dd.s0, dd.s2, len, n));
         } else {
             if constexpr (!is_array_v<DV>)
-                return status(R::template call<E>(vv.p, vv.s2, cc.p, cc.s0, dd.p, dd.s0, dd.s2, len, n));
+                return status(R::template call<E>(src(vv.p), vv.s2, src(cc.p), cc.s0, dd.p, dd.s0, dd.s2, len, n));
             else
-                return status(R::template call<E>(vv.p, vv.s0, vv.s2, cc.p, cc.s0, dd.p, dd.s0, dd.s2, len, n));
+                return status(R::template call<E>(src(vv.p), vv.s0, vv.s2, src(cc.p), cc.s0, dd.p, dd.s0, dd.s2, len, n));
         }
     }
 }
@@ -862,8 +979,8 @@ private:
 
 template <class R, class E, class DA>
 OMKM_HPP_INLINE status det_call(const DA& da, E* b, E* out) {
-    if constexpr (!is_array_v<DA>) return status(R::template call<E>(da.p, da.s1, da.s2, da.rows, b, out));
-    else return status(R::template call<E>(da.p, da.s0, da.s1, da.s2, da.rows, b, out, da.count));
+    if constexpr (!is_array_v<DA>) return status(R::template call<E>(src(da.p), da.s1, da.s2, da.rows, b, out));
+    else return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, da.rows, b, out, da.count));
 }
 
 template <fam F, class A, class Out, class Buf>
@@ -881,15 +998,15 @@ OMKM_HPP_INLINE status scalar_of_object(A&& a, Out& out, Buf buffer) {
     }
     if constexpr (F == fam::l2norm || F == fam::frobnorm) {
         if constexpr ((ka & 7) == k_v) {
-            using R = route<fam::l2norm, key(ka)>;
-            if constexpr (!is_array_v<DA>) return status(R::template call<E>(da.p, da.s2, o.p, da.len));
-            else return status(R::template call<E>(da.p, da.s0, da.s2, o.p, da.len, da.count));
+            using R = route<fam::l2norm, key(ka), is_table_v<DA>>;
+            if constexpr (!is_array_v<DA>) return status(R::template call<E>(src(da.p), da.s2, o.p, da.len));
+            else return status(R::template call<E>(src(da.p), da.s0, da.s2, o.p, da.len, da.count));
         } else {
             static_assert((ka & 7) == k_m, "omkm::norm: no FrobNorm export reads a transposed matrix; the norm of the "
                                            "stored matrix is the same value (the rounding order follows the stored rows)");
-            using R = route<fam::frobnorm, key(ka)>;
-            if constexpr (!is_array_v<DA>) return status(R::template call<E>(da.p, da.s1, da.s2, da.cols, da.rows, o.p));
-            else return status(R::template call<E>(da.p, da.s0, da.s1, da.s2, da.cols, da.rows, o.p, da.count));
+            using R = route<fam::frobnorm, key(ka), is_table_v<DA>>;
+            if constexpr (!is_array_v<DA>) return status(R::template call<E>(src(da.p), da.s1, da.s2, da.cols, da.rows, o.p));
+            else return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, da.cols, da.rows, o.p, da.count));
         }
     } else if constexpr ((ka & 7) != k_m) {
         static_assert(always_false<A>, "omkm::det: the operand is a matrix or an array of matrices, read as stored "
@@ -897,7 +1014,7 @@ OMKM_HPP_INLINE status scalar_of_object(A&& a, Out& out, Buf buffer) {
                                        "the same value)");
         return status::ok;  // not compiled: the assertion above stops the build
     } else {
-        using R = route<fam::det, key(ka)>;
+        using R = route<fam::det, key(ka), is_table_v<DA>>;
         if (da.rows != da.cols) return status::size_mismatch;
         if constexpr (std::is_null_pointer_v<Buf>) {
             scratch<E> s(da.rows);
@@ -951,9 +1068,9 @@ namespace detail {
 template <class R, class E, class DA, class DD>
 OMKM_HPP_INLINE status invert_call(const DA& da, const DD& dd, E* b, int n) {
     if constexpr (!is_array_v<DA>)
-        return status(R::template call<E>(da.p, da.s1, da.s2, b, dd.p, dd.s1, dd.s2, da.rows));
+        return status(R::template call<E>(src(da.p), da.s1, da.s2, b, dd.p, dd.s1, dd.s2, da.rows));
     else
-        return status(R::template call<E>(da.p, da.s0, da.s1, da.s2, b, dd.p, dd.s0, dd.s1, dd.s2, da.rows, n));
+        return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, b, dd.p, dd.s0, dd.s1, dd.s2, da.rows, n));
 }
 
 template <class A, class Dst, class Buf>
@@ -969,7 +1086,8 @@ OMKM_HPP_INLINE status invert_impl(A&& a, Dst&& dst, Buf buffer) {
     static_assert(same_elem<E, DD>(), "omkm::invert: the operands must share one element type (float or double)");
     require_writable<DD>();
     static_assert(is_array_v<DD> == is_array_v<DA>, "omkm::invert: the destination is an array exactly when the source is");
-    using R = route<fam::invert, key(ka)>;
+    OMKM_HPP_TABLES_AGREE(DA, DD);
+    using R = route<fam::invert, key(ka), layout_call<DA, DD>()>;
     const int n = common_count(da, dd);
     if (n == -2) return status::size_mismatch;
     if (da.rows != da.cols || dd.rows != da.rows || dd.cols != da.cols) return status::size_mismatch;
@@ -1005,7 +1123,8 @@ template <class A, class B, class Out>
     using E = typename kind_of<DA>::elem;
     static_assert((ka & 7) == k_v && (kb & 7) == k_v, "omkm::dot: both operands are vectors, single or arrays");
     static_assert(same_elem<E, DB>(), "omkm::dot: the operands must share one element type (float or double)");
-    using R = route<fam::dot, key(ka, kb)>;
+    OMKM_HPP_TABLES_AGREE(DA, DB);
+    using R = route<fam::dot, key(ka, kb), layout_call<DA, DB>()>;
     static_assert(R::exists || key(ka, kb) != key(v, va),
                   "omkm::dot: no DotProduct export takes one vector and an array (vva); pass the array first (vav); "
                   "the last bit may differ, since the summation follows the second operand's alignment");
@@ -1020,11 +1139,11 @@ template <class A, class B, class Out>
     }
     if (da.len != db.len) return status::size_mismatch;
     if constexpr (!is_array_v<DA>)
-        return status(R::template call<E>(da.p, da.s2, db.p, db.s2, o.p, da.len));
+        return status(R::template call<E>(src(da.p), da.s2, src(db.p), db.s2, o.p, da.len));
     else if constexpr (!is_array_v<DB>)
-        return status(R::template call<E>(da.p, da.s0, da.s2, db.p, db.s2, o.p, da.len, n));
+        return status(R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s2, o.p, da.len, n));
     else
-        return status(R::template call<E>(da.p, da.s0, da.s2, db.p, db.s0, db.s2, o.p, da.len, n));
+        return status(R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s0, db.s2, o.p, da.len, n));
 }
 
 // Cross products of 3-vectors: single, an array with one vector (either side), or pairwise.
@@ -1045,18 +1164,19 @@ template <class A, class B, class Dst>
     require_writable<DD>();
     static_assert(is_array_v<DD> == (is_array_v<DA> || is_array_v<DB>),
                   "omkm::cross: the destination is an array exactly when a source is an array");
-    using R = route<fam::cross, key(ka, kb)>;
+    OMKM_HPP_TABLES_AGREE(DA, DB, DD);
+    using R = route<fam::cross, key(ka, kb), layout_call<DA, DB, DD>()>;
     const int n = common_count(da, db, dd);
     if (n == -2) return status::size_mismatch;
     if (da.len != 3 || db.len != 3 || dd.len != 3) return status::size_mismatch;
     if constexpr (!is_array_v<DA> && !is_array_v<DB>)
-        return status(R::template call<E>(da.p, da.s2, db.p, db.s2, dd.p, dd.s2));
+        return status(R::template call<E>(src(da.p), da.s2, src(db.p), db.s2, dd.p, dd.s2));
     else if constexpr (is_array_v<DA> && !is_array_v<DB>)
-        return status(R::template call<E>(da.p, da.s0, da.s2, db.p, db.s2, dd.p, dd.s0, dd.s2, n));
+        return status(R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s2, dd.p, dd.s0, dd.s2, n));
     else if constexpr (!is_array_v<DA> && is_array_v<DB>)
-        return status(R::template call<E>(da.p, da.s2, db.p, db.s0, db.s2, dd.p, dd.s0, dd.s2, n));
+        return status(R::template call<E>(src(da.p), da.s2, src(db.p), db.s0, db.s2, dd.p, dd.s0, dd.s2, n));
     else
-        return status(R::template call<E>(da.p, da.s0, da.s2, db.p, db.s0, db.s2, dd.p, dd.s0, dd.s2, n));
+        return status(R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s0, db.s2, dd.p, dd.s0, dd.s2, n));
 }
 
 // ---------------------------------------------------------------- throwing forms
