@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -76,6 +77,10 @@ struct Data {
     std::vector<float> outs = std::vector<float>(3);
     std::vector<double> g = std::vector<double>(48), h = std::vector<double>(32);
     std::vector<std::array<double, 9>> f9 = std::vector<std::array<double, 9>>(4), f9out = f9;
+    std::vector<R*> rp;  // the records out of order, for the layout description
+    double t22[2][2][2] = {{{4, 1}, {2, 3}}, {{5, 2}, {1, 1}}}, t22out[2][2][2] = {};
+    const double* tin[2] = {&t22[1][0][0], &t22[0][0][0]};
+    double* tout[2] = {&t22out[0][0][0], &t22out[1][0][0]};
     Data() {
         float f = 0.25f;
         auto fill = [&](float* p, int n) { for (int i = 0; i < n; ++i, f += 0.375f) p[i] = std::fmod(f, 5.0f) - 2.0f; };
@@ -89,6 +94,7 @@ struct Data {
         for (int i = 0; i < 3; ++i) m33[i][i] += 6.0f;
         fill(x3, 3); fill(y3, 3); fill(x2, 2); fill(&arr23[0][0], 6); fill(flat22.data(), 4);
         for (R& x : r) fill(x.q.data(), 4);
+        rp = {&r[2], &r[0], &r[1]};
         for (std::size_t k = 0; k < f9.size(); ++k)
             for (int i = 0; i < 9; ++i) f9[k][i] = std::cos(0.7 * static_cast<double>(k * 9 + i));
         for (std::size_t i = 0; i < g.size(); ++i) g[i] = 1.0 + 0.5 * static_cast<double>((i * 7) % 11);
@@ -224,6 +230,26 @@ const std::vector<Row>& rows() {
         ROW("records through std::span", omkm::norm(field(std::span<R>(d.r).subspan(1), &R::v3), d.outs.data()),
             "omkmL2Norm_va_32f", d.r[1].v3, kRec, F4, d.outs.data(), 3, 2),
 #endif
+        // ---- the layout description (_L): one pointer per object and a ROI shift
+        ROW("records through pointers, mama", omkm::mul(field(d.rp, &R::m23), field(d.rp, &R::m34), field(d.rp, &R::m24)),
+            "omkmMul_mama_32f_L", d.rp.data(), int(offsetof(R, m23)), 12, F4, 3, 2, d.rp.data(), int(offsetof(R, m34)), 16,
+            F4, 4, 3, d.rp.data(), int(offsetof(R, m24)), 16, F4, 3),
+        ROW("tava through pointers", omkm::mul(transposed(field(d.rp, &R::m32)), field(d.rp, &R::v3), field(d.rp, &R::v2)),
+            "omkmMul_tava_32f_L", d.rp.data(), int(offsetof(R, m32)), 8, F4, 2, 3, d.rp.data(), int(offsetof(R, v3)), F4, 3,
+            d.rp.data(), int(offsetof(R, v2)), F4, 3),
+        ROW("Add vca through pointers", omkm::add(d.x3, field(d.rp, &R::k), field(d.rp, &R::w3)), "omkmAdd_vca_32f_L",
+            d.x3, F4, d.rp.data(), int(offsetof(R, k)), d.rp.data(), int(offsetof(R, w3)), F4, 3, 3),
+        ROW("flat members through pointers", omkm::add(field<2, 2>(d.rp, &R::q), omkm::mat<2, 2>(d.flat22),
+                                                      field<2, 2>(d.rp, &R::q2)),
+            "omkmAdd_mam_32f_L", d.rp.data(), int(offsetof(R, q)), 8, F4, d.flat22.data(), 8, F4, d.rp.data(),
+            int(offsetof(R, q2)), 8, F4, 2, 2, 3),
+        ROW("det of each through pointers", omkm::det(field(d.rp, &R::s33), d.outs, &d.c24[0][0]), "omkmDet_ma_32f_L",
+            d.rp.data(), int(offsetof(R, s33)), 12, F4, 3, &d.c24[0][0], d.outs.data(), 3),
+        ROW("tables of element pointers, double", omkm::invert(omkm::matrix_table(d.tin, 2, 2, 2, 16, 8),
+                                                              omkm::matrix_table(d.tout, 2, 2, 2, 8, 16, 0)),
+            "omkmInvert_ma_64f_L", d.tin, 0, 16, 8, recorded_pointer(4), d.tout, 0, 8, 16, 2, 2),
+        ROW("dot of table vectors with one", omkm::dot(omkm::vector_table(d.tin, 2, 3, 8, 8), omkm::vec<3>(d.g.data()), d.h.data()),
+            "omkmDotProduct_vav_64f_L", d.tin, 8, 8, d.g.data(), 8, d.h.data(), 3, 2),
         // ---- double, raw memory with strides: matrices stored by columns, vectors every other element
         ROW("strided double m*t", omkm::mul(omkm::strided_matrix(d.g.data(), 2, 3, 8, 16),
                                           transposed(omkm::strided_matrix(d.g.data() + 6, 4, 3, 8, 32)),
@@ -289,6 +315,22 @@ TEST(CppInterface, ResultsAreTheBitsOfTheDirectCCall) {
         EXPECT_TRUE(same_bytes(b[k].next, c[k].next)) << "body " << k;
         EXPECT_TRUE(same_bytes(b[k].world, c[k].world)) << "body " << k;
     }
+
+    // The same through pointers to the records, in another order (the layout description).
+    std::vector<Body*> pb, pc;
+    for (int k = 0; k < n; ++k) {
+        const int j = (k * 5) % n;
+        pb.push_back(&b[j]);
+        pc.push_back(&c[j]);
+        b[j].next[0][0] = c[j].next[0][0] = -1.0f;  // overwritten by both
+    }
+    ASSERT_EQ(omkm::mul(omkm::field(pb, &Body::step), transposed(omkm::field(pb, &Body::pose)), omkm::field(pb, &Body::next)),
+              status::ok);
+    ASSERT_EQ(omkmMul_mata_32f_L(const_cast<const float**>(reinterpret_cast<float**>(pc.data())), int(offsetof(Body, step)), 16, 4, 4, 4,
+                                 const_cast<const float**>(reinterpret_cast<float**>(pc.data())), int(offsetof(Body, pose)), 16, 4, 4, 4,
+                                 reinterpret_cast<float**>(pc.data()), int(offsetof(Body, next)), 16, 4, n),
+              omkStsOk);
+    for (int k = 0; k < n; ++k) EXPECT_TRUE(same_bytes(b[k].next, c[k].next)) << "body " << k;
 
     // det and invert of orders that use the scratch: 5 and 7 (elimination), 10 (allocated scratch)
     auto filled = [](int order, int count, double shift) {
