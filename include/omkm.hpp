@@ -168,7 +168,8 @@ struct transposed_desc {
 namespace detail {
 
 template <class T>
-inline constexpr bool is_elem_v = std::is_same_v<std::remove_const_t<T>, float> || std::is_same_v<std::remove_const_t<T>, double>;
+inline constexpr bool is_elem_v =
+    std::is_same_v<std::remove_const_t<T>, float> || std::is_same_v<std::remove_const_t<T>, double>;
 
 inline int to_int(std::size_t n) noexcept { return n > static_cast<std::size_t>(INT_MAX) ? -1 : static_cast<int>(n); }
 
@@ -212,7 +213,7 @@ struct object_traits<T[R][C], std::enable_if_t<is_elem_v<T>>> {
     using elem = T;
     static constexpr int rows = static_cast<int>(R), cols = static_cast<int>(C);
     static constexpr int row_bytes = static_cast<int>(sizeof(T[C]));
-    static T* first(T (&o)[R][C]) noexcept { return &o[0][0]; }
+    static T* first(T(&o)[R][C]) noexcept { return &o[0][0]; }
 };
 template <class T, std::size_t R, std::size_t C>
 struct object_traits<std::array<std::array<T, C>, R>, std::enable_if_t<is_elem_v<T>>> {
@@ -267,6 +268,33 @@ inline constexpr bool always_false = false;
 
 }  // namespace detail
 
+// Raw memory with byte strides.
+template <class T>
+constexpr matrix_desc<T, false> strided_matrix(T* p, int rows, int cols, int s1, int s2) noexcept {
+    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
+    return {p, 1, rows, cols, 0, s1, s2};
+}
+template <class T>
+constexpr matrix_desc<T, true> strided_matrices(T* p, int count, int rows, int cols, int s0, int s1, int s2) noexcept {
+    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
+    return {p, count, rows, cols, s0, s1, s2};
+}
+template <class T>
+constexpr vector_desc<T, false> strided_vector(T* p, int len, int s2) noexcept {
+    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
+    return {p, 1, len, 0, s2};
+}
+template <class T>
+constexpr vector_desc<T, true> strided_vectors(T* p, int count, int len, int s0, int s2) noexcept {
+    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
+    return {p, count, len, s0, s2};
+}
+template <class T>
+constexpr constants_desc<T> strided_constants(T* p, int count, int s0) noexcept {
+    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
+    return {p, count, s0};
+}
+
 // The description of x: itself when it is one, a single matrix or vector for a matrix- or
 // vector-shaped object, an array for a container of those, one constant for a float or double
 // value.
@@ -297,12 +325,12 @@ constexpr auto describe(X&& x) {
             return vector_desc<Obj, false>{base, 1, n, 0, static_cast<int>(sizeof(Obj))};
         } else if constexpr (O::kind == detail::shape::matrix) {
             using E = typename O::elem;
-            return matrix_desc<E, true>{n != 0 ? O::first(*base) : nullptr, n, O::rows, O::cols,
-                                        static_cast<int>(sizeof(Obj)), O::row_bytes, static_cast<int>(sizeof(E))};
+            return strided_matrices(n != 0 ? O::first(*base) : nullptr, n, O::rows, O::cols,
+                                    static_cast<int>(sizeof(Obj)), O::row_bytes, static_cast<int>(sizeof(E)));
         } else if constexpr (O::kind == detail::shape::vector) {
             using E = typename O::elem;
-            return vector_desc<E, true>{n != 0 ? O::first(*base) : nullptr, n, O::len, static_cast<int>(sizeof(Obj)),
-                                        static_cast<int>(sizeof(E))};
+            return strided_vectors(n != 0 ? O::first(*base) : nullptr, n, O::len, static_cast<int>(sizeof(Obj)),
+                                   static_cast<int>(sizeof(E)));
         } else {
             static_assert(detail::always_false<X>,
                           "omkm: the objects of this container are not matrices or vectors of float or double; "
@@ -348,8 +376,8 @@ constexpr auto mat(X&& x) {
                       "omkm::mat<R, C>: the container's objects are not R*C contiguous scalars");
         using E = typename O::elem;
         const int n = Ct::size(x);
-        return matrix_desc<E, true>{n != 0 ? O::first(*Ct::data(x)) : nullptr, n, R, C, static_cast<int>(sizeof(Obj)),
-                                    static_cast<int>(C * sizeof(E)), static_cast<int>(sizeof(E))};
+        return strided_matrices(n != 0 ? O::first(*Ct::data(x)) : nullptr, n, R, C, static_cast<int>(sizeof(Obj)),
+                                static_cast<int>(C * sizeof(E)), static_cast<int>(sizeof(E)));
     }
 }
 
@@ -378,33 +406,6 @@ constexpr constants_desc<T> constants(T* p, int count) noexcept {
     return {p, count, static_cast<int>(sizeof(T))};
 }
 
-// Raw memory with byte strides.
-template <class T>
-constexpr matrix_desc<T, false> strided_matrix(T* p, int rows, int cols, int s1, int s2) noexcept {
-    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
-    return {p, 1, rows, cols, 0, s1, s2};
-}
-template <class T>
-constexpr matrix_desc<T, true> strided_matrices(T* p, int count, int rows, int cols, int s0, int s1, int s2) noexcept {
-    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
-    return {p, count, rows, cols, s0, s1, s2};
-}
-template <class T>
-constexpr vector_desc<T, false> strided_vector(T* p, int len, int s2) noexcept {
-    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
-    return {p, 1, len, 0, s2};
-}
-template <class T>
-constexpr vector_desc<T, true> strided_vectors(T* p, int count, int len, int s0, int s2) noexcept {
-    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
-    return {p, count, len, s0, s2};
-}
-template <class T>
-constexpr constants_desc<T> strided_constants(T* p, int count, int s0) noexcept {
-    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
-    return {p, count, s0};
-}
-
 // Arrays given by one pointer per object (the layout description, the _L exports): object k at
 // table[k] + roi_shift bytes, its rows s1 and its elements s2 bytes apart. A table of plain
 // element pointers serves sources as it is.
@@ -415,7 +416,8 @@ constexpr matrix_desc<T, true, true> matrix_table(T* const* table, int count, in
     return {const_cast<T**>(table), count, rows, cols, roi_shift, s1, s2};
 }
 template <class T>
-constexpr vector_desc<T, true, true> vector_table(T* const* table, int count, int len, int s2, int roi_shift = 0) noexcept {
+constexpr vector_desc<T, true, true> vector_table(T* const* table, int count, int len, int s2,
+                                                  int roi_shift = 0) noexcept {
     static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
     return {const_cast<T**>(table), count, len, roi_shift, s2};
 }
@@ -443,7 +445,10 @@ constexpr auto field_of_pointers(X& records, M S::*member) {
     int roi = 0;
     if (n != 0 && base[0] != nullptr) {
         const void* at = [&]() -> const void* {
-            if constexpr (O::kind == shape::constant) return &(base[0]->*member); else return O::first(base[0]->*member);
+            if constexpr (O::kind == shape::constant)
+                return &(base[0]->*member);
+            else
+                return O::first(base[0]->*member);
         }();
         roi = static_cast<int>(static_cast<const char*>(at) - reinterpret_cast<const char*>(base[0]));
     }
@@ -475,7 +480,8 @@ constexpr auto field(X&& records, M S::*member) {
     if constexpr (std::is_pointer_v<std::remove_cv_t<Rec>>) {
         return detail::field_of_pointers(records, member);
     } else {
-        static_assert(std::is_same_v<std::remove_cv_t<Rec>, S>, "omkm::field: the member is not a member of the records");
+        static_assert(std::is_same_v<std::remove_cv_t<Rec>, S>,
+                      "omkm::field: the member is not a member of the records");
         using Mem = std::conditional_t<std::is_const_v<Rec>, const M, M>;
         using O = detail::object_traits<Mem>;
         const int n = Ct::size(records);
@@ -483,14 +489,14 @@ constexpr auto field(X&& records, M S::*member) {
         constexpr int rec = static_cast<int>(sizeof(Rec));
         if constexpr (O::kind == detail::shape::matrix) {
             using E = typename O::elem;
-            return matrix_desc<E, true>{n != 0 ? O::first(base->*member) : nullptr, n, O::rows, O::cols, rec,
-                                        O::row_bytes, static_cast<int>(sizeof(E))};
+            return strided_matrices(n != 0 ? O::first(base->*member) : nullptr, n, O::rows, O::cols, rec, O::row_bytes,
+                                    static_cast<int>(sizeof(E)));
         } else if constexpr (O::kind == detail::shape::vector) {
             using E = typename O::elem;
-            return vector_desc<E, true>{n != 0 ? O::first(base->*member) : nullptr, n, O::len, rec,
-                                        static_cast<int>(sizeof(E))};
+            return strided_vectors(n != 0 ? O::first(base->*member) : nullptr, n, O::len, rec,
+                                   static_cast<int>(sizeof(E)));
         } else if constexpr (O::kind == detail::shape::constant) {
-            return constants_desc<Mem>{n != 0 ? &(base->*member) : nullptr, n, rec};
+            return strided_constants(n != 0 ? &(base->*member) : nullptr, n, rec);
         } else {
             static_assert(detail::always_false<M>,
                           "omkm::field: the member is not a matrix, vector or scalar of float or double; "
@@ -561,24 +567,26 @@ struct route {
     // Never reached: every use of an absent route stops at a static_assert; this only keeps the
     // compiler from adding errors of its own to that message.
     template <class T, class... A>
-    static OmkStatus call(A...) { return omkStsOk; }
+    static OmkStatus call(A...) {
+        return omkStsOk;
+    }
 };
 
 #define OMKM_HPP_ROUTE(F, K, CNAME) OMKM_HPP_ROUTE_AS(F, K, false, CNAME, _32f, _64f)
-#define OMKM_HPP_ROUTES(F, K, CNAME)                      \
-    OMKM_HPP_ROUTE_AS(F, K, false, CNAME, _32f, _64f)     \
+#define OMKM_HPP_ROUTES(F, K, CNAME)                  \
+    OMKM_HPP_ROUTE_AS(F, K, false, CNAME, _32f, _64f) \
     OMKM_HPP_ROUTE_AS(F, K, true, CNAME, _32f_L, _64f_L)
-#define OMKM_HPP_ROUTE_AS(F, K, L, CNAME, S32, S64)                                                  \
-    template <>                                                                                      \
-    struct route<fam::F, K, L> {                                                                     \
-        static constexpr bool exists = true;                                                         \
-        template <class T, class... A>                                                               \
-        static OMKM_HPP_INLINE OmkStatus call(A... a) {                                              \
-            if constexpr (std::is_same_v<T, float>)                                                  \
-                return OMKM_HPP_INVOKE("omkm" #CNAME #S32, ::omkm##CNAME##S32, a...);                \
-            else                                                                                     \
-                return OMKM_HPP_INVOKE("omkm" #CNAME #S64, ::omkm##CNAME##S64, a...);                \
-        }                                                                                            \
+#define OMKM_HPP_ROUTE_AS(F, K, L, CNAME, S32, S64)                                   \
+    template <>                                                                       \
+    struct route<fam::F, K, L> {                                                      \
+        static constexpr bool exists = true;                                          \
+        template <class T, class... A>                                                \
+        static OMKM_HPP_INLINE OmkStatus call(A... a) {                               \
+            if constexpr (std::is_same_v<T, float>)                                   \
+                return OMKM_HPP_INVOKE("omkm" #CNAME #S32, ::omkm##CNAME##S32, a...); \
+            else                                                                      \
+                return OMKM_HPP_INVOKE("omkm" #CNAME #S64, ::omkm##CNAME##S64, a...); \
+        }                                                                             \
     };
 
 constexpr int m = k_m, t = k_t, v = k_v, c = k_c, ma = k_m | k_arr, ta = k_t | k_arr, va = k_v | k_arr,
@@ -686,23 +694,29 @@ constexpr bool is_table_v = kind_of<D>::table;
 // Whether the call takes the layout (_L) export: any operand given by a pointer table. Those
 // exports take every array operand by a table, so either all arrays of a call are tables or none.
 template <class... D>
-constexpr bool layout_call() { return (is_table_v<D> || ...); }
+constexpr bool layout_call() {
+    return (is_table_v<D> || ...);
+}
 template <class... D>
 constexpr bool tables_agree() {
     constexpr bool any = layout_call<D...>();
     return ((!is_array_v<D> || is_table_v<D> == any) && ...);
 }
-#define OMKM_HPP_TABLES_AGREE(...)                                                                   \
-    static_assert(tables_agree<__VA_ARGS__>(),                                                     \
-                  "omkm: the layout (_L) exports take every array operand by a pointer table; give all arrays of "  \
+#define OMKM_HPP_TABLES_AGREE(...)                                                                                 \
+    static_assert(tables_agree<__VA_ARGS__>(),                                                                     \
+                  "omkm: the layout (_L) exports take every array operand by a pointer table; give all arrays of " \
                   "the call as tables, or none")
 
 // Source pointers as the C API takes them: const elements, and a table of plain element pointers
 // as `const T**` (the library reads the table and never writes through it).
 template <class T>
-constexpr const T* src(T* p) noexcept { return p; }
+constexpr const T* src(T* p) noexcept {
+    return p;
+}
 template <class T>
-constexpr const T** src(T** p) noexcept { return const_cast<const T**>(p); }
+constexpr const T** src(T** p) noexcept {
+    return const_cast<const T**>(p);
+}
 
 // The matrix description under a transposition, and whether there is one.
 template <class D>
@@ -718,15 +732,24 @@ constexpr bool is_t_v = (kind_of<D>::value & 7) == k_t;
 // Rows and columns as used (after a transposition).
 template <class D>
 constexpr int used_rows(const D& d) {
-    if constexpr (is_t_v<D>) return d.m.cols; else return d.rows;
+    if constexpr (is_t_v<D>)
+        return d.m.cols;
+    else
+        return d.rows;
 }
 template <class D>
 constexpr int used_cols(const D& d) {
-    if constexpr (is_t_v<D>) return d.m.rows; else return d.cols;
+    if constexpr (is_t_v<D>)
+        return d.m.rows;
+    else
+        return d.cols;
 }
 template <class D>
 constexpr int count_of(const D& d) {
-    if constexpr (is_array_v<D>) return stored(d).count; else return 1;
+    if constexpr (is_array_v<D>)
+        return stored(d).count;
+    else
+        return 1;
 }
 
 // The common count of the array operands, or -2 when two of them disagree (1 with no arrays).
@@ -749,7 +772,7 @@ OMKM_HPP_INLINE constexpr int common_count(const D&... d) {
 
 template <class E, class... D>
 constexpr bool same_elem() {
-    return ((std::is_void_v<typename kind_of<D>::elem> || std::is_same_v<typename kind_of<D>::elem, E>) && ...);
+    return ((std::is_void_v<typename kind_of<D>::elem> || std::is_same_v<typename kind_of<D>::elem, E>)&&...);
 }
 
 template <class D>
@@ -790,8 +813,9 @@ template <class A, class B, class Dst>
     using DD = std::decay_t<decltype(dd)>;
     constexpr int ka = kind_of<DA>::value, kb = kind_of<DB>::value, kd = kind_of<DD>::value;
     using E = typename kind_of<DA>::elem;
-    static_assert((ka & 7) == k_m || (ka & 7) == k_t, "omkm::mul: the first operand is a matrix or an array of them "
-                                                      "(a vector times a matrix is transposed(matrix) times the vector)");
+    static_assert((ka & 7) == k_m || (ka & 7) == k_t,
+                  "omkm::mul: the first operand is a matrix or an array of them "
+                  "(a vector times a matrix is transposed(matrix) times the vector)");
     static_assert((kb & 7) == k_m || (kb & 7) == k_t || (kb & 7) == k_v,
                   "omkm::mul: the second operand is a matrix or a vector, single or an array (a product by a "
                   "constant is not in this interface yet)");
@@ -811,32 +835,33 @@ template <class A, class B, class Dst>
         static_assert((kd & 7) == k_v, "omkm::mul: a matrix times a vector gives a vector");
         if (sd.len != used_rows(da)) return status::size_mismatch;
         if constexpr (!is_array_v<DA> && !is_array_v<DB>)
-            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s2, db.len, sd.p, sd.s2));
+            return status(
+                R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s2, db.len, sd.p, sd.s2));
         else if constexpr (is_array_v<DA> && !is_array_v<DB>)
-            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s2, db.len, sd.p,
-                                              sd.s0, sd.s2, n));
+            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s2,
+                                              db.len, sd.p, sd.s0, sd.s2, n));
         else if constexpr (!is_array_v<DA> && is_array_v<DB>)
-            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s0, db.s2, db.len, sd.p,
-                                              sd.s0, sd.s2, n));
+            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s0, db.s2,
+                                              db.len, sd.p, sd.s0, sd.s2, n));
         else
-            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s0, db.s2, db.len,
-                                              sd.p, sd.s0, sd.s2, n));
+            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s0, db.s2,
+                                              db.len, sd.p, sd.s0, sd.s2, n));
     } else {
         static_assert((kd & 7) == k_m, "omkm::mul: a matrix times a matrix gives a matrix");
         const auto& sb = stored(db);
         if (sd.rows != used_rows(da) || sd.cols != used_cols(db)) return status::size_mismatch;
         if constexpr (!is_array_v<DA> && !is_array_v<DB>)
-            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s1, sb.s2, sb.cols,
-                                              sb.rows, sd.p, sd.s1, sd.s2));
+            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s1, sb.s2,
+                                              sb.cols, sb.rows, sd.p, sd.s1, sd.s2));
         else if constexpr (is_array_v<DA> && !is_array_v<DB>)
-            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s1, sb.s2, sb.cols,
-                                              sb.rows, sd.p, sd.s0, sd.s1, sd.s2, n));
-        else if constexpr (!is_array_v<DA> && is_array_v<DB>)
-            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s0, sb.s1, sb.s2, sb.cols,
-                                              sb.rows, sd.p, sd.s0, sd.s1, sd.s2, n));
-        else
-            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s0, sb.s1, sb.s2,
+            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s1, sb.s2,
                                               sb.cols, sb.rows, sd.p, sd.s0, sd.s1, sd.s2, n));
+        else if constexpr (!is_array_v<DA> && is_array_v<DB>)
+            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s0, sb.s1, sb.s2,
+                                              sb.cols, sb.rows, sd.p, sd.s0, sd.s1, sd.s2, n));
+        else
+            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s0, sb.s1,
+                                              sb.s2, sb.cols, sb.rows, sd.p, sd.s0, sd.s1, sd.s2, n));
     }
 }
 
@@ -858,45 +883,55 @@ OMKM_HPP_INLINE status add_sub(A&& a, B&& b, Dst&& dst) {
     static_assert(!((ka & 7) == k_c && (kb & 7) == k_c), "omkm::add/sub: at least one operand is a matrix or vector");
     using E = std::conditional_t<std::is_void_v<typename kind_of<DA>::elem>, typename kind_of<DB>::elem,
                                  typename kind_of<DA>::elem>;
-    static_assert(same_elem<E, DA, DB, DD>(), "omkm::add/sub: the operands must share one element type (float or double)");
+    static_assert(same_elem<E, DA, DB, DD>(),
+                  "omkm::add/sub: the operands must share one element type (float or double)");
     require_writable<DD>();
     OMKM_HPP_TABLES_AGREE(DA, DB, DD);
     using R = route<F, key(ka, kb), layout_call<DA, DB, DD>()>;
     if constexpr (F == fam::add) {
-        static_assert(R::exists || key(ka, kb) != key(m, t), "omkm::add: no Add export for a matrix plus a transposed matrix; "
-                                                              "swap the operands (Add_tm): the sum is the same");
+        static_assert(R::exists || key(ka, kb) != key(m, t),
+                      "omkm::add: no Add export for a matrix plus a transposed matrix; "
+                      "swap the operands (Add_tm): the sum is the same");
         static_assert(R::exists || ((ka & k_arr) != 0 || (kb & k_arr) == 0),
                       "omkm::add: no Add export with a single first operand and an array second (no mma, vva, cva "
                       "members); swap the operands: the sum is the same");
-        static_assert(R::exists || key(ka, kb) != key(ma, ta),
-                      "omkm::add: no Add export for matrices plus transposed matrices (mata); swap the operands (Add_tama)");
-        static_assert(R::exists || key(ka, kb) != key(c, v), "omkm::add: no Add export for a constant plus a vector; swap the operands (Add_vc)");
+        static_assert(
+            R::exists || key(ka, kb) != key(ma, ta),
+            "omkm::add: no Add export for matrices plus transposed matrices (mata); swap the operands (Add_tama)");
+        static_assert(R::exists || key(ka, kb) != key(c, v),
+                      "omkm::add: no Add export for a constant plus a vector; swap the operands (Add_vc)");
     }
-    static_assert(R::exists, "omkm::add/sub: no export for these operand kinds (a matrix and a vector, or a matrix and a constant, "
-                             "do not add)");
+    static_assert(
+        R::exists,
+        "omkm::add/sub: no export for these operand kinds (a matrix and a vector, or a matrix and a constant, "
+        "do not add)");
     constexpr bool any_array = is_array_v<DA> || is_array_v<DB>;
     static_assert(is_array_v<DD> == any_array,
                   "omkm::add/sub: the destination is an array exactly when a source is an array");
     const int n = common_count(da, db, dd);
     if (n == -2) return status::size_mismatch;
+    constexpr int kd = kind_of<DD>::value;
     if constexpr ((ka & 7) == k_m || (ka & 7) == k_t) {
+        static_assert((kd & 7) == k_m, "omkm::add/sub: a sum or difference of matrices goes to a matrix");
         const auto& sa = stored(da);
         const auto& sb = stored(db);
         const int w = dd.cols, h = dd.rows;
         if (used_rows(da) != h || used_cols(da) != w || used_rows(db) != h || used_cols(db) != w)
             return status::size_mismatch;
         if constexpr (!any_array)
-            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, src(sb.p), sb.s1, sb.s2, dd.p, dd.s1, dd.s2, w, h));
+            return status(
+                R::template call<E>(src(sa.p), sa.s1, sa.s2, src(sb.p), sb.s1, sb.s2, dd.p, dd.s1, dd.s2, w, h));
         else if constexpr (is_array_v<DA> && !is_array_v<DB>)
-            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, src(sb.p), sb.s1, sb.s2, dd.p, dd.s0, dd.s1, dd.s2, w,
-                                              h, n));
+            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, src(sb.p), sb.s1, sb.s2, dd.p, dd.s0,
+                                              dd.s1, dd.s2, w, h, n));
         else if constexpr (!is_array_v<DA> && is_array_v<DB>)
-            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, src(sb.p), sb.s0, sb.s1, sb.s2, dd.p, dd.s0, dd.s1, dd.s2, w,
-                                              h, n));
+            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, src(sb.p), sb.s0, sb.s1, sb.s2, dd.p, dd.s0,
+                                              dd.s1, dd.s2, w, h, n));
         else
-            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, src(sb.p), sb.s0, sb.s1, sb.s2, dd.p, dd.s0, dd.s1,
-                                              dd.s2, w, h, n));
+            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, src(sb.p), sb.s0, sb.s1, sb.s2, dd.p,
+                                              dd.s0, dd.s1, dd.s2, w, h, n));
     } else if constexpr ((ka & 7) == k_v && (kb & 7) == k_v) {
+        static_assert((kd & 7) == k_v, "omkm::add/sub: a sum or difference of vectors goes to a vector");
         const int len = dd.len;
         if (da.len != len || db.len != len) return status::size_mismatch;
         if constexpr (!any_array)
@@ -906,12 +941,26 @@ OMKM_HPP_INLINE status add_sub(A&& a, B&& b, Dst&& dst) {
         else if constexpr (!is_array_v<DA> && is_array_v<DB>)
             return status(R::template call<E>(src(da.p), da.s2, src(db.p), db.s0, db.s2, dd.p, dd.s0, dd.s2, len, n));
         else
-            return status(R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s0, db.s2, dd.p, dd.s0, dd.s2, len, n));
+            return status(
+                R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s0, db.s2, dd.p, dd.s0, dd.s2, len, n));
     } else {
         // A vector (single or array) and a constant (single or array), the vector first in the list.
+        static_assert((kd & 7) == k_v, "omkm::add/sub: a vector and a constant go to a vector");
         constexpr bool vec_first = (ka & 7) == k_v;
-        const auto& vv = [&]() -> const auto& { if constexpr (vec_first) return da; else return db; }();
-        const auto& cc = [&]() -> const auto& { if constexpr (vec_first) return db; else return da; }();
+        const auto& vv = [&]() -> const auto& {
+            if constexpr (vec_first)
+                return da;
+            else
+                return db;
+        }
+        ();
+        const auto& cc = [&]() -> const auto& {
+            if constexpr (vec_first)
+                return db;
+            else
+                return da;
+        }
+        ();
         using DV = std::decay_t<decltype(vv)>;
         using DC = std::decay_t<decltype(cc)>;
         const int len = dd.len;
@@ -926,7 +975,8 @@ OMKM_HPP_INLINE status add_sub(A&& a, B&& b, Dst&& dst) {
             if constexpr (!is_array_v<DV>)
                 return status(R::template call<E>(src(vv.p), vv.s2, src(cc.p), cc.s0, dd.p, dd.s0, dd.s2, len, n));
             else
-                return status(R::template call<E>(src(vv.p), vv.s0, vv.s2, src(cc.p), cc.s0, dd.p, dd.s0, dd.s2, len, n));
+                return status(
+                    R::template call<E>(src(vv.p), vv.s0, vv.s2, src(cc.p), cc.s0, dd.p, dd.s0, dd.s2, len, n));
         }
     }
 }
@@ -949,8 +999,9 @@ constexpr scalars_out<E> scalars(X& x) {
         return {&x, 1};
     } else {
         using Ct = container_traits<B>;
-        static_assert(Ct::is && std::is_same_v<typename Ct::object, E>,
-                      "omkm: the results go to a T&, a T* or a contiguous container of T, T the operands' element type");
+        static_assert(
+            Ct::is && std::is_same_v<typename Ct::object, E>,
+            "omkm: the results go to a T&, a T* or a contiguous container of T, T the operands' element type");
         return {Ct::data(x), Ct::size(x)};
     }
 }
@@ -960,7 +1011,8 @@ template <class T>
 class scratch {
 public:
     explicit scratch(int n) {
-        const std::size_t elems = n > 0 ? static_cast<std::size_t>(n) * n + (static_cast<std::size_t>(n) * 4 + sizeof(T) - 1) / sizeof(T) : 1;
+        const std::size_t elems =
+            n > 0 ? static_cast<std::size_t>(n) * n + (static_cast<std::size_t>(n) * 4 + sizeof(T) - 1) / sizeof(T) : 1;
         if (elems > local_.size()) {
             // Without memory the buffer stays null and the C call answers null_ptr: no exception here.
             heap_.reset(new (std::nothrow) T[elems]);
@@ -979,8 +1031,10 @@ private:
 
 template <class R, class E, class DA>
 OMKM_HPP_INLINE status det_call(const DA& da, E* b, E* out) {
-    if constexpr (!is_array_v<DA>) return status(R::template call<E>(src(da.p), da.s1, da.s2, da.rows, b, out));
-    else return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, da.rows, b, out, da.count));
+    if constexpr (!is_array_v<DA>)
+        return status(R::template call<E>(src(da.p), da.s1, da.s2, da.rows, b, out));
+    else
+        return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, da.rows, b, out, da.count));
 }
 
 template <fam F, class A, class Out, class Buf>
@@ -999,19 +1053,25 @@ OMKM_HPP_INLINE status scalar_of_object(A&& a, Out& out, Buf buffer) {
     if constexpr (F == fam::l2norm || F == fam::frobnorm) {
         if constexpr ((ka & 7) == k_v) {
             using R = route<fam::l2norm, key(ka), is_table_v<DA>>;
-            if constexpr (!is_array_v<DA>) return status(R::template call<E>(src(da.p), da.s2, o.p, da.len));
-            else return status(R::template call<E>(src(da.p), da.s0, da.s2, o.p, da.len, da.count));
+            if constexpr (!is_array_v<DA>)
+                return status(R::template call<E>(src(da.p), da.s2, o.p, da.len));
+            else
+                return status(R::template call<E>(src(da.p), da.s0, da.s2, o.p, da.len, da.count));
         } else {
-            static_assert((ka & 7) == k_m, "omkm::norm: no FrobNorm export reads a transposed matrix; the norm of the "
-                                           "stored matrix is the same value (the rounding order follows the stored rows)");
+            static_assert((ka & 7) == k_m,
+                          "omkm::norm: no FrobNorm export reads a transposed matrix; the norm of the "
+                          "stored matrix is the same value (the rounding order follows the stored rows)");
             using R = route<fam::frobnorm, key(ka), is_table_v<DA>>;
-            if constexpr (!is_array_v<DA>) return status(R::template call<E>(src(da.p), da.s1, da.s2, da.cols, da.rows, o.p));
-            else return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, da.cols, da.rows, o.p, da.count));
+            if constexpr (!is_array_v<DA>)
+                return status(R::template call<E>(src(da.p), da.s1, da.s2, da.cols, da.rows, o.p));
+            else
+                return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, da.cols, da.rows, o.p, da.count));
         }
     } else if constexpr ((ka & 7) != k_m) {
-        static_assert(always_false<A>, "omkm::det: the operand is a matrix or an array of matrices, read as stored "
-                                       "(no Det export reads a transposed matrix; the determinant of the transpose is "
-                                       "the same value)");
+        static_assert(always_false<A>,
+                      "omkm::det: the operand is a matrix or an array of matrices, read as stored "
+                      "(no Det export reads a transposed matrix; the determinant of the transpose is "
+                      "the same value)");
         return status::ok;  // not compiled: the assertion above stops the build
     } else {
         using R = route<fam::det, key(ka), is_table_v<DA>>;
@@ -1052,7 +1112,6 @@ template <class A, class Out>
 }
 template <class A, class Out, class T>
 [[nodiscard]] OMKM_HPP_INLINE status det(A&& a, Out&& out, T* buffer) {
-    if (!buffer) return status::null_ptr;
     return detail::scalar_of_object<detail::fam::det>(std::forward<A>(a), out, buffer);
 }
 
@@ -1081,11 +1140,13 @@ OMKM_HPP_INLINE status invert_impl(A&& a, Dst&& dst, Buf buffer) {
     using DD = std::decay_t<decltype(dd)>;
     constexpr int ka = kind_of<DA>::value;
     using E = typename kind_of<DA>::elem;
-    static_assert((ka & 7) == k_m, "omkm::invert: the operand is a matrix or an array of matrices, read as stored "
-                                   "(no Invert export reads a transposed matrix)");
+    static_assert((ka & 7) == k_m,
+                  "omkm::invert: the operand is a matrix or an array of matrices, read as stored "
+                  "(no Invert export reads a transposed matrix)");
     static_assert(same_elem<E, DD>(), "omkm::invert: the operands must share one element type (float or double)");
     require_writable<DD>();
-    static_assert(is_array_v<DD> == is_array_v<DA>, "omkm::invert: the destination is an array exactly when the source is");
+    static_assert(is_array_v<DD> == is_array_v<DA>,
+                  "omkm::invert: the destination is an array exactly when the source is");
     OMKM_HPP_TABLES_AGREE(DA, DD);
     using R = route<fam::invert, key(ka), layout_call<DA, DD>()>;
     const int n = common_count(da, dd);
@@ -1107,7 +1168,6 @@ template <class A, class Dst>
 }
 template <class A, class Dst, class T>
 [[nodiscard]] OMKM_HPP_INLINE status invert(A&& a, Dst&& dst, T* buffer) {
-    if (!buffer) return status::null_ptr;
     return detail::invert_impl(std::forward<A>(a), std::forward<Dst>(dst), buffer);
 }
 
@@ -1185,10 +1245,10 @@ inline void throw_if_error(status s) {
     if (s != status::ok) throw error(s);
 }
 
-#define OMKM_HPP_OR_THROW(NAME)                                             \
-    template <class... X>                                                   \
-    inline void NAME##_or_throw(X&&... x) {                                 \
-        throw_if_error(NAME(std::forward<X>(x)...));                        \
+#define OMKM_HPP_OR_THROW(NAME)                      \
+    template <class... X>                            \
+    inline void NAME##_or_throw(X&&... x) {          \
+        throw_if_error(NAME(std::forward<X>(x)...)); \
     }
 OMKM_HPP_OR_THROW(mul)
 OMKM_HPP_OR_THROW(add)
