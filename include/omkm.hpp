@@ -1,10 +1,10 @@
 // omkm.hpp: a header-only C++17 interface over the C API of omkm.h.
 //
 // Operands are described by their types instead of by hand-written strides and sizes, and one name
-// per operation (omkm::mul, add, sub, det, invert, dot, cross, norm) reaches the C export that
-// matches its operands' kinds (single object or array), element type (float: _32f, double: _64f)
-// and transposition. Everything is inline and forwards to exactly one C call; nothing is computed
-// here that the C call computes.
+// per operation (omkm::mul, also by a constant, add, sub, det, invert, dot, cross, norm) reaches the
+// C export that matches its operands' kinds (single object or array), element type (float: _32f,
+// double: _64f), transposition and description (strided, or a pointer table: _L). Everything is
+// inline and forwards to exactly one C call; nothing is computed here that the C call computes.
 //
 // Describing an operand
 //   float m[4][4], std::array<std::array<float, 4>, 4>     one 4x4 matrix
@@ -557,7 +557,7 @@ struct kind_of<constants_desc<T, L>> {
 
 constexpr int key(int a, int b = 0) { return a * 16 + b; }
 
-enum class fam { add, sub, mul, dot, cross, l2norm, frobnorm, det, invert };
+enum class fam { add, sub, mul, scale, dot, cross, l2norm, frobnorm, det, invert };  // scale: Mul by a constant
 
 // route<F, K, L>: the export of family F for operand kinds K, in the layout description (_L) when
 // L; absent combinations have exists = false.
@@ -663,6 +663,15 @@ OMKM_HPP_ROUTES(mul, key(ma, v), Mul_mav)
 OMKM_HPP_ROUTES(mul, key(ta, v), Mul_tav)
 OMKM_HPP_ROUTES(mul, key(ma, va), Mul_mava)
 OMKM_HPP_ROUTES(mul, key(ta, va), Mul_tava)
+
+OMKM_HPP_ROUTE(scale, key(m, c), Mul_mc)
+OMKM_HPP_ROUTE(scale, key(t, c), Mul_tc)
+OMKM_HPP_ROUTE(scale, key(v, c), Mul_vc)
+OMKM_HPP_ROUTES(scale, key(ma, c), Mul_mac)
+OMKM_HPP_ROUTES(scale, key(ta, c), Mul_tac)
+OMKM_HPP_ROUTES(scale, key(va, c), Mul_vac)
+OMKM_HPP_ROUTES(scale, key(va, ca), Mul_vaca)
+OMKM_HPP_ROUTES(scale, key(v, ca), Mul_vca)
 
 OMKM_HPP_ROUTE(dot, key(v, v), DotProduct_vv)
 OMKM_HPP_ROUTES(dot, key(va, v), DotProduct_vav)
@@ -800,71 +809,6 @@ constexpr auto transposed(X&& x) {
 
 // ---------------------------------------------------------------- the operations
 
-// dst = a * b: matrix times matrix or matrix times vector, each operand single or an array,
-// either matrix possibly transposed(...).
-template <class A, class B, class Dst>
-[[nodiscard]] OMKM_HPP_INLINE status mul(A&& a, B&& b, Dst&& dst) {
-    using namespace detail;
-    const auto da = describe(std::forward<A>(a));
-    const auto db = describe(std::forward<B>(b));
-    const auto dd = describe(std::forward<Dst>(dst));
-    using DA = std::decay_t<decltype(da)>;
-    using DB = std::decay_t<decltype(db)>;
-    using DD = std::decay_t<decltype(dd)>;
-    constexpr int ka = kind_of<DA>::value, kb = kind_of<DB>::value, kd = kind_of<DD>::value;
-    using E = typename kind_of<DA>::elem;
-    static_assert((ka & 7) == k_m || (ka & 7) == k_t,
-                  "omkm::mul: the first operand is a matrix or an array of them "
-                  "(a vector times a matrix is transposed(matrix) times the vector)");
-    static_assert((kb & 7) == k_m || (kb & 7) == k_t || (kb & 7) == k_v,
-                  "omkm::mul: the second operand is a matrix or a vector, single or an array (a product by a "
-                  "constant is not in this interface yet)");
-    static_assert(same_elem<E, DB, DD>(), "omkm::mul: the operands must share one element type (float or double)");
-    require_writable<DD>();
-    constexpr bool any_array = is_array_v<DA> || is_array_v<DB>;
-    static_assert(is_array_v<DD> == any_array,
-                  "omkm::mul: the destination is an array exactly when a source is an array");
-    OMKM_HPP_TABLES_AGREE(DA, DB, DD);
-    using R = route<fam::mul, key(ka, kb), layout_call<DA, DB, DD>()>;
-    static_assert(R::exists, "omkm::mul: no Mul export for these operand kinds");
-    const int n = common_count(da, db, dd);
-    if (n == -2) return status::size_mismatch;
-    const auto& sa = stored(da);
-    const auto& sd = dd;
-    if constexpr ((kb & 7) == k_v) {
-        static_assert((kd & 7) == k_v, "omkm::mul: a matrix times a vector gives a vector");
-        if (sd.len != used_rows(da)) return status::size_mismatch;
-        if constexpr (!is_array_v<DA> && !is_array_v<DB>)
-            return status(
-                R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s2, db.len, sd.p, sd.s2));
-        else if constexpr (is_array_v<DA> && !is_array_v<DB>)
-            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s2,
-                                              db.len, sd.p, sd.s0, sd.s2, n));
-        else if constexpr (!is_array_v<DA> && is_array_v<DB>)
-            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s0, db.s2,
-                                              db.len, sd.p, sd.s0, sd.s2, n));
-        else
-            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s0, db.s2,
-                                              db.len, sd.p, sd.s0, sd.s2, n));
-    } else {
-        static_assert((kd & 7) == k_m, "omkm::mul: a matrix times a matrix gives a matrix");
-        const auto& sb = stored(db);
-        if (sd.rows != used_rows(da) || sd.cols != used_cols(db)) return status::size_mismatch;
-        if constexpr (!is_array_v<DA> && !is_array_v<DB>)
-            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s1, sb.s2,
-                                              sb.cols, sb.rows, sd.p, sd.s1, sd.s2));
-        else if constexpr (is_array_v<DA> && !is_array_v<DB>)
-            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s1, sb.s2,
-                                              sb.cols, sb.rows, sd.p, sd.s0, sd.s1, sd.s2, n));
-        else if constexpr (!is_array_v<DA> && is_array_v<DB>)
-            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s0, sb.s1, sb.s2,
-                                              sb.cols, sb.rows, sd.p, sd.s0, sd.s1, sd.s2, n));
-        else
-            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s0, sb.s1,
-                                              sb.s2, sb.cols, sb.rows, sd.p, sd.s0, sd.s1, sd.s2, n));
-    }
-}
-
 namespace detail {
 
 // Add and Sub share their argument lists: matrices (stride0 only for arrays), then width and height
@@ -901,17 +845,38 @@ OMKM_HPP_INLINE status add_sub(A&& a, B&& b, Dst&& dst) {
         static_assert(R::exists || key(ka, kb) != key(c, v),
                       "omkm::add: no Add export for a constant plus a vector; swap the operands (Add_vc)");
     }
-    static_assert(
-        R::exists,
-        "omkm::add/sub: no export for these operand kinds (a matrix and a vector, or a matrix and a constant, "
-        "do not add)");
+    if constexpr (F == fam::scale) {
+        static_assert(R::exists || (ka & 7) != k_c,
+                      "omkm::mul: no Mul export takes the constant first; write mul(x, constant): the products are "
+                      "the same");
+        static_assert(R::exists || (kb & k_arr) == 0 || (ka & 7) == k_v,
+                      "omkm::mul: only vectors have Mul exports with an array of constants (vca, vaca)");
+    }
+    static_assert(R::exists || F == fam::scale,
+                  "omkm::add/sub: no export for these operand kinds (a matrix and a vector, or a matrix and a "
+                  "constant, do not add)");
+    static_assert(R::exists || F != fam::scale, "omkm::mul: no Mul export for this operand and constant");
     constexpr bool any_array = is_array_v<DA> || is_array_v<DB>;
     static_assert(is_array_v<DD> == any_array,
                   "omkm::add/sub: the destination is an array exactly when a source is an array");
     const int n = common_count(da, db, dd);
     if (n == -2) return status::size_mismatch;
     constexpr int kd = kind_of<DD>::value;
-    if constexpr ((ka & 7) == k_m || (ka & 7) == k_t) {
+    if constexpr (!R::exists) {
+        return status::ok;  // not compiled: an assertion above stops the build
+    } else if constexpr (((ka & 7) == k_m || (ka & 7) == k_t) && (kb & 7) == k_c) {
+        // A matrix (or an array of them, possibly read transposed) times one constant: the width
+        // and height are the result's.
+        static_assert((kd & 7) == k_m, "omkm::mul: a matrix times a constant goes to a matrix");
+        const auto& sa = stored(da);
+        const E val = static_cast<E>(db);
+        const int w = dd.cols, h = dd.rows;
+        if (used_rows(da) != h || used_cols(da) != w) return status::size_mismatch;
+        if constexpr (!any_array)
+            return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, val, dd.p, dd.s1, dd.s2, w, h));
+        else
+            return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, val, dd.p, dd.s0, dd.s1, dd.s2, w, h, n));
+    } else if constexpr ((ka & 7) == k_m || (ka & 7) == k_t) {
         static_assert((kd & 7) == k_m, "omkm::add/sub: a sum or difference of matrices goes to a matrix");
         const auto& sa = stored(da);
         const auto& sb = stored(db);
@@ -1087,6 +1052,77 @@ OMKM_HPP_INLINE status scalar_of_object(A&& a, Out& out, Buf buffer) {
 }
 
 }  // namespace detail
+
+// dst = a * b: matrix times matrix or matrix times vector, each operand single or an array,
+// either matrix possibly transposed(...); or a matrix or vector (single or array) times a
+// constant, or a vector times an array of constants (Mul by a constant: one rounding per element).
+template <class A, class B, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status mul(A&& a, B&& b, Dst&& dst) {
+    using namespace detail;
+    constexpr int ka0 = kind_of<std::decay_t<decltype(describe(std::declval<A>()))>>::value;
+    constexpr int kb0 = kind_of<std::decay_t<decltype(describe(std::declval<B>()))>>::value;
+    if constexpr ((ka0 & 7) == k_c || (kb0 & 7) == k_c) {
+        return add_sub<fam::scale>(std::forward<A>(a), std::forward<B>(b), std::forward<Dst>(dst));
+    } else {
+        const auto da = describe(std::forward<A>(a));
+        const auto db = describe(std::forward<B>(b));
+        const auto dd = describe(std::forward<Dst>(dst));
+        using DA = std::decay_t<decltype(da)>;
+        using DB = std::decay_t<decltype(db)>;
+        using DD = std::decay_t<decltype(dd)>;
+        constexpr int ka = kind_of<DA>::value, kb = kind_of<DB>::value, kd = kind_of<DD>::value;
+        using E = typename kind_of<DA>::elem;
+        static_assert((ka & 7) == k_m || (ka & 7) == k_t,
+                      "omkm::mul: the first operand is a matrix or an array of them "
+                      "(a vector times a matrix is transposed(matrix) times the vector)");
+        static_assert((kb & 7) == k_m || (kb & 7) == k_t || (kb & 7) == k_v,
+                      "omkm::mul: the second operand is a matrix, a vector or a constant, single or an array");
+        static_assert(same_elem<E, DB, DD>(), "omkm::mul: the operands must share one element type (float or double)");
+        require_writable<DD>();
+        constexpr bool any_array = is_array_v<DA> || is_array_v<DB>;
+        static_assert(is_array_v<DD> == any_array,
+                      "omkm::mul: the destination is an array exactly when a source is an array");
+        OMKM_HPP_TABLES_AGREE(DA, DB, DD);
+        using R = route<fam::mul, key(ka, kb), layout_call<DA, DB, DD>()>;
+        static_assert(R::exists, "omkm::mul: no Mul export for these operand kinds");
+        const int n = common_count(da, db, dd);
+        if (n == -2) return status::size_mismatch;
+        const auto& sa = stored(da);
+        const auto& sd = dd;
+        if constexpr ((kb & 7) == k_v) {
+            static_assert((kd & 7) == k_v, "omkm::mul: a matrix times a vector gives a vector");
+            if (sd.len != used_rows(da)) return status::size_mismatch;
+            if constexpr (!is_array_v<DA> && !is_array_v<DB>)
+                return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s2, db.len,
+                                                  sd.p, sd.s2));
+            else if constexpr (is_array_v<DA> && !is_array_v<DB>)
+                return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s2,
+                                                  db.len, sd.p, sd.s0, sd.s2, n));
+            else if constexpr (!is_array_v<DA> && is_array_v<DB>)
+                return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s0, db.s2,
+                                                  db.len, sd.p, sd.s0, sd.s2, n));
+            else
+                return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s0,
+                                                  db.s2, db.len, sd.p, sd.s0, sd.s2, n));
+        } else {
+            static_assert((kd & 7) == k_m, "omkm::mul: a matrix times a matrix gives a matrix");
+            const auto& sb = stored(db);
+            if (sd.rows != used_rows(da) || sd.cols != used_cols(db)) return status::size_mismatch;
+            if constexpr (!is_array_v<DA> && !is_array_v<DB>)
+                return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s1, sb.s2,
+                                                  sb.cols, sb.rows, sd.p, sd.s1, sd.s2));
+            else if constexpr (is_array_v<DA> && !is_array_v<DB>)
+                return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s1,
+                                                  sb.s2, sb.cols, sb.rows, sd.p, sd.s0, sd.s1, sd.s2, n));
+            else if constexpr (!is_array_v<DA> && is_array_v<DB>)
+                return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s0, sb.s1,
+                                                  sb.s2, sb.cols, sb.rows, sd.p, sd.s0, sd.s1, sd.s2, n));
+            else
+                return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s0,
+                                                  sb.s1, sb.s2, sb.cols, sb.rows, sd.p, sd.s0, sd.s1, sd.s2, n));
+        }
+    }
+}
 
 template <class A, class B, class Dst>
 [[nodiscard]] OMKM_HPP_INLINE status add(A&& a, B&& b, Dst&& dst) {

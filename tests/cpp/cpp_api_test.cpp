@@ -191,6 +191,18 @@ const std::vector<Row>& rows() {
             d.x3, F4, &d.r[0].k, kRec, d.r[0].w3, kRec, F4, 3, 3),
         ROW("Sub cava", omkm::sub(field(d.r, &R::k), field(d.r, &R::v3), field(d.r, &R::w3)), "omkmSub_cava_32f",
             d.r[0].v3, kRec, F4, &d.r[0].k, kRec, d.r[0].w3, kRec, F4, 3, 3),
+        // ---- Mul by a constant: the result's width and height, the vector first before constants
+        ROW("Mul tc", omkm::mul(transposed(d.d32), 2.0f, d.a23), "omkmMul_tc_32f",
+            &d.d32[0][0], 8, F4, 2.0f, &d.a23[0][0], 12, F4, 3, 2),
+        ROW("Mul mac", omkm::mul(field(d.r, &R::m23), 0.5f, field(d.r, &R::n23)), "omkmMul_mac_32f",
+            &d.r[0].m23[0][0], kRec, 12, F4, 0.5f, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Mul vca", omkm::mul(d.x3, field(d.r, &R::k), field(d.r, &R::w3)), "omkmMul_vca_32f",
+            d.x3, F4, &d.r[0].k, kRec, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Mul vaca through pointers", omkm::mul(field(d.rp, &R::v3), field(d.rp, &R::k), field(d.rp, &R::w3)),
+            "omkmMul_vaca_32f_L", d.rp.data(), int(offsetof(R, v3)), F4, d.rp.data(), int(offsetof(R, k)), d.rp.data(),
+            int(offsetof(R, w3)), F4, 3, 3),
+        ROW("Mul vc, double", omkm::mul(omkm::vec<4>(d.g.data()), 3.0, omkm::vec<4>(d.h.data())), "omkmMul_vc_64f",
+            d.g.data(), 8, 3.0, d.h.data(), 8, 4),
         // ---- scalar results
         ROW("dot vv", omkm::dot(d.x3, d.y3, d.out1), "omkmDotProduct_vv_32f", d.x3, F4, d.y3, F4, &d.out1, 3),
         ROW("dot vav into a vector", omkm::dot(field(d.r, &R::v3), d.x3, d.outs), "omkmDotProduct_vav_32f",
@@ -437,13 +449,15 @@ TEST(CppInterface, TransposedOperandsGiveTheTransposesResults) {
     double y2[2];  // a^T * v
     ASSERT_EQ(omkm::mul(transposed(a), v3, y2), status::ok);
     for (int i = 0; i < 2; ++i) EXPECT_NEAR(y2[i], a[0][i] * v3[0] + a[1][i] * v3[1] + a[2][i] * v3[2], 1e-12);
-    double sum[2][3], diff[2][3];  // a^T + s, s - a^T: exact
+    double sum[2][3], diff[2][3], scaled[2][3];  // a^T + s, s - a^T, a^T * 0.5: exact
+    ASSERT_EQ(omkm::mul(transposed(a), 0.5, scaled), status::ok);
     ASSERT_EQ(omkm::add(transposed(a), s23, sum), status::ok);
     ASSERT_EQ(omkm::sub(s23, transposed(a), diff), status::ok);
     for (int i = 0; i < 2; ++i)
         for (int j = 0; j < 3; ++j) {
             EXPECT_EQ(sum[i][j], a[j][i] + s23[i][j]);
             EXPECT_EQ(diff[i][j], s23[i][j] - a[j][i]);
+            EXPECT_EQ(scaled[i][j], a[j][i] * 0.5);
         }
     // An array read transposed: each object's transpose, from column-major storage through strides.
     std::vector<double> cm(2 * 6);  // two 3x2 matrices stored by columns
