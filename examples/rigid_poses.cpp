@@ -40,7 +40,10 @@ int main() {
         b.id = 10 + k;
         rigid(b.pose, 0.3 * k, 1.0 * k, -2.0, 0.5 * k);
         rigid(b.step, 0.1 + 0.05 * k, 0.25, 0.1 * k, -0.2);  // turn, then drift
-        b.marker[0] = 0.5f; b.marker[1] = -1.0f; b.marker[2] = 0.25f * static_cast<float>(k); b.marker[3] = 1.0f;
+        b.marker[0] = 0.5f;
+        b.marker[1] = -1.0f;
+        b.marker[2] = 0.25f * static_cast<float>(k);
+        b.marker[3] = 1.0f;
         for (int i = 0; i < 4; ++i)  // reference product in double, before the call
             for (int j = 0; j < 4; ++j) {
                 double t = 0.0;
@@ -49,8 +52,8 @@ int main() {
             }
     }
 
-    omkm::status st = omkm::mul(omkm::field(bodies, &Body::pose), omkm::field(bodies, &Body::step),
-                                omkm::field(bodies, &Body::next));
+    omkm::status st =
+        omkm::mul(omkm::field(bodies, &Body::pose), omkm::field(bodies, &Body::step), omkm::field(bodies, &Body::next));
     std::printf("omkmMul_mama_32f, %d poses of a %d-byte record: status %d\n", kBodies, static_cast<int>(sizeof(Body)),
                 static_cast<int>(st));
     if (st != omkm::status::ok) return 1;

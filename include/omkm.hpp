@@ -72,9 +72,6 @@
 
 #include "omkm.h"
 
-// Every C call goes through this macro: (quoted export name, export, arguments). A program may define
-// it before including this header to observe the calls (the tests record them); by default it is
-// the plain call.
 // Forced inlining: a call through this header compiles to the C call itself, with the strides and
 // sizes of fixed-size types as constants and the layer's checks folded where the shapes are known.
 #if defined(__GNUC__) || defined(__clang__)
@@ -85,6 +82,9 @@
 #define OMKM_HPP_INLINE inline
 #endif
 
+// Every C call goes through this macro: (quoted export name, export, arguments). A program may define
+// it before including this header to observe the calls (the tests record them); by default it is
+// the plain call.
 #ifndef OMKM_HPP_INVOKE
 #define OMKM_HPP_INVOKE(name, fn, ...) fn(__VA_ARGS__)
 #endif

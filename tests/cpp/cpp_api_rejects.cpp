@@ -20,7 +20,8 @@ int main() {
     st = omkm::dot(vs, v, outs);                // DotProduct_vav
     st = omkm::det(m, out);                     // Det_m
     float* table[4] = {&many[0][0][0], &many[1][0][0], &many[2][0][0], &many[3][0][0]};
-    st = omkm::add(omkm::matrix_table(table, 4, 3, 3, 12, 4), m, omkm::matrix_table(table, 4, 3, 3, 12, 4));  // Add_mam_L
+    st = omkm::add(omkm::matrix_table(table, 4, 3, 3, 12, 4), m,
+                   omkm::matrix_table(table, 4, 3, 3, 12, 4));  // Add_mam_L
 #elif REJECT == 1
     st = omkm::add(m, omkm::transposed(n), d);  // no Add_mt
 #elif REJECT == 2
@@ -33,6 +34,13 @@ int main() {
     float* table[4] = {};
     st = omkm::add(omkm::matrix_table(table, 4, 3, 3, 12, 4), m, many);  // a table and a strided array: no export
 #endif
-    (void)m; (void)vs; (void)outs; (void)out; (void)v; (void)many; (void)n; (void)d;
+    (void)m;
+    (void)vs;
+    (void)outs;
+    (void)out;
+    (void)v;
+    (void)many;
+    (void)n;
+    (void)d;
     return st == omkm::status::ok ? 0 : 1;
 }

@@ -25,8 +25,16 @@ struct Log {
 inline Log log;
 inline long long word(const void* p) { return static_cast<long long>(reinterpret_cast<std::uintptr_t>(p)); }
 inline long long word(int v) { return v; }
-inline long long word(float v) { std::int32_t b; std::memcpy(&b, &v, 4); return b; }
-inline long long word(double v) { long long b; std::memcpy(&b, &v, 8); return b; }
+inline long long word(float v) {
+    std::int32_t b;
+    std::memcpy(&b, &v, 4);
+    return b;
+}
+inline long long word(double v) {
+    long long b;
+    std::memcpy(&b, &v, 8);
+    return b;
+}
 template <class F, class... A>
 int note(const char* name, F fn, A... a) {
     ++log.calls;
@@ -49,7 +57,9 @@ using omkm::status;
 using omkm::transposed;
 
 template <class... A>
-std::vector<long long> args(A... a) { return {rec::word(a)...}; }
+std::vector<long long> args(A... a) {
+    return {rec::word(a)...};
+}
 
 // Records, one member per operand shape the rows use.
 struct R {
@@ -83,16 +93,33 @@ struct Data {
     double* tout[2] = {&t22out[0][0][0], &t22out[1][0][0]};
     Data() {
         float f = 0.25f;
-        auto fill = [&](float* p, int n) { for (int i = 0; i < n; ++i, f += 0.375f) p[i] = std::fmod(f, 5.0f) - 2.0f; };
+        auto fill = [&](float* p, int n) {
+            for (int i = 0; i < n; ++i, f += 0.375f) p[i] = std::fmod(f, 5.0f) - 2.0f;
+        };
         for (R& x : r) {
-            fill(&x.m23[0][0], 6); fill(&x.m34[0][0], 12); fill(&x.m32[0][0], 6); fill(&x.n23[0][0], 6);
-            fill(x.v3, 3); fill(x.w3, 3); fill(x.v2, 2); x.k = f; f += 1.0f;
+            fill(&x.m23[0][0], 6);
+            fill(&x.m34[0][0], 12);
+            fill(&x.m32[0][0], 6);
+            fill(&x.n23[0][0], 6);
+            fill(x.v3, 3);
+            fill(x.w3, 3);
+            fill(x.v2, 2);
+            x.k = f;
+            f += 1.0f;
             fill(&x.s33[0][0], 9);
             for (int i = 0; i < 3; ++i) x.s33[i][i] += 6.0f;  // well away from singular
         }
-        fill(&a23[0][0], 6); fill(&b34[0][0], 12); fill(&d32[0][0], 6); fill(&e23[0][0], 6); fill(&m33[0][0], 9);
+        fill(&a23[0][0], 6);
+        fill(&b34[0][0], 12);
+        fill(&d32[0][0], 6);
+        fill(&e23[0][0], 6);
+        fill(&m33[0][0], 9);
         for (int i = 0; i < 3; ++i) m33[i][i] += 6.0f;
-        fill(x3, 3); fill(y3, 3); fill(x2, 2); fill(&arr23[0][0], 6); fill(flat22.data(), 4);
+        fill(x3, 3);
+        fill(y3, 3);
+        fill(x2, 2);
+        fill(&arr23[0][0], 6);
+        fill(flat22.data(), 4);
         for (R& x : r) fill(x.q.data(), 4);
         rp = {&r[2], &r[0], &r[1]};
         for (std::size_t k = 0; k < f9.size(); ++k)
@@ -103,7 +130,8 @@ struct Data {
 
 // The scratch the layer allocates itself is only known from the record.
 const void* recorded_pointer(std::size_t i) {
-    return rec::log.args.size() > i ? reinterpret_cast<const void*>(static_cast<std::uintptr_t>(rec::log.args[i])) : nullptr;
+    return rec::log.args.size() > i ? reinterpret_cast<const void*>(static_cast<std::uintptr_t>(rec::log.args[i]))
+                                    : nullptr;
 }
 
 struct Row {
@@ -113,25 +141,27 @@ struct Row {
     std::function<std::vector<long long>(Data&)> expected;
 };
 
-#define ROW(what, call, name, ...) \
-    Row{what, [](Data& d) { return call; }, name, [](Data& d) { return args(__VA_ARGS__); }}
+#define ROW(what, call, name, ...)                                                          \
+    Row {                                                                                   \
+        what, [](Data& d) { return call; }, name, [](Data& d) { return args(__VA_ARGS__); } \
+    }
 
 const std::vector<Row>& rows() {
     using omkm::field;
     static const std::vector<Row> t = {
         // ---- Mul: stored width and height per source, the destination's strides only
-        ROW("C arrays, m*m", omkm::mul(d.a23, d.b34, d.c24), "omkmMul_mm_32f",
-            &d.a23[0][0], 12, F4, 3, 2, &d.b34[0][0], 16, F4, 4, 3, &d.c24[0][0], 16, F4),
-        ROW("std::array matrix times a transposed one, m*t", omkm::mul(d.arr23, transposed(d.e23), omkm::mat<2, 2>(d.flat22)),
-            "omkmMul_mt_32f", d.arr23[0].data(), 12, F4, 3, 2, &d.e23[0][0], 12, F4, 3, 2, d.flat22.data(), 8, F4),
-        ROW("t*m", omkm::mul(transposed(d.d32), d.m33, d.a23), "omkmMul_tm_32f",
-            &d.d32[0][0], 8, F4, 2, 3, &d.m33[0][0], 12, F4, 3, 3, &d.a23[0][0], 12, F4),
+        ROW("C arrays, m*m", omkm::mul(d.a23, d.b34, d.c24), "omkmMul_mm_32f", &d.a23[0][0], 12, F4, 3, 2, &d.b34[0][0],
+            16, F4, 4, 3, &d.c24[0][0], 16, F4),
+        ROW("std::array matrix times a transposed one, m*t",
+            omkm::mul(d.arr23, transposed(d.e23), omkm::mat<2, 2>(d.flat22)), "omkmMul_mt_32f", d.arr23[0].data(), 12,
+            F4, 3, 2, &d.e23[0][0], 12, F4, 3, 2, d.flat22.data(), 8, F4),
+        ROW("t*m", omkm::mul(transposed(d.d32), d.m33, d.a23), "omkmMul_tm_32f", &d.d32[0][0], 8, F4, 2, 3,
+            &d.m33[0][0], 12, F4, 3, 3, &d.a23[0][0], 12, F4),
         ROW("t*t", omkm::mul(transposed(d.d32), transposed(d.e23), omkm::mat<2, 2>(d.flat22)), "omkmMul_tt_32f",
             &d.d32[0][0], 8, F4, 2, 3, &d.e23[0][0], 12, F4, 3, 2, d.flat22.data(), 8, F4),
-        ROW("m*v", omkm::mul(d.a23, d.x3, d.x2), "omkmMul_mv_32f",
-            &d.a23[0][0], 12, F4, 3, 2, d.x3, F4, 3, d.x2, F4),
-        ROW("t*v", omkm::mul(transposed(d.d32), d.x3, d.x2), "omkmMul_tv_32f",
-            &d.d32[0][0], 8, F4, 2, 3, d.x3, F4, 3, d.x2, F4),
+        ROW("m*v", omkm::mul(d.a23, d.x3, d.x2), "omkmMul_mv_32f", &d.a23[0][0], 12, F4, 3, 2, d.x3, F4, 3, d.x2, F4),
+        ROW("t*v", omkm::mul(transposed(d.d32), d.x3, d.x2), "omkmMul_tv_32f", &d.d32[0][0], 8, F4, 2, 3, d.x3, F4, 3,
+            d.x2, F4),
         ROW("one matrix times each of an array, mma", omkm::mul(d.a23, field(d.r, &R::m34), field(d.r, &R::m24)),
             "omkmMul_mma_32f", &d.a23[0][0], 12, F4, 3, 2, &d.r[0].m34[0][0], kRec, 16, F4, 4, 3, &d.r[0].m24[0][0],
             kRec, 16, F4, 3),
@@ -140,8 +170,9 @@ const std::vector<Row>& rows() {
         ROW("each of an array times one, mam", omkm::mul(field(d.r, &R::m23), d.b34, field(d.r, &R::m24)),
             "omkmMul_mam_32f", &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, &d.b34[0][0], 16, F4, 4, 3, &d.r[0].m24[0][0],
             kRec, 16, F4, 3),
-        ROW("tat", omkm::mul(transposed(field(d.r, &R::m23)), transposed(d.d32), field(d.r, &R::s33)), "omkmMul_tat_32f",
-            &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, &d.d32[0][0], 8, F4, 2, 3, &d.r[0].s33[0][0], kRec, 12, F4, 3),
+        ROW("tat", omkm::mul(transposed(field(d.r, &R::m23)), transposed(d.d32), field(d.r, &R::s33)),
+            "omkmMul_tat_32f", &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, &d.d32[0][0], 8, F4, 2, 3, &d.r[0].s33[0][0],
+            kRec, 12, F4, 3),
         ROW("pairwise, mama", omkm::mul(field(d.r, &R::m23), field(d.r, &R::m34), field(d.r, &R::m24)),
             "omkmMul_mama_32f", &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, &d.r[0].m34[0][0], kRec, 16, F4, 4, 3,
             &d.r[0].m24[0][0], kRec, 16, F4, 3),
@@ -151,53 +182,53 @@ const std::vector<Row>& rows() {
         ROW("tata", omkm::mul(transposed(field(d.r, &R::m23)), transposed(field(d.r, &R::m32)), field(d.r, &R::s33)),
             "omkmMul_tata_32f", &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, &d.r[0].m32[0][0], kRec, 8, F4, 2, 3,
             &d.r[0].s33[0][0], kRec, 12, F4, 3),
-        ROW("mva", omkm::mul(d.a23, field(d.r, &R::v3), field(d.r, &R::v2)), "omkmMul_mva_32f",
-            &d.a23[0][0], 12, F4, 3, 2, d.r[0].v3, kRec, F4, 3, d.r[0].v2, kRec, F4, 3),
+        ROW("mva", omkm::mul(d.a23, field(d.r, &R::v3), field(d.r, &R::v2)), "omkmMul_mva_32f", &d.a23[0][0], 12, F4, 3,
+            2, d.r[0].v3, kRec, F4, 3, d.r[0].v2, kRec, F4, 3),
         ROW("tav", omkm::mul(transposed(field(d.r, &R::m32)), d.x3, field(d.r, &R::v2)), "omkmMul_tav_32f",
             &d.r[0].m32[0][0], kRec, 8, F4, 2, 3, d.x3, F4, 3, d.r[0].v2, kRec, F4, 3),
         ROW("mava", omkm::mul(field(d.r, &R::m23), field(d.r, &R::v3), field(d.r, &R::v2)), "omkmMul_mava_32f",
             &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, d.r[0].v3, kRec, F4, 3, d.r[0].v2, kRec, F4, 3),
         // ---- Add and Sub: the result's width and height once, after the destination
-        ROW("Add mm", omkm::add(d.a23, d.arr23, d.e23), "omkmAdd_mm_32f",
-            &d.a23[0][0], 12, F4, d.arr23[0].data(), 12, F4, &d.e23[0][0], 12, F4, 3, 2),
+        ROW("Add mm", omkm::add(d.a23, d.arr23, d.e23), "omkmAdd_mm_32f", &d.a23[0][0], 12, F4, d.arr23[0].data(), 12,
+            F4, &d.e23[0][0], 12, F4, 3, 2),
         ROW("Add tm: width and height are the result's", omkm::add(transposed(d.d32), d.a23, d.e23), "omkmAdd_tm_32f",
             &d.d32[0][0], 8, F4, &d.a23[0][0], 12, F4, &d.e23[0][0], 12, F4, 3, 2),
         ROW("Add mat", omkm::add(field(d.r, &R::m23), transposed(d.d32), field(d.r, &R::n23)), "omkmAdd_mat_32f",
             &d.r[0].m23[0][0], kRec, 12, F4, &d.d32[0][0], 8, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
         ROW("Add tama", omkm::add(transposed(field(d.r, &R::m32)), field(d.r, &R::m23), field(d.r, &R::n23)),
-            "omkmAdd_tama_32f", &d.r[0].m32[0][0], kRec, 8, F4, &d.r[0].m23[0][0], kRec, 12, F4, &d.r[0].n23[0][0], kRec,
-            12, F4, 3, 2, 3),
+            "omkmAdd_tama_32f", &d.r[0].m32[0][0], kRec, 8, F4, &d.r[0].m23[0][0], kRec, 12, F4, &d.r[0].n23[0][0],
+            kRec, 12, F4, 3, 2, 3),
         ROW("Add vc", omkm::add(d.x3, 1.5f, d.y3), "omkmAdd_vc_32f", d.x3, F4, 1.5f, d.y3, F4, 3),
-        ROW("Add vav", omkm::add(field(d.r, &R::v3), d.x3, field(d.r, &R::w3)), "omkmAdd_vav_32f",
-            d.r[0].v3, kRec, F4, d.x3, F4, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Add vav", omkm::add(field(d.r, &R::v3), d.x3, field(d.r, &R::w3)), "omkmAdd_vav_32f", d.r[0].v3, kRec, F4,
+            d.x3, F4, d.r[0].w3, kRec, F4, 3, 3),
         ROW("Add vca: a constant per record", omkm::add(d.x3, field(d.r, &R::k), field(d.r, &R::w3)), "omkmAdd_vca_32f",
             d.x3, F4, &d.r[0].k, kRec, d.r[0].w3, kRec, F4, 3, 3),
         ROW("Add vaca", omkm::add(field(d.r, &R::v3), field(d.r, &R::k), field(d.r, &R::w3)), "omkmAdd_vaca_32f",
             d.r[0].v3, kRec, F4, &d.r[0].k, kRec, d.r[0].w3, kRec, F4, 3, 3),
-        ROW("Sub mt", omkm::sub(d.a23, transposed(d.d32), d.e23), "omkmSub_mt_32f",
-            &d.a23[0][0], 12, F4, &d.d32[0][0], 8, F4, &d.e23[0][0], 12, F4, 3, 2),
-        ROW("Sub mma", omkm::sub(d.a23, field(d.r, &R::m23), field(d.r, &R::n23)), "omkmSub_mma_32f",
-            &d.a23[0][0], 12, F4, &d.r[0].m23[0][0], kRec, 12, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Sub mt", omkm::sub(d.a23, transposed(d.d32), d.e23), "omkmSub_mt_32f", &d.a23[0][0], 12, F4, &d.d32[0][0],
+            8, F4, &d.e23[0][0], 12, F4, 3, 2),
+        ROW("Sub mma", omkm::sub(d.a23, field(d.r, &R::m23), field(d.r, &R::n23)), "omkmSub_mma_32f", &d.a23[0][0], 12,
+            F4, &d.r[0].m23[0][0], kRec, 12, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
         ROW("Sub mata", omkm::sub(field(d.r, &R::m23), transposed(field(d.r, &R::m32)), field(d.r, &R::n23)),
             "omkmSub_mata_32f", &d.r[0].m23[0][0], kRec, 12, F4, &d.r[0].m32[0][0], kRec, 8, F4, &d.r[0].n23[0][0],
             kRec, 12, F4, 3, 2, 3),
-        ROW("Sub cv: the vector first in the list", omkm::sub(2.0f, d.x3, d.y3), "omkmSub_cv_32f",
-            d.x3, F4, 2.0f, d.y3, F4, 3),
-        ROW("Sub vva", omkm::sub(d.x3, field(d.r, &R::v3), field(d.r, &R::w3)), "omkmSub_vva_32f",
-            d.x3, F4, d.r[0].v3, kRec, F4, d.r[0].w3, kRec, F4, 3, 3),
-        ROW("Sub cva", omkm::sub(0.5f, field(d.r, &R::v3), field(d.r, &R::w3)), "omkmSub_cva_32f",
-            d.r[0].v3, kRec, F4, 0.5f, d.r[0].w3, kRec, F4, 3, 3),
-        ROW("Sub cav", omkm::sub(field(d.r, &R::k), d.x3, field(d.r, &R::w3)), "omkmSub_cav_32f",
-            d.x3, F4, &d.r[0].k, kRec, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Sub cv: the vector first in the list", omkm::sub(2.0f, d.x3, d.y3), "omkmSub_cv_32f", d.x3, F4, 2.0f, d.y3,
+            F4, 3),
+        ROW("Sub vva", omkm::sub(d.x3, field(d.r, &R::v3), field(d.r, &R::w3)), "omkmSub_vva_32f", d.x3, F4, d.r[0].v3,
+            kRec, F4, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Sub cva", omkm::sub(0.5f, field(d.r, &R::v3), field(d.r, &R::w3)), "omkmSub_cva_32f", d.r[0].v3, kRec, F4,
+            0.5f, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Sub cav", omkm::sub(field(d.r, &R::k), d.x3, field(d.r, &R::w3)), "omkmSub_cav_32f", d.x3, F4, &d.r[0].k,
+            kRec, d.r[0].w3, kRec, F4, 3, 3),
         ROW("Sub cava", omkm::sub(field(d.r, &R::k), field(d.r, &R::v3), field(d.r, &R::w3)), "omkmSub_cava_32f",
             d.r[0].v3, kRec, F4, &d.r[0].k, kRec, d.r[0].w3, kRec, F4, 3, 3),
         // ---- Mul by a constant: the result's width and height, the vector first before constants
-        ROW("Mul tc", omkm::mul(transposed(d.d32), 2.0f, d.a23), "omkmMul_tc_32f",
-            &d.d32[0][0], 8, F4, 2.0f, &d.a23[0][0], 12, F4, 3, 2),
-        ROW("Mul mac", omkm::mul(field(d.r, &R::m23), 0.5f, field(d.r, &R::n23)), "omkmMul_mac_32f",
-            &d.r[0].m23[0][0], kRec, 12, F4, 0.5f, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
-        ROW("Mul vca", omkm::mul(d.x3, field(d.r, &R::k), field(d.r, &R::w3)), "omkmMul_vca_32f",
-            d.x3, F4, &d.r[0].k, kRec, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Mul tc", omkm::mul(transposed(d.d32), 2.0f, d.a23), "omkmMul_tc_32f", &d.d32[0][0], 8, F4, 2.0f,
+            &d.a23[0][0], 12, F4, 3, 2),
+        ROW("Mul mac", omkm::mul(field(d.r, &R::m23), 0.5f, field(d.r, &R::n23)), "omkmMul_mac_32f", &d.r[0].m23[0][0],
+            kRec, 12, F4, 0.5f, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Mul vca", omkm::mul(d.x3, field(d.r, &R::k), field(d.r, &R::w3)), "omkmMul_vca_32f", d.x3, F4, &d.r[0].k,
+            kRec, d.r[0].w3, kRec, F4, 3, 3),
         ROW("Mul vaca through pointers", omkm::mul(field(d.rp, &R::v3), field(d.rp, &R::k), field(d.rp, &R::w3)),
             "omkmMul_vaca_32f_L", d.rp.data(), int(offsetof(R, v3)), F4, d.rp.data(), int(offsetof(R, k)), d.rp.data(),
             int(offsetof(R, w3)), F4, 3, 3),
@@ -205,26 +236,26 @@ const std::vector<Row>& rows() {
             d.g.data(), 8, 3.0, d.h.data(), 8, 4),
         // ---- scalar results
         ROW("dot vv", omkm::dot(d.x3, d.y3, d.out1), "omkmDotProduct_vv_32f", d.x3, F4, d.y3, F4, &d.out1, 3),
-        ROW("dot vav into a vector", omkm::dot(field(d.r, &R::v3), d.x3, d.outs), "omkmDotProduct_vav_32f",
-            d.r[0].v3, kRec, F4, d.x3, F4, d.outs.data(), 3, 3),
+        ROW("dot vav into a vector", omkm::dot(field(d.r, &R::v3), d.x3, d.outs), "omkmDotProduct_vav_32f", d.r[0].v3,
+            kRec, F4, d.x3, F4, d.outs.data(), 3, 3),
         ROW("dot vava", omkm::dot(field(d.r, &R::v3), field(d.r, &R::w3), d.outs.data()), "omkmDotProduct_vava_32f",
             d.r[0].v3, kRec, F4, d.r[0].w3, kRec, F4, d.outs.data(), 3, 3),
-        ROW("cross vva", omkm::cross(d.x3, field(d.r, &R::v3), field(d.r, &R::w3)), "omkmCrossProduct_vva_32f",
-            d.x3, F4, d.r[0].v3, kRec, F4, d.r[0].w3, kRec, F4, 3),
+        ROW("cross vva", omkm::cross(d.x3, field(d.r, &R::v3), field(d.r, &R::w3)), "omkmCrossProduct_vva_32f", d.x3,
+            F4, d.r[0].v3, kRec, F4, d.r[0].w3, kRec, F4, 3),
         ROW("cross vv", omkm::cross(d.x3, d.y3, d.z3), "omkmCrossProduct_vv_32f", d.x3, F4, d.y3, F4, d.z3, F4),
         ROW("norm of a vector", omkm::norm(d.x3, d.out1), "omkmL2Norm_v_32f", d.x3, F4, &d.out1, 3),
-        ROW("norm of each vector", omkm::norm(field(d.r, &R::v3), d.outs), "omkmL2Norm_va_32f",
-            d.r[0].v3, kRec, F4, d.outs.data(), 3, 3),
+        ROW("norm of each vector", omkm::norm(field(d.r, &R::v3), d.outs), "omkmL2Norm_va_32f", d.r[0].v3, kRec, F4,
+            d.outs.data(), 3, 3),
         ROW("Frobenius norm", omkm::norm(d.a23, d.out1), "omkmFrobNorm_m_32f", &d.a23[0][0], 12, F4, 3, 2, &d.out1),
-        ROW("Frobenius norm of each", omkm::norm(field(d.r, &R::m23), d.outs), "omkmFrobNorm_ma_32f",
-            &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, d.outs.data(), 3),
+        ROW("Frobenius norm of each", omkm::norm(field(d.r, &R::m23), d.outs), "omkmFrobNorm_ma_32f", &d.r[0].m23[0][0],
+            kRec, 12, F4, 3, 2, d.outs.data(), 3),
         // ---- det and invert with the caller's scratch (the own scratch is checked by bits below)
-        ROW("det with a buffer", omkm::det(d.m33, d.out1, &d.c24[0][0]), "omkmDet_m_32f",
-            &d.m33[0][0], 12, F4, 3, &d.c24[0][0], &d.out1),
-        ROW("det of each", omkm::det(field(d.r, &R::s33), d.outs, &d.c24[0][0]), "omkmDet_ma_32f",
-            &d.r[0].s33[0][0], kRec, 12, F4, 3, &d.c24[0][0], d.outs.data(), 3),
-        ROW("invert with a buffer", omkm::invert(d.m33, d.r[0].s33, &d.c24[0][0]), "omkmInvert_m_32f",
-            &d.m33[0][0], 12, F4, &d.c24[0][0], &d.r[0].s33[0][0], 12, F4, 3),
+        ROW("det with a buffer", omkm::det(d.m33, d.out1, &d.c24[0][0]), "omkmDet_m_32f", &d.m33[0][0], 12, F4, 3,
+            &d.c24[0][0], &d.out1),
+        ROW("det of each", omkm::det(field(d.r, &R::s33), d.outs, &d.c24[0][0]), "omkmDet_ma_32f", &d.r[0].s33[0][0],
+            kRec, 12, F4, 3, &d.c24[0][0], d.outs.data(), 3),
+        ROW("invert with a buffer", omkm::invert(d.m33, d.r[0].s33, &d.c24[0][0]), "omkmInvert_m_32f", &d.m33[0][0], 12,
+            F4, &d.c24[0][0], &d.r[0].s33[0][0], 12, F4, 3),
         ROW("read-only records", omkm::mul(field(std::as_const(d.r), &R::m23), d.b34, field(d.r, &R::m24)),
             "omkmMul_mam_32f", &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, &d.b34[0][0], 16, F4, 4, 3, &d.r[0].m24[0][0],
             kRec, 16, F4, 3),
@@ -232,52 +263,57 @@ const std::vector<Row>& rows() {
             omkm::mul(omkm::mat<3, 3>(d.f9), transposed(omkm::mat<3, 3>(d.f9)), omkm::mat<3, 3>(d.f9out)),
             "omkmMul_mata_64f", d.f9[0].data(), 72, 24, 8, 3, 3, d.f9[0].data(), 72, 24, 8, 3, 3, d.f9out[0].data(), 72,
             24, 8, 4),
-        ROW("flat record member read as 2x2", omkm::add(field<2, 2>(d.r, &R::q), omkm::mat<2, 2>(d.flat22),
-                                                       field<2, 2>(d.r, &R::q2)),
-            "omkmAdd_mam_32f", d.r[0].q.data(), kRec, 8, F4, d.flat22.data(), 8, F4, d.r[0].q2.data(), kRec, 8, F4, 2, 2,
-            3),
-        ROW("one matrix from a pointer", omkm::det(omkm::mat<3, 3>(&d.m33[0][0]), d.out1, &d.c24[0][0]), "omkmDet_m_32f",
-            &d.m33[0][0], 12, F4, 3, &d.c24[0][0], &d.out1),
+        ROW("flat record member read as 2x2",
+            omkm::add(field<2, 2>(d.r, &R::q), omkm::mat<2, 2>(d.flat22), field<2, 2>(d.r, &R::q2)), "omkmAdd_mam_32f",
+            d.r[0].q.data(), kRec, 8, F4, d.flat22.data(), 8, F4, d.r[0].q2.data(), kRec, 8, F4, 2, 2, 3),
+        ROW("one matrix from a pointer", omkm::det(omkm::mat<3, 3>(&d.m33[0][0]), d.out1, &d.c24[0][0]),
+            "omkmDet_m_32f", &d.m33[0][0], 12, F4, 3, &d.c24[0][0], &d.out1),
 #if __cplusplus >= 202002L
         ROW("records through std::span", omkm::norm(field(std::span<R>(d.r).subspan(1), &R::v3), d.outs.data()),
             "omkmL2Norm_va_32f", d.r[1].v3, kRec, F4, d.outs.data(), 3, 2),
 #endif
         // ---- the layout description (_L): one pointer per object and a ROI shift
-        ROW("records through pointers, mama", omkm::mul(field(d.rp, &R::m23), field(d.rp, &R::m34), field(d.rp, &R::m24)),
-            "omkmMul_mama_32f_L", d.rp.data(), int(offsetof(R, m23)), 12, F4, 3, 2, d.rp.data(), int(offsetof(R, m34)), 16,
-            F4, 4, 3, d.rp.data(), int(offsetof(R, m24)), 16, F4, 3),
-        ROW("tava through pointers", omkm::mul(transposed(field(d.rp, &R::m32)), field(d.rp, &R::v3), field(d.rp, &R::v2)),
-            "omkmMul_tava_32f_L", d.rp.data(), int(offsetof(R, m32)), 8, F4, 2, 3, d.rp.data(), int(offsetof(R, v3)), F4, 3,
-            d.rp.data(), int(offsetof(R, v2)), F4, 3),
+        ROW("records through pointers, mama",
+            omkm::mul(field(d.rp, &R::m23), field(d.rp, &R::m34), field(d.rp, &R::m24)), "omkmMul_mama_32f_L",
+            d.rp.data(), int(offsetof(R, m23)), 12, F4, 3, 2, d.rp.data(), int(offsetof(R, m34)), 16, F4, 4, 3,
+            d.rp.data(), int(offsetof(R, m24)), 16, F4, 3),
+        ROW("tava through pointers",
+            omkm::mul(transposed(field(d.rp, &R::m32)), field(d.rp, &R::v3), field(d.rp, &R::v2)), "omkmMul_tava_32f_L",
+            d.rp.data(), int(offsetof(R, m32)), 8, F4, 2, 3, d.rp.data(), int(offsetof(R, v3)), F4, 3, d.rp.data(),
+            int(offsetof(R, v2)), F4, 3),
         ROW("Add vca through pointers", omkm::add(d.x3, field(d.rp, &R::k), field(d.rp, &R::w3)), "omkmAdd_vca_32f_L",
             d.x3, F4, d.rp.data(), int(offsetof(R, k)), d.rp.data(), int(offsetof(R, w3)), F4, 3, 3),
-        ROW("flat members through pointers", omkm::add(field<2, 2>(d.rp, &R::q), omkm::mat<2, 2>(d.flat22),
-                                                      field<2, 2>(d.rp, &R::q2)),
+        ROW("flat members through pointers",
+            omkm::add(field<2, 2>(d.rp, &R::q), omkm::mat<2, 2>(d.flat22), field<2, 2>(d.rp, &R::q2)),
             "omkmAdd_mam_32f_L", d.rp.data(), int(offsetof(R, q)), 8, F4, d.flat22.data(), 8, F4, d.rp.data(),
             int(offsetof(R, q2)), 8, F4, 2, 2, 3),
         ROW("det of each through pointers", omkm::det(field(d.rp, &R::s33), d.outs, &d.c24[0][0]), "omkmDet_ma_32f_L",
             d.rp.data(), int(offsetof(R, s33)), 12, F4, 3, &d.c24[0][0], d.outs.data(), 3),
-        ROW("tables of element pointers, double", omkm::invert(omkm::matrix_table(d.tin, 2, 2, 2, 16, 8),
-                                                              omkm::matrix_table(d.tout, 2, 2, 2, 8, 16, 0)),
+        ROW("tables of element pointers, double",
+            omkm::invert(omkm::matrix_table(d.tin, 2, 2, 2, 16, 8), omkm::matrix_table(d.tout, 2, 2, 2, 8, 16, 0)),
             "omkmInvert_ma_64f_L", d.tin, 0, 16, 8, recorded_pointer(4), d.tout, 0, 8, 16, 2, 2),
-        ROW("dot of table vectors with one", omkm::dot(omkm::vector_table(d.tin, 2, 3, 8, 8), omkm::vec<3>(d.g.data()), d.h.data()),
+        ROW("dot of table vectors with one",
+            omkm::dot(omkm::vector_table(d.tin, 2, 3, 8, 8), omkm::vec<3>(d.g.data()), d.h.data()),
             "omkmDotProduct_vav_64f_L", d.tin, 8, 8, d.g.data(), 8, d.h.data(), 3, 2),
         // ---- double, raw memory with strides: matrices stored by columns, vectors every other element
-        ROW("strided double m*t", omkm::mul(omkm::strided_matrix(d.g.data(), 2, 3, 8, 16),
-                                          transposed(omkm::strided_matrix(d.g.data() + 6, 4, 3, 8, 32)),
-                                          omkm::strided_matrix(d.h.data(), 2, 4, 8, 16)),
+        ROW("strided double m*t",
+            omkm::mul(omkm::strided_matrix(d.g.data(), 2, 3, 8, 16),
+                      transposed(omkm::strided_matrix(d.g.data() + 6, 4, 3, 8, 32)),
+                      omkm::strided_matrix(d.h.data(), 2, 4, 8, 16)),
             "omkmMul_mt_64f", d.g.data(), 8, 16, 3, 2, d.g.data() + 6, 8, 32, 3, 4, d.h.data(), 8, 16),
-        ROW("strided double vava add", omkm::add(omkm::strided_vectors(d.g.data(), 3, 4, 64, 16),
-                                              omkm::strided_vectors(d.g.data() + 1, 3, 4, 64, 16),
-                                              omkm::strided_vectors(d.h.data(), 3, 4, 40, 8)),
+        ROW("strided double vava add",
+            omkm::add(omkm::strided_vectors(d.g.data(), 3, 4, 64, 16),
+                      omkm::strided_vectors(d.g.data() + 1, 3, 4, 64, 16),
+                      omkm::strided_vectors(d.h.data(), 3, 4, 40, 8)),
             "omkmAdd_vava_64f", d.g.data(), 64, 16, d.g.data() + 1, 64, 16, d.h.data(), 40, 8, 4, 3),
-        ROW("double constants", omkm::sub(omkm::strided_vectors(d.g.data(), 3, 4, 64, 16),
-                                        omkm::constants(d.h.data() + 20, 3), omkm::strided_vectors(d.h.data(), 3, 4, 40, 8)),
+        ROW("double constants",
+            omkm::sub(omkm::strided_vectors(d.g.data(), 3, 4, 64, 16), omkm::constants(d.h.data() + 20, 3),
+                      omkm::strided_vectors(d.h.data(), 3, 4, 40, 8)),
             "omkmSub_vaca_64f", d.g.data(), 64, 16, d.h.data() + 20, 8, d.h.data(), 40, 8, 4, 3),
-        ROW("double invert of each, own scratch", omkm::invert(omkm::strided_matrices(d.g.data(), 2, 2, 2, 64, 8, 16),
-                                                             omkm::strided_matrices(d.h.data(), 2, 2, 2, 32, 16, 8)),
-            "omkmInvert_ma_64f", d.g.data(), 64, 8, 16, recorded_pointer(4),
-            d.h.data(), 32, 16, 8, 2, 2),
+        ROW("double invert of each, own scratch",
+            omkm::invert(omkm::strided_matrices(d.g.data(), 2, 2, 2, 64, 8, 16),
+                         omkm::strided_matrices(d.h.data(), 2, 2, 2, 32, 16, 8)),
+            "omkmInvert_ma_64f", d.g.data(), 64, 8, 16, recorded_pointer(4), d.h.data(), 32, 16, 8, 2, 2),
     };
     return t;
 }
@@ -300,13 +336,22 @@ TEST(CppInterface, EachOverloadReachesItsExportWithTheStridesSizesAndCount) {
 namespace {
 
 template <class X>
-bool same_bytes(const X& a, const X& b) { return std::memcmp(&a, &b, sizeof(X)) == 0; }
+bool same_bytes(const X& a, const X& b) {
+    return std::memcmp(&a, &b, sizeof(X)) == 0;
+}
 
 // The C++ call and the direct C call on the same inputs give the same bits (each into its own copy
 // of the destination); the scratch-taking families run on the layer's own scratch here, on the
 // stack up to order 8 and allocated above.
 TEST(CppInterface, ResultsAreTheBitsOfTheDirectCCall) {
-    struct Body { int id; float pose[4][4]; float step[4][4]; float next[4][4]; float marker[4]; float world[4]; };
+    struct Body {
+        int id;
+        float pose[4][4];
+        float step[4][4];
+        float next[4][4];
+        float marker[4];
+        float world[4];
+    };
     std::vector<Body> b(37);
     for (std::size_t k = 0; k < b.size(); ++k)
         for (int i = 0; i < 16; ++i) {
@@ -316,11 +361,14 @@ TEST(CppInterface, ResultsAreTheBitsOfTheDirectCCall) {
         }
     std::vector<Body> c = b;
     const int rec = static_cast<int>(sizeof(Body)), n = static_cast<int>(b.size());
-    ASSERT_EQ(omkm::mul(omkm::field(b, &Body::pose), omkm::field(b, &Body::step), omkm::field(b, &Body::next)), status::ok);
+    ASSERT_EQ(omkm::mul(omkm::field(b, &Body::pose), omkm::field(b, &Body::step), omkm::field(b, &Body::next)),
+              status::ok);
     ASSERT_EQ(omkmMul_mama_32f(&c[0].pose[0][0], rec, 16, 4, 4, 4, &c[0].step[0][0], rec, 16, 4, 4, 4, &c[0].next[0][0],
-                               rec, 16, 4, n), omkStsOk);
-    ASSERT_EQ(omkm::mul(transposed(omkm::field(b, &Body::next)), omkm::field(b, &Body::marker),
-                        omkm::field(b, &Body::world)), status::ok);
+                               rec, 16, 4, n),
+              omkStsOk);
+    ASSERT_EQ(
+        omkm::mul(transposed(omkm::field(b, &Body::next)), omkm::field(b, &Body::marker), omkm::field(b, &Body::world)),
+        status::ok);
     ASSERT_EQ(omkmMul_tava_32f(&c[0].next[0][0], rec, 16, 4, 4, 4, c[0].marker, rec, 4, 4, c[0].world, rec, 4, n),
               omkStsOk);
     for (int k = 0; k < n; ++k) {
@@ -336,11 +384,13 @@ TEST(CppInterface, ResultsAreTheBitsOfTheDirectCCall) {
         pc.push_back(&c[j]);
         b[j].next[0][0] = c[j].next[0][0] = -1.0f;  // overwritten by both
     }
-    ASSERT_EQ(omkm::mul(omkm::field(pb, &Body::step), transposed(omkm::field(pb, &Body::pose)), omkm::field(pb, &Body::next)),
-              status::ok);
-    ASSERT_EQ(omkmMul_mata_32f_L(const_cast<const float**>(reinterpret_cast<float**>(pc.data())), int(offsetof(Body, step)), 16, 4, 4, 4,
-                                 const_cast<const float**>(reinterpret_cast<float**>(pc.data())), int(offsetof(Body, pose)), 16, 4, 4, 4,
-                                 reinterpret_cast<float**>(pc.data()), int(offsetof(Body, next)), 16, 4, n),
+    ASSERT_EQ(
+        omkm::mul(omkm::field(pb, &Body::step), transposed(omkm::field(pb, &Body::pose)), omkm::field(pb, &Body::next)),
+        status::ok);
+    ASSERT_EQ(omkmMul_mata_32f_L(
+                  const_cast<const float**>(reinterpret_cast<float**>(pc.data())), int(offsetof(Body, step)), 16, 4, 4,
+                  4, const_cast<const float**>(reinterpret_cast<float**>(pc.data())), int(offsetof(Body, pose)), 16, 4,
+                  4, 4, reinterpret_cast<float**>(pc.data()), int(offsetof(Body, next)), 16, 4, n),
               omkStsOk);
     for (int k = 0; k < n; ++k) EXPECT_TRUE(same_bytes(b[k].next, c[k].next)) << "body " << k;
 
@@ -495,8 +545,11 @@ TEST(CppInterface, TheLayersOwnChecksStopBeforeTheCall) {
         {"dot of 3 and 4", [&] { return omkm::dot(v3, v4, out); }},
         {"3 dets into room for 2", [&] { return omkm::det(m3, room); }},
         {"3 norms into room for 2", [&] { return omkm::norm(vs, room); }},
-        {"a record member of 3x4 read as 2x3", [&] {
-             struct Rec { std::array<float, 12> flat; };
+        {"a record member of 3x4 read as 2x3",
+         [&] {
+             struct Rec {
+                 std::array<float, 12> flat;
+             };
              std::vector<Rec> r(2);
              return omkm::add(omkm::field<3, 4>(r, &Rec::flat), a23, omkm::field<3, 4>(r, &Rec::flat));
          }},
@@ -522,13 +575,17 @@ TEST(CppInterface, CStatusesPassThroughAndThrowingFormsRaiseThem) {
     }
     EXPECT_EQ(omkm::mul(omkm::strided_matrix(static_cast<const float*>(nullptr), 3, 3, 12, 4), a, d), status::null_ptr);
     EXPECT_EQ(omkm::add(omkm::strided_matrix(&a[0][0], 3, 3, 12, 6), a, d), status::bad_stride);
-    EXPECT_THROW(omkm::mul_or_throw(omkm::strided_matrix(&a[0][0], 3, 3, 12, 4), omkm::strided_matrix(&a[0][0], 3, 3, 12, 4),
-                                    omkm::strided_matrix(&d[0][0], 3, 3, 0, 4)),
-                 omkm::error);
-    struct Rec { float m[3][3]; };
+    EXPECT_THROW(
+        omkm::mul_or_throw(omkm::strided_matrix(&a[0][0], 3, 3, 12, 4), omkm::strided_matrix(&a[0][0], 3, 3, 12, 4),
+                           omkm::strided_matrix(&d[0][0], 3, 3, 0, 4)),
+        omkm::error);
+    struct Rec {
+        float m[3][3];
+    };
     std::vector<Rec> none;
     rec::log = {};
-    EXPECT_NE(omkm::add(omkm::field(none, &Rec::m), a, omkm::field(none, &Rec::m)), status::ok);  // the C call's verdict
+    EXPECT_NE(omkm::add(omkm::field(none, &Rec::m), a, omkm::field(none, &Rec::m)),
+              status::ok);  // the C call's verdict
     EXPECT_EQ(rec::log.calls, 1);
     float e[3][3] = {{2, 0, 0}, {0, 4, 0}, {0, 0, 8}};
     EXPECT_NO_THROW(omkm::invert_or_throw(e, inv));
