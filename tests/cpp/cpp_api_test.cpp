@@ -1,0 +1,694 @@
+// The C++ interface (omkm.hpp): which export each overload reaches and with which arguments, the
+// bits against the direct C call, the results against plain loops where the reading of a
+// transposed operand matters, and the checks the layer makes itself.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#if __cplusplus >= 202002L
+#include <span>
+#endif
+#include <utility>
+#include <string>
+#include <vector>
+
+// Every C call of the header is recorded (export name, arguments) and then made.
+namespace rec {
+struct Log {
+    int calls = 0;
+    std::string name;
+    std::vector<long long> args;
+};
+inline Log log;
+inline long long word(const void* p) { return static_cast<long long>(reinterpret_cast<std::uintptr_t>(p)); }
+inline long long word(int v) { return v; }
+inline long long word(float v) {
+    std::int32_t b;
+    std::memcpy(&b, &v, 4);
+    return b;
+}
+inline long long word(double v) {
+    long long b;
+    std::memcpy(&b, &v, 8);
+    return b;
+}
+template <class F, class... A>
+int note(const char* name, F fn, A... a) {
+    ++log.calls;
+    log.name = name;
+    log.args = {word(a)...};
+    return fn(a...);
+}
+}  // namespace rec
+#define OMKM_HPP_INVOKE(name, fn, ...) ::rec::note(name, fn, __VA_ARGS__)
+#include "omkm.hpp"
+
+namespace omkm {
+// Statuses by name in the failure messages.
+inline void PrintTo(status s, std::ostream* os) { *os << to_string(s) << " (" << static_cast<int>(s) << ")"; }
+}  // namespace omkm
+
+namespace {
+
+using omkm::status;
+using omkm::transposed;
+
+template <class... A>
+std::vector<long long> args(A... a) {
+    return {rec::word(a)...};
+}
+
+// Records, one member per operand shape the rows use.
+struct R {
+    float m23[2][3];
+    float m34[3][4];
+    float m24[2][4];
+    float m32[3][2];
+    float n23[2][3];
+    float s33[3][3];
+    float v3[3];
+    float w3[3];
+    float u3[3];
+    float v2[2];
+    float k;
+    std::array<float, 4> q, q2;  // flat 2x2
+    int tag;
+};
+constexpr int kRec = static_cast<int>(sizeof(R));
+constexpr int F4 = 4;
+
+struct Data {
+    std::vector<R> r = std::vector<R>(3);
+    float a23[2][3], b34[3][4], c24[2][4], d32[3][2], e23[2][3], m33[3][3], x3[3], y3[3], z3[3], x2[2], out1 = 0;
+    std::array<std::array<float, 3>, 2> arr23{};
+    std::array<float, 4> flat22{};
+    std::vector<float> outs = std::vector<float>(3);
+    std::vector<double> g = std::vector<double>(48), h = std::vector<double>(32);
+    std::vector<std::array<double, 9>> f9 = std::vector<std::array<double, 9>>(4), f9out = f9;
+    std::vector<R*> rp;  // the records out of order, for the layout description
+    double t22[2][2][2] = {{{4, 1}, {2, 3}}, {{5, 2}, {1, 1}}}, t22out[2][2][2] = {};
+    const double* tin[2] = {&t22[1][0][0], &t22[0][0][0]};
+    double* tout[2] = {&t22out[0][0][0], &t22out[1][0][0]};
+    Data() {
+        float f = 0.25f;
+        auto fill = [&](float* p, int n) {
+            for (int i = 0; i < n; ++i, f += 0.375f) p[i] = std::fmod(f, 5.0f) - 2.0f;
+        };
+        for (R& x : r) {
+            fill(&x.m23[0][0], 6);
+            fill(&x.m34[0][0], 12);
+            fill(&x.m32[0][0], 6);
+            fill(&x.n23[0][0], 6);
+            fill(x.v3, 3);
+            fill(x.u3, 3);
+            fill(x.w3, 3);
+            fill(x.v2, 2);
+            x.k = f;
+            f += 1.0f;
+            fill(&x.s33[0][0], 9);
+            for (int i = 0; i < 3; ++i) x.s33[i][i] += 6.0f;  // well away from singular
+        }
+        fill(&a23[0][0], 6);
+        fill(&b34[0][0], 12);
+        fill(&d32[0][0], 6);
+        fill(&e23[0][0], 6);
+        fill(&m33[0][0], 9);
+        for (int i = 0; i < 3; ++i) m33[i][i] += 6.0f;
+        fill(x3, 3);
+        fill(y3, 3);
+        fill(x2, 2);
+        fill(&arr23[0][0], 6);
+        fill(flat22.data(), 4);
+        for (R& x : r) fill(x.q.data(), 4);
+        rp = {&r[2], &r[0], &r[1]};
+        for (std::size_t k = 0; k < f9.size(); ++k)
+            for (int i = 0; i < 9; ++i) f9[k][i] = std::cos(0.7 * static_cast<double>(k * 9 + i));
+        for (std::size_t i = 0; i < g.size(); ++i) g[i] = 1.0 + 0.5 * static_cast<double>((i * 7) % 11);
+    }
+};
+
+// The scratch the layer allocates itself is only known from the record.
+const void* recorded_pointer(std::size_t i) {
+    return rec::log.args.size() > i ? reinterpret_cast<const void*>(static_cast<std::uintptr_t>(rec::log.args[i]))
+                                    : nullptr;
+}
+
+struct Row {
+    const char* what;
+    std::function<status(Data&)> call;
+    const char* export_name;
+    std::function<std::vector<long long>(Data&)> expected;
+};
+
+#define ROW(what, call, name, ...)                                                          \
+    Row {                                                                                   \
+        what, [](Data& d) { return call; }, name, [](Data& d) { return args(__VA_ARGS__); } \
+    }
+
+const std::vector<Row>& rows() {
+    using omkm::field;
+    static const std::vector<Row> t = {
+        // ---- Mul: stored width and height per source, the destination's strides only
+        ROW("C arrays, m*m", omkm::mul(d.a23, d.b34, d.c24), "omkmMul_mm_32f", &d.a23[0][0], 12, F4, 3, 2, &d.b34[0][0],
+            16, F4, 4, 3, &d.c24[0][0], 16, F4),
+        ROW("std::array matrix times a transposed one, m*t",
+            omkm::mul(d.arr23, transposed(d.e23), omkm::mat<2, 2>(d.flat22)), "omkmMul_mt_32f", d.arr23[0].data(), 12,
+            F4, 3, 2, &d.e23[0][0], 12, F4, 3, 2, d.flat22.data(), 8, F4),
+        ROW("t*m", omkm::mul(transposed(d.d32), d.m33, d.a23), "omkmMul_tm_32f", &d.d32[0][0], 8, F4, 2, 3,
+            &d.m33[0][0], 12, F4, 3, 3, &d.a23[0][0], 12, F4),
+        ROW("t*t", omkm::mul(transposed(d.d32), transposed(d.e23), omkm::mat<2, 2>(d.flat22)), "omkmMul_tt_32f",
+            &d.d32[0][0], 8, F4, 2, 3, &d.e23[0][0], 12, F4, 3, 2, d.flat22.data(), 8, F4),
+        ROW("m*v", omkm::mul(d.a23, d.x3, d.x2), "omkmMul_mv_32f", &d.a23[0][0], 12, F4, 3, 2, d.x3, F4, 3, d.x2, F4),
+        ROW("t*v", omkm::mul(transposed(d.d32), d.x3, d.x2), "omkmMul_tv_32f", &d.d32[0][0], 8, F4, 2, 3, d.x3, F4, 3,
+            d.x2, F4),
+        ROW("one matrix times each of an array, mma", omkm::mul(d.a23, field(d.r, &R::m34), field(d.r, &R::m24)),
+            "omkmMul_mma_32f", &d.a23[0][0], 12, F4, 3, 2, &d.r[0].m34[0][0], kRec, 16, F4, 4, 3, &d.r[0].m24[0][0],
+            kRec, 16, F4, 3),
+        ROW("mta", omkm::mul(d.m33, transposed(field(d.r, &R::n23)), field(d.r, &R::m32)), "omkmMul_mta_32f",
+            &d.m33[0][0], 12, F4, 3, 3, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, &d.r[0].m32[0][0], kRec, 8, F4, 3),
+        ROW("each of an array times one, mam", omkm::mul(field(d.r, &R::m23), d.b34, field(d.r, &R::m24)),
+            "omkmMul_mam_32f", &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, &d.b34[0][0], 16, F4, 4, 3, &d.r[0].m24[0][0],
+            kRec, 16, F4, 3),
+        ROW("tat", omkm::mul(transposed(field(d.r, &R::m23)), transposed(d.d32), field(d.r, &R::s33)),
+            "omkmMul_tat_32f", &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, &d.d32[0][0], 8, F4, 2, 3, &d.r[0].s33[0][0],
+            kRec, 12, F4, 3),
+        ROW("pairwise, mama", omkm::mul(field(d.r, &R::m23), field(d.r, &R::m34), field(d.r, &R::m24)),
+            "omkmMul_mama_32f", &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, &d.r[0].m34[0][0], kRec, 16, F4, 4, 3,
+            &d.r[0].m24[0][0], kRec, 16, F4, 3),
+        ROW("tama", omkm::mul(transposed(field(d.r, &R::m32)), field(d.r, &R::s33), field(d.r, &R::n23)),
+            "omkmMul_tama_32f", &d.r[0].m32[0][0], kRec, 8, F4, 2, 3, &d.r[0].s33[0][0], kRec, 12, F4, 3, 3,
+            &d.r[0].n23[0][0], kRec, 12, F4, 3),
+        ROW("tata", omkm::mul(transposed(field(d.r, &R::m23)), transposed(field(d.r, &R::m32)), field(d.r, &R::s33)),
+            "omkmMul_tata_32f", &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, &d.r[0].m32[0][0], kRec, 8, F4, 2, 3,
+            &d.r[0].s33[0][0], kRec, 12, F4, 3),
+        ROW("mva", omkm::mul(d.a23, field(d.r, &R::v3), field(d.r, &R::v2)), "omkmMul_mva_32f", &d.a23[0][0], 12, F4, 3,
+            2, d.r[0].v3, kRec, F4, 3, d.r[0].v2, kRec, F4, 3),
+        ROW("tav", omkm::mul(transposed(field(d.r, &R::m32)), d.x3, field(d.r, &R::v2)), "omkmMul_tav_32f",
+            &d.r[0].m32[0][0], kRec, 8, F4, 2, 3, d.x3, F4, 3, d.r[0].v2, kRec, F4, 3),
+        ROW("mava", omkm::mul(field(d.r, &R::m23), field(d.r, &R::v3), field(d.r, &R::v2)), "omkmMul_mava_32f",
+            &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, d.r[0].v3, kRec, F4, 3, d.r[0].v2, kRec, F4, 3),
+        ROW("mat", omkm::mul(field(d.r, &R::m32), transposed(d.d32), field(d.r, &R::s33)), "omkmMul_mat_32f",
+            &d.r[0].m32[0][0], kRec, 8, F4, 2, 3, &d.d32[0][0], 8, F4, 2, 3, &d.r[0].s33[0][0], kRec, 12, F4, 3),
+        ROW("tam", omkm::mul(transposed(field(d.r, &R::m23)), d.arr23, field(d.r, &R::s33)), "omkmMul_tam_32f",
+            &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, d.arr23[0].data(), 12, F4, 3, 2, &d.r[0].s33[0][0], kRec, 12, F4, 3),
+        ROW("tma", omkm::mul(transposed(d.d32), field(d.r, &R::m34), field(d.r, &R::m24)), "omkmMul_tma_32f",
+            &d.d32[0][0], 8, F4, 2, 3, &d.r[0].m34[0][0], kRec, 16, F4, 4, 3, &d.r[0].m24[0][0], kRec, 16, F4, 3),
+        ROW("tta", omkm::mul(transposed(d.d32), transposed(field(d.r, &R::m23)), field<2, 2>(d.r, &R::q)),
+            "omkmMul_tta_32f", &d.d32[0][0], 8, F4, 2, 3, &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, d.r[0].q.data(), kRec,
+            8, F4, 3),
+        ROW("mav", omkm::mul(field(d.r, &R::m23), d.x3, field(d.r, &R::v2)), "omkmMul_mav_32f", &d.r[0].m23[0][0], kRec,
+            12, F4, 3, 2, d.x3, F4, 3, d.r[0].v2, kRec, F4, 3),
+        ROW("tva", omkm::mul(transposed(d.d32), field(d.r, &R::v3), field(d.r, &R::v2)), "omkmMul_tva_32f",
+            &d.d32[0][0], 8, F4, 2, 3, d.r[0].v3, kRec, F4, 3, d.r[0].v2, kRec, F4, 3),
+        ROW("tava", omkm::mul(transposed(field(d.r, &R::m32)), field(d.r, &R::v3), field(d.r, &R::v2)),
+            "omkmMul_tava_32f", &d.r[0].m32[0][0], kRec, 8, F4, 2, 3, d.r[0].v3, kRec, F4, 3, d.r[0].v2, kRec, F4, 3),
+        // ---- Add and Sub: the result's width and height once, after the destination
+        ROW("Add mm", omkm::add(d.a23, d.arr23, d.e23), "omkmAdd_mm_32f", &d.a23[0][0], 12, F4, d.arr23[0].data(), 12,
+            F4, &d.e23[0][0], 12, F4, 3, 2),
+        ROW("Add tm: width and height are the result's", omkm::add(transposed(d.d32), d.a23, d.e23), "omkmAdd_tm_32f",
+            &d.d32[0][0], 8, F4, &d.a23[0][0], 12, F4, &d.e23[0][0], 12, F4, 3, 2),
+        ROW("Add mat", omkm::add(field(d.r, &R::m23), transposed(d.d32), field(d.r, &R::n23)), "omkmAdd_mat_32f",
+            &d.r[0].m23[0][0], kRec, 12, F4, &d.d32[0][0], 8, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Add tama", omkm::add(transposed(field(d.r, &R::m32)), field(d.r, &R::m23), field(d.r, &R::n23)),
+            "omkmAdd_tama_32f", &d.r[0].m32[0][0], kRec, 8, F4, &d.r[0].m23[0][0], kRec, 12, F4, &d.r[0].n23[0][0],
+            kRec, 12, F4, 3, 2, 3),
+        ROW("Add vc", omkm::add(d.x3, 1.5f, d.y3), "omkmAdd_vc_32f", d.x3, F4, 1.5f, d.y3, F4, 3),
+        ROW("Add vav", omkm::add(field(d.r, &R::v3), d.x3, field(d.r, &R::w3)), "omkmAdd_vav_32f", d.r[0].v3, kRec, F4,
+            d.x3, F4, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Add vca: a constant per record", omkm::add(d.x3, field(d.r, &R::k), field(d.r, &R::w3)), "omkmAdd_vca_32f",
+            d.x3, F4, &d.r[0].k, kRec, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Add vaca", omkm::add(field(d.r, &R::v3), field(d.r, &R::k), field(d.r, &R::w3)), "omkmAdd_vaca_32f",
+            d.r[0].v3, kRec, F4, &d.r[0].k, kRec, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Sub mt", omkm::sub(d.a23, transposed(d.d32), d.e23), "omkmSub_mt_32f", &d.a23[0][0], 12, F4, &d.d32[0][0],
+            8, F4, &d.e23[0][0], 12, F4, 3, 2),
+        ROW("Sub mma", omkm::sub(d.a23, field(d.r, &R::m23), field(d.r, &R::n23)), "omkmSub_mma_32f", &d.a23[0][0], 12,
+            F4, &d.r[0].m23[0][0], kRec, 12, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Sub mata", omkm::sub(field(d.r, &R::m23), transposed(field(d.r, &R::m32)), field(d.r, &R::n23)),
+            "omkmSub_mata_32f", &d.r[0].m23[0][0], kRec, 12, F4, &d.r[0].m32[0][0], kRec, 8, F4, &d.r[0].n23[0][0],
+            kRec, 12, F4, 3, 2, 3),
+        ROW("Sub cv: the vector first in the list", omkm::sub(2.0f, d.x3, d.y3), "omkmSub_cv_32f", d.x3, F4, 2.0f, d.y3,
+            F4, 3),
+        ROW("Sub vva", omkm::sub(d.x3, field(d.r, &R::v3), field(d.r, &R::w3)), "omkmSub_vva_32f", d.x3, F4, d.r[0].v3,
+            kRec, F4, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Sub cva", omkm::sub(0.5f, field(d.r, &R::v3), field(d.r, &R::w3)), "omkmSub_cva_32f", d.r[0].v3, kRec, F4,
+            0.5f, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Sub cav", omkm::sub(field(d.r, &R::k), d.x3, field(d.r, &R::w3)), "omkmSub_cav_32f", d.x3, F4, &d.r[0].k,
+            kRec, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Sub cava", omkm::sub(field(d.r, &R::k), field(d.r, &R::v3), field(d.r, &R::w3)), "omkmSub_cava_32f",
+            d.r[0].v3, kRec, F4, &d.r[0].k, kRec, d.r[0].w3, kRec, F4, 3, 3),
+        // ---- Mul by a constant: the result's width and height, the vector first before constants
+        ROW("Mul tc", omkm::mul(transposed(d.d32), 2.0f, d.a23), "omkmMul_tc_32f", &d.d32[0][0], 8, F4, 2.0f,
+            &d.a23[0][0], 12, F4, 3, 2),
+        ROW("Mul mac", omkm::mul(field(d.r, &R::m23), 0.5f, field(d.r, &R::n23)), "omkmMul_mac_32f", &d.r[0].m23[0][0],
+            kRec, 12, F4, 0.5f, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Mul vca", omkm::mul(d.x3, field(d.r, &R::k), field(d.r, &R::w3)), "omkmMul_vca_32f", d.x3, F4, &d.r[0].k,
+            kRec, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Mul vaca through pointers", omkm::mul(field(d.rp, &R::v3), field(d.rp, &R::k), field(d.rp, &R::w3)),
+            "omkmMul_vaca_32f_L", d.rp.data(), int(offsetof(R, v3)), F4, d.rp.data(), int(offsetof(R, k)), d.rp.data(),
+            int(offsetof(R, w3)), F4, 3, 3),
+        ROW("Mul vc, double", omkm::mul(omkm::vec<4>(d.g.data()), 3.0, omkm::vec<4>(d.h.data())), "omkmMul_vc_64f",
+            d.g.data(), 8, 3.0, d.h.data(), 8, 4),
+        // ---- the remaining Add, Sub, Mul-by-constant, cross, det and invert forms, one row each
+        ROW("Add tt", omkm::add(transposed(d.d32), transposed(d.d32), d.e23), "omkmAdd_tt_32f", &d.d32[0][0], 8, F4,
+            &d.d32[0][0], 8, F4, &d.e23[0][0], 12, F4, 3, 2),
+        ROW("Add mam", omkm::add(field(d.r, &R::m23), d.a23, field(d.r, &R::n23)), "omkmAdd_mam_32f", &d.r[0].m23[0][0],
+            kRec, 12, F4, &d.a23[0][0], 12, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Add tam", omkm::add(transposed(field(d.r, &R::m32)), d.a23, field(d.r, &R::n23)), "omkmAdd_tam_32f",
+            &d.r[0].m32[0][0], kRec, 8, F4, &d.a23[0][0], 12, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Add mama", omkm::add(field(d.r, &R::m23), field(d.r, &R::m23), field(d.r, &R::n23)), "omkmAdd_mama_32f",
+            &d.r[0].m23[0][0], kRec, 12, F4, &d.r[0].m23[0][0], kRec, 12, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Add tat", omkm::add(transposed(field(d.r, &R::m32)), transposed(d.d32), field(d.r, &R::n23)),
+            "omkmAdd_tat_32f", &d.r[0].m32[0][0], kRec, 8, F4, &d.d32[0][0], 8, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3,
+            2, 3),
+        ROW("Add tata",
+            omkm::add(transposed(field(d.r, &R::m32)), transposed(field(d.r, &R::m32)), field(d.r, &R::n23)),
+            "omkmAdd_tata_32f", &d.r[0].m32[0][0], kRec, 8, F4, &d.r[0].m32[0][0], kRec, 8, F4, &d.r[0].n23[0][0], kRec,
+            12, F4, 3, 2, 3),
+        ROW("Add vv", omkm::add(d.x3, d.y3, d.z3), "omkmAdd_vv_32f", d.x3, F4, d.y3, F4, d.z3, F4, 3),
+        ROW("Add vava", omkm::add(field(d.r, &R::v3), field(d.r, &R::u3), field(d.r, &R::w3)), "omkmAdd_vava_32f",
+            d.r[0].v3, kRec, F4, d.r[0].u3, kRec, F4, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Add vac", omkm::add(field(d.r, &R::v3), 1.0f, field(d.r, &R::w3)), "omkmAdd_vac_32f", d.r[0].v3, kRec, F4,
+            1.0f, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Sub mm", omkm::sub(d.a23, d.arr23, d.e23), "omkmSub_mm_32f", &d.a23[0][0], 12, F4, d.arr23[0].data(), 12,
+            F4, &d.e23[0][0], 12, F4, 3, 2),
+        ROW("Sub tm", omkm::sub(transposed(d.d32), d.a23, d.e23), "omkmSub_tm_32f", &d.d32[0][0], 8, F4, &d.a23[0][0],
+            12, F4, &d.e23[0][0], 12, F4, 3, 2),
+        ROW("Sub tt", omkm::sub(transposed(d.d32), transposed(d.d32), d.e23), "omkmSub_tt_32f", &d.d32[0][0], 8, F4,
+            &d.d32[0][0], 8, F4, &d.e23[0][0], 12, F4, 3, 2),
+        ROW("Sub mam", omkm::sub(field(d.r, &R::m23), d.a23, field(d.r, &R::n23)), "omkmSub_mam_32f", &d.r[0].m23[0][0],
+            kRec, 12, F4, &d.a23[0][0], 12, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Sub tam", omkm::sub(transposed(field(d.r, &R::m32)), d.a23, field(d.r, &R::n23)), "omkmSub_tam_32f",
+            &d.r[0].m32[0][0], kRec, 8, F4, &d.a23[0][0], 12, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Sub mat", omkm::sub(field(d.r, &R::m23), transposed(d.d32), field(d.r, &R::n23)), "omkmSub_mat_32f",
+            &d.r[0].m23[0][0], kRec, 12, F4, &d.d32[0][0], 8, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Sub tat", omkm::sub(transposed(field(d.r, &R::m32)), transposed(d.d32), field(d.r, &R::n23)),
+            "omkmSub_tat_32f", &d.r[0].m32[0][0], kRec, 8, F4, &d.d32[0][0], 8, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3,
+            2, 3),
+        ROW("Sub tma", omkm::sub(transposed(d.d32), field(d.r, &R::m23), field(d.r, &R::n23)), "omkmSub_tma_32f",
+            &d.d32[0][0], 8, F4, &d.r[0].m23[0][0], kRec, 12, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Sub mta", omkm::sub(d.a23, transposed(field(d.r, &R::m32)), field(d.r, &R::n23)), "omkmSub_mta_32f",
+            &d.a23[0][0], 12, F4, &d.r[0].m32[0][0], kRec, 8, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Sub tta", omkm::sub(transposed(d.d32), transposed(field(d.r, &R::m32)), field(d.r, &R::n23)),
+            "omkmSub_tta_32f", &d.d32[0][0], 8, F4, &d.r[0].m32[0][0], kRec, 8, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3,
+            2, 3),
+        ROW("Sub mama", omkm::sub(field(d.r, &R::m23), field(d.r, &R::m23), field(d.r, &R::n23)), "omkmSub_mama_32f",
+            &d.r[0].m23[0][0], kRec, 12, F4, &d.r[0].m23[0][0], kRec, 12, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Sub tama", omkm::sub(transposed(field(d.r, &R::m32)), field(d.r, &R::m23), field(d.r, &R::n23)),
+            "omkmSub_tama_32f", &d.r[0].m32[0][0], kRec, 8, F4, &d.r[0].m23[0][0], kRec, 12, F4, &d.r[0].n23[0][0],
+            kRec, 12, F4, 3, 2, 3),
+        ROW("Sub tata",
+            omkm::sub(transposed(field(d.r, &R::m32)), transposed(field(d.r, &R::m32)), field(d.r, &R::n23)),
+            "omkmSub_tata_32f", &d.r[0].m32[0][0], kRec, 8, F4, &d.r[0].m32[0][0], kRec, 8, F4, &d.r[0].n23[0][0], kRec,
+            12, F4, 3, 2, 3),
+        ROW("Sub vv", omkm::sub(d.x3, d.y3, d.z3), "omkmSub_vv_32f", d.x3, F4, d.y3, F4, d.z3, F4, 3),
+        ROW("Sub vc", omkm::sub(d.x3, 1.5f, d.y3), "omkmSub_vc_32f", d.x3, F4, 1.5f, d.y3, F4, 3),
+        ROW("Sub vav", omkm::sub(field(d.r, &R::v3), d.x3, field(d.r, &R::w3)), "omkmSub_vav_32f", d.r[0].v3, kRec, F4,
+            d.x3, F4, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Sub vava", omkm::sub(field(d.r, &R::v3), field(d.r, &R::u3), field(d.r, &R::w3)), "omkmSub_vava_32f",
+            d.r[0].v3, kRec, F4, d.r[0].u3, kRec, F4, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Sub vac", omkm::sub(field(d.r, &R::v3), 1.0f, field(d.r, &R::w3)), "omkmSub_vac_32f", d.r[0].v3, kRec, F4,
+            1.0f, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Sub vca", omkm::sub(d.x3, field(d.r, &R::k), field(d.r, &R::w3)), "omkmSub_vca_32f", d.x3, F4, &d.r[0].k,
+            kRec, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Sub vaca", omkm::sub(field(d.r, &R::v3), field(d.r, &R::k), field(d.r, &R::w3)), "omkmSub_vaca_32f",
+            d.r[0].v3, kRec, F4, &d.r[0].k, kRec, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Mul mc", omkm::mul(d.a23, 2.0f, d.e23), "omkmMul_mc_32f", &d.a23[0][0], 12, F4, 2.0f, &d.e23[0][0], 12, F4,
+            3, 2),
+        ROW("Mul tac", omkm::mul(transposed(field(d.r, &R::m32)), 2.0f, field(d.r, &R::n23)), "omkmMul_tac_32f",
+            &d.r[0].m32[0][0], kRec, 8, F4, 2.0f, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("Mul vac", omkm::mul(field(d.r, &R::v3), 2.0f, field(d.r, &R::w3)), "omkmMul_vac_32f", d.r[0].v3, kRec, F4,
+            2.0f, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("cross vav", omkm::cross(field(d.r, &R::v3), d.x3, field(d.r, &R::w3)), "omkmCrossProduct_vav_32f",
+            d.r[0].v3, kRec, F4, d.x3, F4, d.r[0].w3, kRec, F4, 3),
+        ROW("cross vava", omkm::cross(field(d.r, &R::v3), field(d.r, &R::u3), field(d.r, &R::w3)),
+            "omkmCrossProduct_vava_32f", d.r[0].v3, kRec, F4, d.r[0].u3, kRec, F4, d.r[0].w3, kRec, F4, 3),
+        ROW("det, own scratch", omkm::det(d.m33, d.out1), "omkmDet_m_32f", &d.m33[0][0], 12, F4, 3, recorded_pointer(4),
+            &d.out1),
+        ROW("invert each in place, own scratch", omkm::invert(field(d.r, &R::s33), field(d.r, &R::s33)),
+            "omkmInvert_ma_32f", &d.r[0].s33[0][0], kRec, 12, F4, recorded_pointer(4), &d.r[0].s33[0][0], kRec, 12, F4,
+            3, 3),
+        // ---- scalar results
+        ROW("dot vv", omkm::dot(d.x3, d.y3, d.out1), "omkmDotProduct_vv_32f", d.x3, F4, d.y3, F4, &d.out1, 3),
+        ROW("dot vav into a vector", omkm::dot(field(d.r, &R::v3), d.x3, d.outs), "omkmDotProduct_vav_32f", d.r[0].v3,
+            kRec, F4, d.x3, F4, d.outs.data(), 3, 3),
+        ROW("dot vava", omkm::dot(field(d.r, &R::v3), field(d.r, &R::w3), d.outs.data()), "omkmDotProduct_vava_32f",
+            d.r[0].v3, kRec, F4, d.r[0].w3, kRec, F4, d.outs.data(), 3, 3),
+        ROW("cross vva", omkm::cross(d.x3, field(d.r, &R::v3), field(d.r, &R::w3)), "omkmCrossProduct_vva_32f", d.x3,
+            F4, d.r[0].v3, kRec, F4, d.r[0].w3, kRec, F4, 3),
+        ROW("cross vv", omkm::cross(d.x3, d.y3, d.z3), "omkmCrossProduct_vv_32f", d.x3, F4, d.y3, F4, d.z3, F4),
+        ROW("norm of a vector", omkm::norm(d.x3, d.out1), "omkmL2Norm_v_32f", d.x3, F4, &d.out1, 3),
+        ROW("norm of each vector", omkm::norm(field(d.r, &R::v3), d.outs), "omkmL2Norm_va_32f", d.r[0].v3, kRec, F4,
+            d.outs.data(), 3, 3),
+        ROW("Frobenius norm", omkm::norm(d.a23, d.out1), "omkmFrobNorm_m_32f", &d.a23[0][0], 12, F4, 3, 2, &d.out1),
+        ROW("Frobenius norm of each", omkm::norm(field(d.r, &R::m23), d.outs), "omkmFrobNorm_ma_32f", &d.r[0].m23[0][0],
+            kRec, 12, F4, 3, 2, d.outs.data(), 3),
+        // ---- det and invert with the caller's scratch (the own scratch is checked by bits below)
+        ROW("det with a buffer", omkm::det(d.m33, d.out1, &d.c24[0][0]), "omkmDet_m_32f", &d.m33[0][0], 12, F4, 3,
+            &d.c24[0][0], &d.out1),
+        ROW("det of each", omkm::det(field(d.r, &R::s33), d.outs, &d.c24[0][0]), "omkmDet_ma_32f", &d.r[0].s33[0][0],
+            kRec, 12, F4, 3, &d.c24[0][0], d.outs.data(), 3),
+        ROW("invert with a buffer", omkm::invert(d.m33, d.r[0].s33, &d.c24[0][0]), "omkmInvert_m_32f", &d.m33[0][0], 12,
+            F4, &d.c24[0][0], &d.r[0].s33[0][0], 12, F4, 3),
+        ROW("read-only records", omkm::mul(field(std::as_const(d.r), &R::m23), d.b34, field(d.r, &R::m24)),
+            "omkmMul_mam_32f", &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, &d.b34[0][0], 16, F4, 4, 3, &d.r[0].m24[0][0],
+            kRec, 16, F4, 3),
+        ROW("flat 3x3 doubles in a vector, shape from mat<3, 3>",
+            omkm::mul(omkm::mat<3, 3>(d.f9), transposed(omkm::mat<3, 3>(d.f9)), omkm::mat<3, 3>(d.f9out)),
+            "omkmMul_mata_64f", d.f9[0].data(), 72, 24, 8, 3, 3, d.f9[0].data(), 72, 24, 8, 3, 3, d.f9out[0].data(), 72,
+            24, 8, 4),
+        ROW("flat record member read as 2x2",
+            omkm::add(field<2, 2>(d.r, &R::q), omkm::mat<2, 2>(d.flat22), field<2, 2>(d.r, &R::q2)), "omkmAdd_mam_32f",
+            d.r[0].q.data(), kRec, 8, F4, d.flat22.data(), 8, F4, d.r[0].q2.data(), kRec, 8, F4, 2, 2, 3),
+        ROW("one matrix from a pointer", omkm::det(omkm::mat<3, 3>(&d.m33[0][0]), d.out1, &d.c24[0][0]),
+            "omkmDet_m_32f", &d.m33[0][0], 12, F4, 3, &d.c24[0][0], &d.out1),
+#if __cplusplus >= 202002L
+        ROW("records through std::span", omkm::norm(field(std::span<R>(d.r).subspan(1), &R::v3), d.outs.data()),
+            "omkmL2Norm_va_32f", d.r[1].v3, kRec, F4, d.outs.data(), 3, 2),
+#endif
+        // ---- the layout description (_L): one pointer per object and a ROI shift
+        ROW("records through pointers, mama",
+            omkm::mul(field(d.rp, &R::m23), field(d.rp, &R::m34), field(d.rp, &R::m24)), "omkmMul_mama_32f_L",
+            d.rp.data(), int(offsetof(R, m23)), 12, F4, 3, 2, d.rp.data(), int(offsetof(R, m34)), 16, F4, 4, 3,
+            d.rp.data(), int(offsetof(R, m24)), 16, F4, 3),
+        ROW("tava through pointers",
+            omkm::mul(transposed(field(d.rp, &R::m32)), field(d.rp, &R::v3), field(d.rp, &R::v2)), "omkmMul_tava_32f_L",
+            d.rp.data(), int(offsetof(R, m32)), 8, F4, 2, 3, d.rp.data(), int(offsetof(R, v3)), F4, 3, d.rp.data(),
+            int(offsetof(R, v2)), F4, 3),
+        ROW("Add vca through pointers", omkm::add(d.x3, field(d.rp, &R::k), field(d.rp, &R::w3)), "omkmAdd_vca_32f_L",
+            d.x3, F4, d.rp.data(), int(offsetof(R, k)), d.rp.data(), int(offsetof(R, w3)), F4, 3, 3),
+        ROW("flat members through pointers",
+            omkm::add(field<2, 2>(d.rp, &R::q), omkm::mat<2, 2>(d.flat22), field<2, 2>(d.rp, &R::q2)),
+            "omkmAdd_mam_32f_L", d.rp.data(), int(offsetof(R, q)), 8, F4, d.flat22.data(), 8, F4, d.rp.data(),
+            int(offsetof(R, q2)), 8, F4, 2, 2, 3),
+        ROW("det of each through pointers", omkm::det(field(d.rp, &R::s33), d.outs, &d.c24[0][0]), "omkmDet_ma_32f_L",
+            d.rp.data(), int(offsetof(R, s33)), 12, F4, 3, &d.c24[0][0], d.outs.data(), 3),
+        ROW("tables of element pointers, double",
+            omkm::invert(omkm::matrix_table(d.tin, 2, 2, 2, 16, 8), omkm::matrix_table(d.tout, 2, 2, 2, 8, 16, 0)),
+            "omkmInvert_ma_64f_L", d.tin, 0, 16, 8, recorded_pointer(4), d.tout, 0, 8, 16, 2, 2),
+        ROW("dot of table vectors with one",
+            omkm::dot(omkm::vector_table(d.tin, 2, 3, 8, 8), omkm::vec<3>(d.g.data()), d.h.data()),
+            "omkmDotProduct_vav_64f_L", d.tin, 8, 8, d.g.data(), 8, d.h.data(), 3, 2),
+        // ---- double, raw memory with strides: matrices stored by columns, vectors every other element
+        ROW("strided double m*t",
+            omkm::mul(omkm::strided_matrix(d.g.data(), 2, 3, 8, 16),
+                      transposed(omkm::strided_matrix(d.g.data() + 6, 4, 3, 8, 32)),
+                      omkm::strided_matrix(d.h.data(), 2, 4, 8, 16)),
+            "omkmMul_mt_64f", d.g.data(), 8, 16, 3, 2, d.g.data() + 6, 8, 32, 3, 4, d.h.data(), 8, 16),
+        ROW("strided double vava add",
+            omkm::add(omkm::strided_vectors(d.g.data(), 3, 4, 64, 16),
+                      omkm::strided_vectors(d.g.data() + 1, 3, 4, 64, 16),
+                      omkm::strided_vectors(d.h.data(), 3, 4, 40, 8)),
+            "omkmAdd_vava_64f", d.g.data(), 64, 16, d.g.data() + 1, 64, 16, d.h.data(), 40, 8, 4, 3),
+        ROW("double constants",
+            omkm::sub(omkm::strided_vectors(d.g.data(), 3, 4, 64, 16), omkm::constants(d.h.data() + 20, 3),
+                      omkm::strided_vectors(d.h.data(), 3, 4, 40, 8)),
+            "omkmSub_vaca_64f", d.g.data(), 64, 16, d.h.data() + 20, 8, d.h.data(), 40, 8, 4, 3),
+        ROW("double invert of each, own scratch",
+            omkm::invert(omkm::strided_matrices(d.g.data(), 2, 2, 2, 64, 8, 16),
+                         omkm::strided_matrices(d.h.data(), 2, 2, 2, 32, 16, 8)),
+            "omkmInvert_ma_64f", d.g.data(), 64, 8, 16, recorded_pointer(4), d.h.data(), 32, 16, 8, 2, 2),
+    };
+    return t;
+}
+
+TEST(CppInterface, EachOverloadReachesItsExportWithTheStridesSizesAndCount) {
+    for (const Row& row : rows()) {
+        SCOPED_TRACE(row.what);
+        Data d;
+        rec::log = {};
+        const status st = row.call(d);
+        EXPECT_EQ(st, status::ok);
+        EXPECT_EQ(rec::log.calls, 1);
+        EXPECT_EQ(rec::log.name, row.export_name);
+        EXPECT_EQ(rec::log.args, row.expected(d));
+    }
+}
+
+}  // namespace
+
+namespace {
+
+template <class X>
+bool same_bytes(const X& a, const X& b) {
+    return std::memcmp(&a, &b, sizeof(X)) == 0;
+}
+
+// The C++ call and the direct C call on the same inputs give the same bits (each into its own copy
+// of the destination); the scratch-taking families run on the layer's own scratch here, on the
+// stack up to order 8 and allocated above.
+TEST(CppInterface, ResultsAreTheBitsOfTheDirectCCall) {
+    struct Body {
+        int id;
+        float pose[4][4];
+        float step[4][4];
+        float next[4][4];
+        float marker[4];
+        float world[4];
+    };
+    std::vector<Body> b(37);
+    for (std::size_t k = 0; k < b.size(); ++k)
+        for (int i = 0; i < 16; ++i) {
+            (&b[k].pose[0][0])[i] = std::sin(0.7f * static_cast<float>(k * 16 + i));
+            (&b[k].step[0][0])[i] = std::cos(0.3f * static_cast<float>(k * 16 + i));
+            b[k].marker[i % 4] = 0.1f * static_cast<float>(i + static_cast<int>(k));
+        }
+    std::vector<Body> c = b;
+    const int rec = static_cast<int>(sizeof(Body)), n = static_cast<int>(b.size());
+    ASSERT_EQ(omkm::mul(omkm::field(b, &Body::pose), omkm::field(b, &Body::step), omkm::field(b, &Body::next)),
+              status::ok);
+    ASSERT_EQ(omkmMul_mama_32f(&c[0].pose[0][0], rec, 16, 4, 4, 4, &c[0].step[0][0], rec, 16, 4, 4, 4, &c[0].next[0][0],
+                               rec, 16, 4, n),
+              omkStsOk);
+    ASSERT_EQ(
+        omkm::mul(transposed(omkm::field(b, &Body::next)), omkm::field(b, &Body::marker), omkm::field(b, &Body::world)),
+        status::ok);
+    ASSERT_EQ(omkmMul_tava_32f(&c[0].next[0][0], rec, 16, 4, 4, 4, c[0].marker, rec, 4, 4, c[0].world, rec, 4, n),
+              omkStsOk);
+    for (int k = 0; k < n; ++k) {
+        EXPECT_TRUE(same_bytes(b[k].next, c[k].next)) << "body " << k;
+        EXPECT_TRUE(same_bytes(b[k].world, c[k].world)) << "body " << k;
+    }
+
+    // The same through pointers to the records, in another order (the layout description).
+    std::vector<Body*> pb, pc;
+    for (int k = 0; k < n; ++k) {
+        const int j = (k * 5) % n;
+        pb.push_back(&b[j]);
+        pc.push_back(&c[j]);
+        b[j].next[0][0] = c[j].next[0][0] = -1.0f;  // overwritten by both
+    }
+    ASSERT_EQ(
+        omkm::mul(omkm::field(pb, &Body::step), transposed(omkm::field(pb, &Body::pose)), omkm::field(pb, &Body::next)),
+        status::ok);
+    ASSERT_EQ(omkmMul_mata_32f_L(
+                  const_cast<const float**>(reinterpret_cast<float**>(pc.data())), int(offsetof(Body, step)), 16, 4, 4,
+                  4, const_cast<const float**>(reinterpret_cast<float**>(pc.data())), int(offsetof(Body, pose)), 16, 4,
+                  4, 4, reinterpret_cast<float**>(pc.data()), int(offsetof(Body, next)), 16, 4, n),
+              omkStsOk);
+    for (int k = 0; k < n; ++k) EXPECT_TRUE(same_bytes(b[k].next, c[k].next)) << "body " << k;
+
+    // det and invert of orders that use the scratch: 5 and 7 (elimination), 10 (allocated scratch)
+    auto filled = [](int order, int count, double shift) {
+        std::vector<double> m(static_cast<std::size_t>(order * order * count));
+        for (std::size_t i = 0; i < m.size(); ++i) m[i] = std::sin(1.3 * static_cast<double>(i) + shift);
+        for (int k = 0; k < count; ++k)
+            for (int i = 0; i < order; ++i) m[static_cast<std::size_t>(k * order * order + i * order + i)] += order;
+        return m;
+    };
+    for (int order : {5, 7, 10}) {
+        SCOPED_TRACE(order);
+        const int count = 6, row = order * 8, obj = order * order * 8;
+        std::vector<double> m = filled(order, count, 0.1 * order), buf(omkm::scratch_elements<double>(order));
+        std::vector<double> d1(count), d2(count), i1(m.size()), i2(m.size());
+        const auto src = omkm::strided_matrices(m.data(), count, order, order, obj, row, 8);
+        EXPECT_EQ(omkm::det(src, d1), status::ok);
+        EXPECT_EQ(omkmDet_ma_64f(m.data(), obj, row, 8, order, buf.data(), d2.data(), count), omkStsOk);
+        EXPECT_EQ(d1, d2);
+        EXPECT_EQ(omkm::invert(src, omkm::strided_matrices(i1.data(), count, order, order, obj, row, 8)), status::ok);
+        EXPECT_EQ(omkmInvert_ma_64f(m.data(), obj, row, 8, buf.data(), i2.data(), obj, row, 8, order, count), omkStsOk);
+        EXPECT_EQ(0, std::memcmp(i1.data(), i2.data(), i1.size() * sizeof(double)));
+        double one1 = 0, one2 = 0;
+        EXPECT_EQ(omkm::det(omkm::strided_matrix(m.data(), order, order, row, 8), one1), status::ok);
+        EXPECT_EQ(omkmDet_m_64f(m.data(), row, 8, order, buf.data(), &one2), omkStsOk);
+        EXPECT_EQ(std::memcmp(&one1, &one2, sizeof(double)), 0);
+    }
+
+    // dot products of length 5 (strided and contiguous kernels differ by design), norms, cross products
+    std::vector<std::array<double, 5>> u(9), w(9);
+    for (std::size_t k = 0; k < u.size(); ++k)
+        for (int i = 0; i < 5; ++i) {
+            u[k][i] = std::sin(0.9 * static_cast<double>(k * 5 + i));
+            w[k][i] = std::cos(1.7 * static_cast<double>(k * 5 + i));
+        }
+    std::vector<double> r1(9), r2(9);
+    EXPECT_EQ(omkm::dot(u, w, r1), status::ok);
+    EXPECT_EQ(omkmDotProduct_vava_64f(u[0].data(), 40, 8, w[0].data(), 40, 8, r2.data(), 5, 9), omkStsOk);
+    EXPECT_EQ(r1, r2);
+    EXPECT_EQ(omkm::dot(omkm::strided_vectors(u[0].data(), 4, 3, 80, 16), omkm::vec(w[2].data(), 3), r1), status::ok);
+    EXPECT_EQ(omkmDotProduct_vav_64f(u[0].data(), 80, 16, w[2].data(), 8, r2.data(), 3, 4), omkStsOk);
+    EXPECT_EQ(r1, r2);
+    EXPECT_EQ(omkm::norm(u, r1), status::ok);
+    EXPECT_EQ(omkmL2Norm_va_64f(u[0].data(), 40, 8, r2.data(), 5, 9), omkStsOk);
+    EXPECT_EQ(r1, r2);
+    std::vector<std::array<double, 9>> f(9);  // flat 3x3 matrices, the shape given with mat<3, 3>
+    for (std::size_t k = 0; k < f.size(); ++k)
+        for (int i = 0; i < 9; ++i) f[k][i] = std::sin(0.37 * static_cast<double>(k * 9 + i));
+    EXPECT_EQ(omkm::norm(omkm::mat<3, 3>(f), r1), status::ok);
+    EXPECT_EQ(omkmFrobNorm_ma_64f(f[0].data(), 72, 24, 8, 3, 3, r2.data(), 9), omkStsOk);
+    EXPECT_EQ(r1, r2);
+    std::vector<std::array<float, 3>> p(11), q(11), x1(11), x2(11);
+    for (std::size_t k = 0; k < p.size(); ++k)
+        for (int i = 0; i < 3; ++i) {
+            p[k][i] = std::sin(0.5f * static_cast<float>(k * 3 + i));
+            q[k][i] = std::cos(2.5f * static_cast<float>(k * 3 + i));
+        }
+    EXPECT_EQ(omkm::cross(p, q, x1), status::ok);
+    EXPECT_EQ(omkmCrossProduct_vava_32f(p[0].data(), 12, 4, q[0].data(), 12, 4, x2[0].data(), 12, 4, 11), omkStsOk);
+    EXPECT_EQ(x1, x2);
+}
+
+}  // namespace
+
+namespace {
+
+// What transposed(x) means, against plain loops: x's stored rows and columns are passed as they lie
+// and the product or sum uses x's transpose. Non-square shapes, so a width taken for a height fails.
+TEST(CppInterface, TransposedOperandsGiveTheTransposesResults) {
+    double a[3][2], b[3][4], e[4][2], v3[3], s23[2][3];
+    for (int i = 0; i < 3; ++i) {
+        v3[i] = 0.5 + i;
+        for (int j = 0; j < 2; ++j) a[i][j] = 1.0 + i * 2 + j;
+        for (int j = 0; j < 4; ++j) b[i][j] = 0.25 * (i + 1) - j;
+    }
+    for (int i = 0; i < 4; ++i)
+        for (int j = 0; j < 2; ++j) e[i][j] = 3.0 - i * j;
+    for (int i = 0; i < 2; ++i)
+        for (int j = 0; j < 3; ++j) s23[i][j] = 10.0 * i + j;
+
+    double c24[2][4], ref24[2][4];  // a^T (2x3) * b (3x4)
+    ASSERT_EQ(omkm::mul(transposed(a), b, c24), status::ok);
+    for (int i = 0; i < 2; ++i)
+        for (int j = 0; j < 4; ++j) {
+            ref24[i][j] = 0;
+            for (int q = 0; q < 3; ++q) ref24[i][j] += a[q][i] * b[q][j];
+            EXPECT_NEAR(c24[i][j], ref24[i][j], 1e-12) << i << "," << j;
+        }
+    double c34[3][4];  // a (3x2) * e^T (2x4)
+    ASSERT_EQ(omkm::mul(a, transposed(e), c34), status::ok);
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 4; ++j) {
+            double t = 0;
+            for (int q = 0; q < 2; ++q) t += a[i][q] * e[j][q];
+            EXPECT_NEAR(c34[i][j], t, 1e-12) << i << "," << j;
+        }
+    double c43[4][3];  // e^T^T... (4x2) as transposed twice is stored: e (4x2) * a^T (2x3)
+    ASSERT_EQ(omkm::mul(transposed(transposed(e)), transposed(a), c43), status::ok);
+    for (int i = 0; i < 4; ++i)
+        for (int j = 0; j < 3; ++j) {
+            double t = 0;
+            for (int q = 0; q < 2; ++q) t += e[i][q] * a[j][q];
+            EXPECT_NEAR(c43[i][j], t, 1e-12) << i << "," << j;
+        }
+    double y2[2];  // a^T * v
+    ASSERT_EQ(omkm::mul(transposed(a), v3, y2), status::ok);
+    for (int i = 0; i < 2; ++i) EXPECT_NEAR(y2[i], a[0][i] * v3[0] + a[1][i] * v3[1] + a[2][i] * v3[2], 1e-12);
+    double sum[2][3], diff[2][3], scaled[2][3];  // a^T + s, s - a^T, a^T * 0.5: exact
+    ASSERT_EQ(omkm::mul(transposed(a), 0.5, scaled), status::ok);
+    ASSERT_EQ(omkm::add(transposed(a), s23, sum), status::ok);
+    ASSERT_EQ(omkm::sub(s23, transposed(a), diff), status::ok);
+    for (int i = 0; i < 2; ++i)
+        for (int j = 0; j < 3; ++j) {
+            EXPECT_EQ(sum[i][j], a[j][i] + s23[i][j]);
+            EXPECT_EQ(diff[i][j], s23[i][j] - a[j][i]);
+            EXPECT_EQ(scaled[i][j], a[j][i] * 0.5);
+        }
+    // An array read transposed: each object's transpose, from column-major storage through strides.
+    std::vector<double> cm(2 * 6);  // two 3x2 matrices stored by columns
+    for (std::size_t i = 0; i < cm.size(); ++i) cm[i] = 1.0 + static_cast<double>(i);
+    std::vector<std::array<std::array<double, 4>, 2>> out(2);
+    ASSERT_EQ(omkm::mul(transposed(omkm::strided_matrices(cm.data(), 2, 3, 2, 48, 8, 24)), b, out), status::ok);
+    for (int k = 0; k < 2; ++k)
+        for (int i = 0; i < 2; ++i)
+            for (int j = 0; j < 4; ++j) {
+                double t = 0;  // stored (q, i) is cm[k*6 + i*3 + q]
+                for (int q = 0; q < 3; ++q) t += cm[static_cast<std::size_t>(k * 6 + i * 3 + q)] * b[q][j];
+                EXPECT_NEAR(out[k][i][j], t, 1e-12) << k << ":" << i << "," << j;
+            }
+}
+
+// The checks the layer makes itself: a destination of the wrong shape, arrays of different counts,
+// mismatched lengths, a non-square det or invert, cross products of other than 3-vectors, too little
+// room for scalar results. Each returns size_mismatch before any C call.
+TEST(CppInterface, TheLayersOwnChecksStopBeforeTheCall) {
+    float a23[2][3] = {}, b34[3][4] = {}, c23[2][3] = {}, v3[3] = {}, v4[4] = {}, out = 0;
+    std::vector<std::array<std::array<float, 3>, 3>> m3(3), m3b(2);
+    std::vector<std::array<float, 3>> vs(3), ws(2);
+    std::vector<float> room(2);
+    const std::vector<std::pair<const char*, std::function<status()>>> cases = {
+        {"product into a 2x3", [&] { return omkm::mul(a23, b34, c23); }},
+        {"product of a 2x3 into a 3-vector", [&] { return omkm::mul(a23, v3, v3); }},
+        {"3 and 2 matrices pairwise", [&] { return omkm::mul(m3, m3, m3b); }},
+        {"difference of a 2x3 and a transposed 2x3", [&] { return omkm::sub(a23, transposed(c23), c23); }},
+        {"3-vector plus 4-vector", [&] { return omkm::add(v3, v4, v3); }},
+        {"vector arrays of 3 and 2", [&] { return omkm::sub(vs, ws, vs); }},
+        {"det of a 2x3", [&] { return omkm::det(a23, out); }},
+        {"invert a 2x3", [&] { return omkm::invert(a23, c23); }},
+        {"invert into 2 of 3", [&] { return omkm::invert(m3, m3b); }},
+        {"cross of 4-vectors", [&] { return omkm::cross(v4, v4, v4); }},
+        {"dot of 3 and 4", [&] { return omkm::dot(v3, v4, out); }},
+        {"3 dets into room for 2", [&] { return omkm::det(m3, room); }},
+        {"3 norms into room for 2", [&] { return omkm::norm(vs, room); }},
+        {"a record member of 3x4 read as 2x3",
+         [&] {
+             struct Rec {
+                 std::array<float, 12> flat;
+             };
+             std::vector<Rec> r(2);
+             return omkm::add(omkm::field<3, 4>(r, &Rec::flat), a23, omkm::field<3, 4>(r, &Rec::flat));
+         }},
+    };
+    for (const auto& [what, call] : cases) {
+        SCOPED_TRACE(what);
+        rec::log = {};
+        EXPECT_EQ(call(), status::size_mismatch);
+        EXPECT_EQ(rec::log.calls, 0);
+    }
+}
+
+// The C call's own statuses come back as they are, and the _or_throw forms raise them.
+TEST(CppInterface, CStatusesPassThroughAndThrowingFormsRaiseThem) {
+    float a[3][3] = {{1, 2, 3}, {2, 4, 6}, {0, 1, 1}}, inv[3][3], d[3][3] = {};
+    EXPECT_EQ(omkm::invert(a, inv), status::singular);
+    try {
+        omkm::invert_or_throw(a, inv);
+        ADD_FAILURE() << "no exception";
+    } catch (const omkm::error& e) {
+        EXPECT_EQ(e.code(), status::singular);
+        EXPECT_NE(std::string(e.what()).find("singular"), std::string::npos) << e.what();
+    }
+    EXPECT_EQ(omkm::mul(omkm::strided_matrix(static_cast<const float*>(nullptr), 3, 3, 12, 4), a, d), status::null_ptr);
+    EXPECT_EQ(omkm::add(omkm::strided_matrix(&a[0][0], 3, 3, 12, 6), a, d), status::bad_stride);
+    EXPECT_THROW(
+        omkm::mul_or_throw(omkm::strided_matrix(&a[0][0], 3, 3, 12, 4), omkm::strided_matrix(&a[0][0], 3, 3, 12, 4),
+                           omkm::strided_matrix(&d[0][0], 3, 3, 0, 4)),
+        omkm::error);
+    struct Rec {
+        float m[3][3];
+    };
+    std::vector<Rec> none;
+    rec::log = {};
+    EXPECT_NE(omkm::add(omkm::field(none, &Rec::m), a, omkm::field(none, &Rec::m)),
+              status::ok);  // the C call's verdict
+    EXPECT_EQ(rec::log.calls, 1);
+    float e[3][3] = {{2, 0, 0}, {0, 4, 0}, {0, 0, 8}};
+    EXPECT_NO_THROW(omkm::invert_or_throw(e, inv));
+    EXPECT_EQ(inv[2][2], 0.125f);
+    float det = 0;
+    omkm::det_or_throw(e, det);
+    EXPECT_EQ(det, 64.0f);
+}
+
+}  // namespace
