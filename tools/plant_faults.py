@@ -38,11 +38,11 @@ FAULTS = os.path.join(REPO, "tools", "faults.txt")
 DEFAULT_SCRATCH = "/tmp/omkm-faults/src"
 
 # Where faults may be planted: hand-written sources of the libraries and of the Python package.
-ALLOWED = re.compile(r"^(src/.+\.(h|cpp)|python/omkm/[^/]+\.(py|c))$")
+ALLOWED = re.compile(r"^(src/.+\.(h|cpp)|include/omkm\.hpp|python/omkm/[^/]+\.(py|c))$")
 # Never there: tests, fuzzing, tools, benchmarks and generated files.
 FORBIDDEN = re.compile(r"^(tests/|python/tests/|fuzz/|tools/|bench/|include/omkm\.h$)|_entries\.cpp$")
 AREAS = ("frame", "driver", "core", "add", "move", "transpose", "saxpy", "mul", "scale", "dot", "norm",
-         "gaxpy", "lu", "chol", "qr", "det", "inv", "esym", "egen", "gfx-vec", "gfx-xform", "gfx-point", "py")
+         "gaxpy", "lu", "chol", "qr", "det", "inv", "esym", "egen", "gfx-vec", "gfx-xform", "gfx-point", "py", "cpp")
 ID = re.compile(r"^[a-z0-9]+(-[a-z0-9]+)+$")
 
 
