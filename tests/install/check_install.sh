@@ -35,7 +35,7 @@ echo "== find_package(omkm CONFIG), C and C++ =="
 "$cmake_bin" -S "$src" -B "$work/cmake-consumer" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" \
   -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_EXE_LINKER_FLAGS=-Wl,--as-needed >/dev/null
 "$cmake_bin" --build "$work/cmake-consumer" >/dev/null
-for program in consumer consumer_cxx; do
+for program in consumer consumer_cxx consumer_hpp; do
   from_prefix "$work/cmake-consumer/$program"
   run_bare "$work/cmake-consumer/$program"
 done
