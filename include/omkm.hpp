@@ -1,10 +1,10 @@
 // omkm.hpp: a header-only C++17 interface over the C API of omkm.h.
 //
 // Operands are described by their types instead of by hand-written strides and sizes, and one name
-// per operation (omkm::mul, also by a constant, add, sub, det, invert, dot, cross, norm) reaches the
-// C export that matches its operands' kinds (single object or array), element type (float: _32f,
-// double: _64f), transposition and description (strided, or a pointer table: _L). Everything is
-// inline and forwards to exactly one C call; nothing is computed here that the C call computes.
+// per operation (omkm::mul, also by a constant, add, sub, det, invert, dot, cross, norm, lu_decomp,
+// lu_solve, cholesky, cholesky_solve, qr, qr_solve, eigen_sym) reaches the C export that matches its
+// operands' kinds (single object or array), element type (float: _32f, double: _64f), transposition
+// and description (strided, or a pointer table: _L). Everything is inline and forwards to exactly one C call; nothing is computed here that the C call computes.
 //
 // Describing an operand
 //   float m[4][4], std::array<std::array<float, 4>, 4>     one 4x4 matrix
@@ -44,10 +44,22 @@
 // det and invert take the scratch their family needs from the stack up to order 8 and allocate it
 // above; the overloads with a trailing T* buffer use the caller's, scratch_elements<T>(n) elements.
 //
+// Factorizations and solvers: lu_decomp(a, piv, lu), lu_solve(lu, piv, b, x), cholesky(a, l),
+// cholesky_solve(l, b, x), qr(a, r), qr_solve(r, b, x); a factor has its source's shape and kind,
+// and a solver takes one factor with one vector or an array of them, or an array of factors with
+// one vector each. LU pivots are n ints per matrix in one contiguous run: int[n], std::array<int, n>,
+// a container of int or of such rows, or an int*. qr and qr_solve take `height` elements of
+// scratch, eigen_sym(a, values[, vectors]) n*n: the layer's on the stack up to 72 elements and
+// allocated above, or the caller's through a trailing T* (for eigen_sym a T* third operand is the
+// buffer, any other the eigenvectors). Eigenvalues, n per matrix, go to a contiguous container of T
+// (or of rows T[n], std::array<T, n>) whose size is checked, or through a T*.
+//
 // Sizes: a matrix source of a product keeps its stored rows and columns (the C call takes them as
 // they lie); transposed(x) multiplies by x's transpose. Before the C call this layer checks what
 // the C call cannot see: the destination's shape against the result's, the counts of array operands
-// against each other, a square matrix for det and invert, length 3 for cross products; a failure
+// against each other, a square matrix for det, invert, lu_decomp, cholesky and eigen_sym (and their
+// solvers' factors), a right-hand side of the factor's height and a solution of its width, the room
+// of a container of pivots or eigenvalues, length 3 for cross products; a failure
 // returns status::size_mismatch and nothing is called or written. Everything else (null pointers,
 // strides, sizes below one, the inner dimension of a product) is the C call's check and status.
 //
@@ -557,7 +569,10 @@ struct kind_of<constants_desc<T, L>> {
 
 constexpr int key(int a, int b = 0) { return a * 16 + b; }
 
-enum class fam { add, sub, mul, scale, dot, cross, l2norm, frobnorm, det, invert };  // scale: Mul by a constant
+enum class fam {
+    add, sub, mul, scale, dot, cross, l2norm, frobnorm, det, invert,  // scale: Mul by a constant
+    lu, lusolve, chol, cholsolve, qr, qrsolve, eigsym, eigsymvec
+};
 
 // route<F, K, L>: the export of family F for operand kinds K, in the layout description (_L) when
 // L; absent combinations have exists = false.
@@ -688,6 +703,28 @@ OMKM_HPP_ROUTE(det, key(m), Det_m)
 OMKM_HPP_ROUTES(det, key(ma), Det_ma)
 OMKM_HPP_ROUTE(invert, key(m), Invert_m)
 OMKM_HPP_ROUTES(invert, key(ma), Invert_ma)
+
+// Factorizations take the source (m, ma) and write a factor of its kind; their solvers take one
+// factor with one or an array of right-hand sides (mv, mva), or a factor per right-hand side (mava).
+OMKM_HPP_ROUTE(lu, key(m), LUDecomp_m)
+OMKM_HPP_ROUTES(lu, key(ma), LUDecomp_ma)
+OMKM_HPP_ROUTE(lusolve, key(m, v), LUBackSubst_mv)
+OMKM_HPP_ROUTES(lusolve, key(m, va), LUBackSubst_mva)
+OMKM_HPP_ROUTES(lusolve, key(ma, va), LUBackSubst_mava)
+OMKM_HPP_ROUTE(chol, key(m), CholeskyDecomp_m)
+OMKM_HPP_ROUTES(chol, key(ma), CholeskyDecomp_ma)
+OMKM_HPP_ROUTE(cholsolve, key(m, v), CholeskyBackSubst_mv)
+OMKM_HPP_ROUTES(cholsolve, key(m, va), CholeskyBackSubst_mva)
+OMKM_HPP_ROUTES(cholsolve, key(ma, va), CholeskyBackSubst_mava)
+OMKM_HPP_ROUTE(qr, key(m), QRDecomp_m)
+OMKM_HPP_ROUTES(qr, key(ma), QRDecomp_ma)
+OMKM_HPP_ROUTE(qrsolve, key(m, v), QRBackSubst_mv)
+OMKM_HPP_ROUTES(qrsolve, key(m, va), QRBackSubst_mva)
+OMKM_HPP_ROUTES(qrsolve, key(ma, va), QRBackSubst_mava)
+OMKM_HPP_ROUTE(eigsym, key(m), EigenValuesSym_m)
+OMKM_HPP_ROUTES(eigsym, key(ma), EigenValuesSym_ma)
+OMKM_HPP_ROUTE(eigsymvec, key(m, m), EigenValuesVectorsSym_m)
+OMKM_HPP_ROUTES(eigsymvec, key(ma, ma), EigenValuesVectorsSym_ma)
 
 #undef OMKM_HPP_ROUTE
 #undef OMKM_HPP_ROUTES
@@ -971,13 +1008,20 @@ constexpr scalars_out<E> scalars(X& x) {
     }
 }
 
-// Scratch of n*n elements followed by n 32-bit ints, on the stack up to order 8.
+// Scratch of n*n elements followed by n 32-bit ints, on the stack up to order 8; or of a number of
+// elements, on the stack up to 72 of them.
+struct scratch_size {
+    std::size_t elements;
+};
 template <class T>
 class scratch {
 public:
-    explicit scratch(int n) {
-        const std::size_t elems =
-            n > 0 ? static_cast<std::size_t>(n) * n + (static_cast<std::size_t>(n) * 4 + sizeof(T) - 1) / sizeof(T) : 1;
+    explicit scratch(int n)
+        : scratch(scratch_size{
+              n > 0 ? static_cast<std::size_t>(n) * n + (static_cast<std::size_t>(n) * 4 + sizeof(T) - 1) / sizeof(T)
+                    : 1}) {}
+    explicit scratch(scratch_size size) {
+        const std::size_t elems = size.elements > 0 ? size.elements : 1;
         if (elems > local_.size()) {
             // Without memory the buffer stays null and the C call answers null_ptr: no exception here.
             heap_.reset(new (std::nothrow) T[elems]);
@@ -1275,6 +1319,335 @@ template <class A, class B, class Dst>
         return status(R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s0, db.s2, dd.p, dd.s0, dd.s2, n));
 }
 
+// ---------------------------------------------------------------- factorizations, solvers, eigenproblems
+
+namespace detail {
+
+// The rows of a flat array of values: T[N] and std::array<T, N>, for any T (int pivots too).
+template <class O>
+struct row_traits {
+    static constexpr bool is = false;
+};
+template <class T, std::size_t N>
+struct row_traits<T[N]> {
+    static constexpr bool is = true;
+    using elem = T;
+    static constexpr int len = static_cast<int>(N);
+    static T* first(T (&o)[N]) noexcept { return &o[0]; }
+};
+template <class T, std::size_t N>
+struct row_traits<std::array<T, N>> {
+    static constexpr bool is = true;
+    using elem = T;
+    static constexpr int len = static_cast<int>(N);
+    static T* first(std::array<T, N>& o) noexcept { return o.data(); }
+};
+template <class T, std::size_t N>
+struct row_traits<const std::array<T, N>> {
+    static constexpr bool is = true;
+    using elem = const T;
+    static constexpr int len = static_cast<int>(N);
+    static const T* first(const std::array<T, N>& o) noexcept { return o.data(); }
+};
+
+// Values of type V (int pivots, or eigenvalues of the element type) the C call takes as one
+// contiguous run: a V*, a contiguous container of V, or one of rows of V (T[N], std::array<T, N>)
+// with no gap between them. room counts values; -1 for a pointer (the caller's promise).
+template <class V>
+struct flat_values {
+    V* p;
+    long long room;
+};
+template <class V, class X>
+constexpr flat_values<V> flat(X& x) {
+    using B = std::remove_reference_t<X>;
+    using U = std::remove_cv_t<V>;
+    if constexpr (std::is_pointer_v<B>) {
+        static_assert(std::is_same_v<std::remove_cv_t<std::remove_pointer_t<B>>, U> && std::is_convertible_v<B, V*>,
+                      "omkm: these values go to (or come from) a pointer to int (pivots) or to the element type");
+        return {x, -1};
+    } else {
+        using Ct = container_traits<B>;
+        static_assert(Ct::is, "omkm: pivots and eigenvalues are a contiguous container or a pointer");
+        using Obj = typename Ct::object;
+        if constexpr (std::is_same_v<std::remove_cv_t<Obj>, U>) {
+            static_assert(std::is_convertible_v<Obj*, V*>, "omkm: a result goes to writable memory");
+            return {Ct::data(x), Ct::size(x)};
+        } else {
+            using Rw = row_traits<Obj>;
+            static_assert(Rw::is && std::is_same_v<std::remove_cv_t<typename Rw::elem>, U>,
+                          "omkm: pivots are ints and eigenvalues the element type, in a container of values or "
+                          "of rows of them (T[N], std::array<T, N>)");
+            static_assert(std::is_convertible_v<typename Rw::elem*, V*>, "omkm: a result goes to writable memory");
+            static_assert(sizeof(Obj) == sizeof(U) * Rw::len, "omkm: the rows of values lie without gaps");
+            const int n = Ct::size(x);
+            return {n > 0 ? Rw::first(*Ct::data(x)) : nullptr, static_cast<long long>(n) * Rw::len};
+        }
+    }
+}
+
+// Calls f with the scratch: on the stack up to 72 elements and allocated above, or the caller's.
+template <class E, class Buf, class F>
+OMKM_HPP_INLINE status with_scratch(Buf buffer, std::size_t elements, F&& f) {
+    if constexpr (std::is_null_pointer_v<Buf>) {
+        scratch<E> s(scratch_size{elements});
+        return f(s.get());
+    } else {
+        static_assert(std::is_same_v<Buf, E*>, "omkm: the buffer is writable memory of the element type");
+        return f(buffer);
+    }
+}
+
+// The source's part of the list, then mid (pivots or scratch), the factor's part, the sizes
+// (widthHeight, or width and height) and the count of an array.
+template <class R, class E, bool Square, class DA, class DD, class... Mid>
+OMKM_HPP_INLINE status factor_call(const DA& da, const DD& dd, int n, Mid... mid) {
+    auto go = [&](auto... size) {
+        if constexpr (!is_array_v<DA>)
+            return status(R::template call<E>(src(da.p), da.s1, da.s2, mid..., dd.p, dd.s1, dd.s2, size...));
+        else
+            return status(
+                R::template call<E>(src(da.p), da.s0, da.s1, da.s2, mid..., dd.p, dd.s0, dd.s1, dd.s2, size..., n));
+    };
+    if constexpr (Square)
+        return go(da.rows);
+    else
+        return go(da.cols, da.rows);
+}
+
+// LU (pivots into piv), Cholesky, QR (scratch of `height` elements): the factor has the source's
+// shape and kind.
+template <fam F, class A, class Piv, class Dst, class Buf>
+OMKM_HPP_INLINE status factor_impl(A&& a, Piv&& piv, Dst&& dst, Buf buffer) {
+    const auto da = describe(std::forward<A>(a));
+    const auto dd = describe(std::forward<Dst>(dst));
+    using DA = std::decay_t<decltype(da)>;
+    using DD = std::decay_t<decltype(dd)>;
+    constexpr int ka = kind_of<DA>::value;
+    using E = typename kind_of<DA>::elem;
+    static_assert((ka & 7) == k_m,
+                  "omkm::lu_decomp/cholesky/qr: the source is a matrix or an array of matrices, read as stored "
+                  "(no decomposition export reads a transposed matrix)");
+    static_assert((kind_of<DD>::value & 7) == k_m, "omkm::lu_decomp/cholesky/qr: the factor is written to a matrix");
+    static_assert(same_elem<E, DD>(),
+                  "omkm::lu_decomp/cholesky/qr: the operands must share one element type (float or double)");
+    require_writable<DD>();
+    static_assert(is_array_v<DD> == is_array_v<DA>,
+                  "omkm::lu_decomp/cholesky/qr: the factor is an array exactly when the source is");
+    OMKM_HPP_TABLES_AGREE(DA, DD);
+    using R = route<F, key(ka), layout_call<DA, DD>()>;
+    const int n = common_count(da, dd);
+    if (n == -2) return status::size_mismatch;
+    if (dd.rows != da.rows || dd.cols != da.cols) return status::size_mismatch;
+    if constexpr (F == fam::qr) {
+        return with_scratch<E>(buffer, da.rows > 0 ? static_cast<std::size_t>(da.rows) : 1,
+                               [&](E* b) { return factor_call<R, E, false>(da, dd, n, b); });
+    } else {
+        if (da.rows != da.cols) return status::size_mismatch;
+        if constexpr (F == fam::lu) {
+            const auto pv = flat<int>(piv);
+            if (pv.room >= 0 && pv.room < static_cast<long long>(da.rows) * n) return status::size_mismatch;
+            return factor_call<R, E, true>(da, dd, n, pv.p);
+        } else {
+            return factor_call<R, E, true>(da, dd, n);
+        }
+    }
+}
+
+// The factor's part of the list, then mid (pivots or scratch), the right-hand side's part, the
+// solution's, the sizes and the count of an array.
+template <class R, class E, bool Square, class DM, class DB, class DX, class... Mid>
+OMKM_HPP_INLINE status solve_call(const DM& dm, const DB& db, const DX& dx, int n, Mid... mid) {
+    auto go = [&](auto... size) {
+        if constexpr (!is_array_v<DM> && !is_array_v<DB>)
+            return status(
+                R::template call<E>(src(dm.p), dm.s1, dm.s2, mid..., src(db.p), db.s2, dx.p, dx.s2, size...));
+        else if constexpr (!is_array_v<DM>)
+            return status(R::template call<E>(src(dm.p), dm.s1, dm.s2, mid..., src(db.p), db.s0, db.s2, dx.p, dx.s0,
+                                              dx.s2, size..., n));
+        else
+            return status(R::template call<E>(src(dm.p), dm.s0, dm.s1, dm.s2, mid..., src(db.p), db.s0, db.s2, dx.p,
+                                              dx.s0, dx.s2, size..., n));
+    };
+    if constexpr (Square)
+        return go(dm.rows);
+    else
+        return go(dm.cols, dm.rows);
+}
+
+// x = the solution of A*x = b from A's factor (QR: the least-squares solution, b of `height`
+// elements, x of `width`).
+template <fam F, class M, class Piv, class B, class X, class Buf>
+OMKM_HPP_INLINE status solve_impl(M&& m, Piv&& piv, B&& b, X&& x, Buf buffer) {
+    const auto dm = describe(std::forward<M>(m));
+    const auto db = describe(std::forward<B>(b));
+    const auto dx = describe(std::forward<X>(x));
+    using DM = std::decay_t<decltype(dm)>;
+    using DB = std::decay_t<decltype(db)>;
+    using DX = std::decay_t<decltype(dx)>;
+    constexpr int km = kind_of<DM>::value, kb = kind_of<DB>::value, kx = kind_of<DX>::value;
+    using E = typename kind_of<DM>::elem;
+    static_assert((km & 7) == k_m,
+                  "omkm::lu_solve/cholesky_solve/qr_solve: the factor is a matrix or an array of them, as the "
+                  "decomposition wrote it (no solver reads a transposed factor)");
+    static_assert((kb & 7) == k_v && (kx & 7) == k_v,
+                  "omkm::lu_solve/cholesky_solve/qr_solve: the right-hand side and the solution are vectors, single "
+                  "or arrays");
+    static_assert(same_elem<E, DB, DX>(),
+                  "omkm::lu_solve/cholesky_solve/qr_solve: the operands must share one element type (float or double)");
+    require_writable<DX>();
+    static_assert(is_array_v<DX> == (is_array_v<DM> || is_array_v<DB>),
+                  "omkm::lu_solve/cholesky_solve/qr_solve: the solution is an array exactly when a source is");
+    OMKM_HPP_TABLES_AGREE(DM, DB, DX);
+    using R = route<F, key(km, kb), layout_call<DM, DB, DX>()>;
+    static_assert(R::exists || key(km, kb) != key(ma, v),
+                  "omkm::lu_solve/cholesky_solve/qr_solve: no BackSubst export solves an array of factors for one "
+                  "right-hand side (mav); give each factor its right-hand side, an array of vectors (mava)");
+    static_assert(R::exists, "omkm::lu_solve/cholesky_solve/qr_solve: no BackSubst export for these operand kinds");
+    const int n = common_count(dm, db, dx);
+    if (n == -2) return status::size_mismatch;
+    if (db.len != dm.rows || dx.len != dm.cols) return status::size_mismatch;
+    if constexpr (!R::exists) {
+        return status::ok;  // not compiled: an assertion above stops the build
+    } else if constexpr (F == fam::qrsolve) {
+        return with_scratch<E>(buffer, dm.rows > 0 ? static_cast<std::size_t>(dm.rows) : 1,
+                               [&](E* s) { return solve_call<R, E, false>(dm, db, dx, n, s); });
+    } else {
+        if (dm.rows != dm.cols) return status::size_mismatch;
+        if constexpr (F == fam::lusolve) {
+            const auto pv = flat<const int>(piv);
+            if (pv.room >= 0 && pv.room < static_cast<long long>(dm.rows) * count_of(dm)) return status::size_mismatch;
+            return solve_call<R, E, true>(dm, db, dx, n, pv.p);
+        } else {
+            return solve_call<R, E, true>(dm, db, dx, n);
+        }
+    }
+}
+
+// Eigenvalues of symmetric matrices, n per matrix into values, and (Vectors not null) the
+// eigenvectors as the columns of an n x n matrix per matrix; scratch of n*n elements.
+template <class A, class Values, class Vectors, class Buf>
+OMKM_HPP_INLINE status eigen_sym_impl(A&& a, Values& values, Vectors&& vectors, Buf buffer) {
+    const auto da = describe(std::forward<A>(a));
+    using DA = std::decay_t<decltype(da)>;
+    constexpr int ka = kind_of<DA>::value;
+    using E = typename kind_of<DA>::elem;
+    static_assert((ka & 7) == k_m,
+                  "omkm::eigen_sym: the source is a symmetric matrix or an array of them, read as stored "
+                  "(no EigenValuesSym export reads a transposed matrix; a symmetric matrix is its transpose)");
+    const auto vo = flat<E>(values);
+    const int w = da.rows;
+    if (da.cols != w) return status::size_mismatch;
+    const std::size_t elems = w > 0 ? static_cast<std::size_t>(w) * w : 1;
+    if constexpr (std::is_null_pointer_v<std::decay_t<Vectors>>) {
+        using R = route<fam::eigsym, key(ka), is_table_v<DA>>;
+        const int n = count_of(da);
+        if (vo.room >= 0 && vo.room < static_cast<long long>(w) * n) return status::size_mismatch;
+        return with_scratch<E>(buffer, elems, [&](E* s) {
+            if constexpr (!is_array_v<DA>)
+                return status(R::template call<E>(src(da.p), da.s1, da.s2, s, vo.p, w));
+            else
+                return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, s, vo.p, w, n));
+        });
+    } else {
+        const auto dv = describe(std::forward<Vectors>(vectors));
+        using DV = std::decay_t<decltype(dv)>;
+        static_assert((kind_of<DV>::value & 7) == k_m, "omkm::eigen_sym: the eigenvectors go to a matrix per source");
+        static_assert(same_elem<E, DV>(), "omkm::eigen_sym: the operands must share one element type (float or double)");
+        require_writable<DV>();
+        static_assert(is_array_v<DV> == is_array_v<DA>,
+                      "omkm::eigen_sym: the eigenvectors are an array exactly when the source is");
+        OMKM_HPP_TABLES_AGREE(DA, DV);
+        using R = route<fam::eigsymvec, key(ka, kind_of<DV>::value), layout_call<DA, DV>()>;
+        const int n = common_count(da, dv);
+        if (n == -2) return status::size_mismatch;
+        if (dv.rows != w || dv.cols != w) return status::size_mismatch;
+        if (vo.room >= 0 && vo.room < static_cast<long long>(w) * n) return status::size_mismatch;
+        return with_scratch<E>(buffer, elems, [&](E* s) {
+            if constexpr (!is_array_v<DA>)
+                return status(R::template call<E>(src(da.p), da.s1, da.s2, s, dv.p, dv.s1, dv.s2, vo.p, w));
+            else
+                return status(
+                    R::template call<E>(src(da.p), da.s0, da.s1, da.s2, s, dv.p, dv.s0, dv.s1, dv.s2, vo.p, w, n));
+        });
+    }
+}
+
+}  // namespace detail
+
+// LU decomposition with partial pivoting by rows of a square matrix, or of each of an array: the
+// factors into lu (of the source's shape), the row order into piv, n ints per matrix, contiguous:
+// int[n], std::array<int, n>, a container of int or of such rows (std::vector<std::array<int, n>>),
+// or an int* (its room is the caller's). The index array is one contiguous run in every
+// description of the matrices, so a member of records cannot hold it.
+template <class A, class Piv, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status lu_decomp(A&& a, Piv&& piv, Dst&& lu) {
+    return detail::factor_impl<detail::fam::lu>(std::forward<A>(a), piv, std::forward<Dst>(lu), nullptr);
+}
+// x = the solution of A*x = b from lu_decomp's factors and pivots: one factor with one vector or
+// an array of them, or each factor of an array with its vector.
+template <class M, class Piv, class B, class X>
+[[nodiscard]] OMKM_HPP_INLINE status lu_solve(M&& lu, Piv&& piv, B&& b, X&& x) {
+    return detail::solve_impl<detail::fam::lusolve>(std::forward<M>(lu), piv, std::forward<B>(b), std::forward<X>(x),
+                                                    nullptr);
+}
+
+// Cholesky factor of a symmetric positive definite matrix (its lower triangle is read), or of each
+// of an array: l holds L below the diagonal and 1/L(i, i) on it; its strict upper triangle is not
+// written.
+template <class A, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status cholesky(A&& a, Dst&& l) {
+    return detail::factor_impl<detail::fam::chol>(std::forward<A>(a), nullptr, std::forward<Dst>(l), nullptr);
+}
+template <class M, class B, class X>
+[[nodiscard]] OMKM_HPP_INLINE status cholesky_solve(M&& l, B&& b, X&& x) {
+    return detail::solve_impl<detail::fam::cholsolve>(std::forward<M>(l), nullptr, std::forward<B>(b),
+                                                      std::forward<X>(x), nullptr);
+}
+
+// Householder QR of a matrix of height >= width (or of each of an array): r of the source's shape.
+// qr_solve: the least-squares solution x (width elements) of A*x = b (height elements). Scratch of
+// `height` elements, on the stack up to 72 and allocated above, or the caller's buffer.
+template <class A, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status qr(A&& a, Dst&& r) {
+    return detail::factor_impl<detail::fam::qr>(std::forward<A>(a), nullptr, std::forward<Dst>(r), nullptr);
+}
+template <class A, class Dst, class T>
+[[nodiscard]] OMKM_HPP_INLINE status qr(A&& a, Dst&& r, T* buffer) {
+    return detail::factor_impl<detail::fam::qr>(std::forward<A>(a), nullptr, std::forward<Dst>(r), buffer);
+}
+template <class M, class B, class X>
+[[nodiscard]] OMKM_HPP_INLINE status qr_solve(M&& r, B&& b, X&& x) {
+    return detail::solve_impl<detail::fam::qrsolve>(std::forward<M>(r), nullptr, std::forward<B>(b),
+                                                    std::forward<X>(x), nullptr);
+}
+template <class M, class B, class X, class T>
+[[nodiscard]] OMKM_HPP_INLINE status qr_solve(M&& r, B&& b, X&& x, T* buffer) {
+    return detail::solve_impl<detail::fam::qrsolve>(std::forward<M>(r), nullptr, std::forward<B>(b),
+                                                    std::forward<X>(x), buffer);
+}
+
+// Eigenvalues of a symmetric matrix, descending, n into values (a container of n or more, or a
+// T*); of an array, n per matrix one after another. With a third operand that is a matrix (or an
+// array of them), also the eigenvectors as its columns; a T* third operand is the caller's scratch
+// (n*n elements) instead, and the four-operand form takes both. The layer's scratch is on the
+// stack up to order 8.
+template <class A, class Values>
+[[nodiscard]] OMKM_HPP_INLINE status eigen_sym(A&& a, Values&& values) {
+    return detail::eigen_sym_impl(std::forward<A>(a), values, nullptr, nullptr);
+}
+template <class A, class Values, class Third>
+[[nodiscard]] OMKM_HPP_INLINE status eigen_sym(A&& a, Values&& values, Third&& vectors_or_buffer) {
+    if constexpr (std::is_pointer_v<std::decay_t<Third>>)
+        return detail::eigen_sym_impl(std::forward<A>(a), values, nullptr, std::decay_t<Third>(vectors_or_buffer));
+    else
+        return detail::eigen_sym_impl(std::forward<A>(a), values, std::forward<Third>(vectors_or_buffer), nullptr);
+}
+template <class A, class Values, class Vectors, class T>
+[[nodiscard]] OMKM_HPP_INLINE status eigen_sym(A&& a, Values&& values, Vectors&& vectors, T* buffer) {
+    return detail::eigen_sym_impl(std::forward<A>(a), values, std::forward<Vectors>(vectors), buffer);
+}
+
 // ---------------------------------------------------------------- throwing forms
 
 inline void throw_if_error(status s) {
@@ -1294,6 +1667,13 @@ OMKM_HPP_OR_THROW(invert)
 OMKM_HPP_OR_THROW(dot)
 OMKM_HPP_OR_THROW(cross)
 OMKM_HPP_OR_THROW(norm)
+OMKM_HPP_OR_THROW(lu_decomp)
+OMKM_HPP_OR_THROW(lu_solve)
+OMKM_HPP_OR_THROW(cholesky)
+OMKM_HPP_OR_THROW(cholesky_solve)
+OMKM_HPP_OR_THROW(qr)
+OMKM_HPP_OR_THROW(qr_solve)
+OMKM_HPP_OR_THROW(eigen_sym)
 #undef OMKM_HPP_OR_THROW
 
 }  // namespace omkm
