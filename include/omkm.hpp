@@ -4,7 +4,8 @@
 // per operation (omkm::mul, also by a constant, add, sub, det, invert, dot, cross, norm, lu_decomp,
 // lu_solve, cholesky, cholesky_solve, qr, qr_solve, eigen_sym) reaches the C export that matches its
 // operands' kinds (single object or array), element type (float: _32f, double: _64f), transposition
-// and description (strided, or a pointer table: _L). Everything is inline and forwards to exactly one C call; nothing is computed here that the C call computes.
+// and description (strided, or a pointer table: _L). Everything is inline and forwards to exactly
+// one C call; nothing is computed here that the C call computes.
 //
 // Describing an operand
 //   float m[4][4], std::array<std::array<float, 4>, 4>     one 4x4 matrix
@@ -1553,7 +1554,8 @@ OMKM_HPP_INLINE status eigen_sym_impl(A&& a, Values& values, Vectors&& vectors, 
         const auto dv = describe(std::forward<Vectors>(vectors));
         using DV = std::decay_t<decltype(dv)>;
         static_assert((kind_of<DV>::value & 7) == k_m, "omkm::eigen_sym: the eigenvectors go to a matrix per source");
-        static_assert(same_elem<E, DV>(), "omkm::eigen_sym: the operands must share one element type (float or double)");
+        static_assert(same_elem<E, DV>(),
+                      "omkm::eigen_sym: the operands must share one element type (float or double)");
         require_writable<DV>();
         static_assert(is_array_v<DV> == is_array_v<DA>,
                       "omkm::eigen_sym: the eigenvectors are an array exactly when the source is");
@@ -1638,8 +1640,9 @@ template <class A, class Values>
 }
 template <class A, class Values, class Third>
 [[nodiscard]] OMKM_HPP_INLINE status eigen_sym(A&& a, Values&& values, Third&& vectors_or_buffer) {
-    if constexpr (std::is_pointer_v<std::decay_t<Third>>)
-        return detail::eigen_sym_impl(std::forward<A>(a), values, nullptr, std::decay_t<Third>(vectors_or_buffer));
+    using B = std::remove_cv_t<std::remove_reference_t<Third>>;  // a C array of matrices is no buffer
+    if constexpr (std::is_pointer_v<B>)
+        return detail::eigen_sym_impl(std::forward<A>(a), values, nullptr, B(vectors_or_buffer));
     else
         return detail::eigen_sym_impl(std::forward<A>(a), values, std::forward<Third>(vectors_or_buffer), nullptr);
 }

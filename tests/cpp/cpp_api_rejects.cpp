@@ -22,6 +22,10 @@ int main() {
     float* table[4] = {&many[0][0][0], &many[1][0][0], &many[2][0][0], &many[3][0][0]};
     st = omkm::add(omkm::matrix_table(table, 4, 3, 3, 12, 4), m,
                    omkm::matrix_table(table, 4, 3, 3, 12, 4));  // Add_mam_L
+    int piv[4][3] = {};
+    st = omkm::lu_decomp(many, piv, many);   // LUDecomp_ma
+    st = omkm::lu_solve(m, piv[0], vs, vs);  // LUBackSubst_mva
+    st = omkm::eigen_sym(m, v, n);           // EigenValuesVectorsSym_m
 #elif REJECT == 1
     st = omkm::add(m, omkm::transposed(n), d);  // no Add_mt
 #elif REJECT == 2

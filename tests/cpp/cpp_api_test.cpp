@@ -69,6 +69,7 @@ struct R {
     float m32[3][2];
     float n23[2][3];
     float s33[3][3];
+    float t33[3][3];
     float v3[3];
     float w3[3];
     float u3[3];
@@ -92,6 +93,9 @@ struct Data {
     double t22[2][2][2] = {{{4, 1}, {2, 3}}, {{5, 2}, {1, 1}}}, t22out[2][2][2] = {};
     const double* tin[2] = {&t22[1][0][0], &t22[0][0][0]};
     double* tout[2] = {&t22out[0][0][0], &t22out[1][0][0]};
+    int piv3[3] = {2, 0, 1};  // row orders for the LU solvers
+    std::vector<std::array<int, 3>> pivs = std::vector<std::array<int, 3>>(3, {1, 2, 0});
+    std::vector<float> vals = std::vector<float>(9);
     Data() {
         float f = 0.25f;
         auto fill = [&](float* p, int n) {
@@ -110,6 +114,8 @@ struct Data {
             f += 1.0f;
             fill(&x.s33[0][0], 9);
             for (int i = 0; i < 3; ++i) x.s33[i][i] += 6.0f;  // well away from singular
+            for (int i = 0; i < 3; ++i)
+                for (int j = 0; j < i; ++j) x.s33[j][i] = x.s33[i][j];  // symmetric, for eigen_sym
         }
         fill(&a23[0][0], 6);
         fill(&b34[0][0], 12);
@@ -117,6 +123,8 @@ struct Data {
         fill(&e23[0][0], 6);
         fill(&m33[0][0], 9);
         for (int i = 0; i < 3; ++i) m33[i][i] += 6.0f;
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < i; ++j) m33[j][i] = m33[i][j];
         fill(x3, 3);
         fill(y3, 3);
         fill(x2, 2);
@@ -391,6 +399,92 @@ const std::vector<Row>& rows() {
         ROW("dot of table vectors with one",
             omkm::dot(omkm::vector_table(d.tin, 2, 3, 8, 8), omkm::vec<3>(d.g.data()), d.h.data()),
             "omkmDotProduct_vav_64f_L", d.tin, 8, 8, d.g.data(), 8, d.h.data(), 3, 2),
+        // ---- factorizations and their solvers: pivots and scratch between the source's and the factor's
+        // parts, then widthHeight (QR: width, height) and the count
+        ROW("LU m", omkm::lu_decomp(d.m33, d.piv3, d.r[0].t33), "omkmLUDecomp_m_32f", &d.m33[0][0], 12, F4, d.piv3,
+            &d.r[0].t33[0][0], 12, F4, 3),
+        ROW("LU ma, pivots in rows", omkm::lu_decomp(field(d.r, &R::s33), d.pivs, field(d.r, &R::t33)),
+            "omkmLUDecomp_ma_32f", &d.r[0].s33[0][0], kRec, 12, F4, d.pivs[0].data(), &d.r[0].t33[0][0], kRec, 12, F4,
+            3, 3),
+        ROW("LU ma through pointers, pivots by pointer",
+            omkm::lu_decomp(field(d.rp, &R::s33), d.pivs[0].data(), field(d.rp, &R::t33)), "omkmLUDecomp_ma_32f_L",
+            d.rp.data(), int(offsetof(R, s33)), 12, F4, d.pivs[0].data(), d.rp.data(), int(offsetof(R, t33)), 12, F4,
+            3, 3),
+        ROW("LU solve mv", omkm::lu_solve(d.m33, d.piv3, d.x3, d.y3), "omkmLUBackSubst_mv_32f", &d.m33[0][0], 12, F4,
+            d.piv3, d.x3, F4, d.y3, F4, 3),
+        ROW("LU solve mva", omkm::lu_solve(d.m33, d.piv3, field(d.r, &R::v3), field(d.r, &R::w3)),
+            "omkmLUBackSubst_mva_32f", &d.m33[0][0], 12, F4, d.piv3, d.r[0].v3, kRec, F4, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("LU solve mva through pointers", omkm::lu_solve(d.m33, d.piv3, field(d.rp, &R::v3), field(d.rp, &R::w3)),
+            "omkmLUBackSubst_mva_32f_L", &d.m33[0][0], 12, F4, d.piv3, d.rp.data(), int(offsetof(R, v3)), F4,
+            d.rp.data(), int(offsetof(R, w3)), F4, 3, 3),
+        ROW("LU solve mava", omkm::lu_solve(field(d.r, &R::s33), d.pivs, field(d.r, &R::v3), field(d.r, &R::w3)),
+            "omkmLUBackSubst_mava_32f", &d.r[0].s33[0][0], kRec, 12, F4, d.pivs[0].data(), d.r[0].v3, kRec, F4,
+            d.r[0].w3, kRec, F4, 3, 3),
+        ROW("LU solve mava through pointers",
+            omkm::lu_solve(field(d.rp, &R::s33), std::as_const(d.pivs), field(d.rp, &R::v3), field(d.rp, &R::w3)),
+            "omkmLUBackSubst_mava_32f_L", d.rp.data(), int(offsetof(R, s33)), 12, F4, d.pivs[0].data(), d.rp.data(),
+            int(offsetof(R, v3)), F4, d.rp.data(), int(offsetof(R, w3)), F4, 3, 3),
+        ROW("Cholesky m", omkm::cholesky(d.m33, d.r[0].t33), "omkmCholeskyDecomp_m_32f", &d.m33[0][0], 12, F4,
+            &d.r[0].t33[0][0], 12, F4, 3),
+        ROW("Cholesky ma", omkm::cholesky(field(d.r, &R::s33), field(d.r, &R::t33)), "omkmCholeskyDecomp_ma_32f",
+            &d.r[0].s33[0][0], kRec, 12, F4, &d.r[0].t33[0][0], kRec, 12, F4, 3, 3),
+        ROW("Cholesky ma through pointers", omkm::cholesky(field(d.rp, &R::s33), field(d.rp, &R::t33)),
+            "omkmCholeskyDecomp_ma_32f_L", d.rp.data(), int(offsetof(R, s33)), 12, F4, d.rp.data(),
+            int(offsetof(R, t33)), 12, F4, 3, 3),
+        ROW("Cholesky solve mv", omkm::cholesky_solve(d.m33, d.x3, d.y3), "omkmCholeskyBackSubst_mv_32f", &d.m33[0][0],
+            12, F4, d.x3, F4, d.y3, F4, 3),
+        ROW("Cholesky solve mva", omkm::cholesky_solve(d.m33, field(d.r, &R::v3), field(d.r, &R::w3)),
+            "omkmCholeskyBackSubst_mva_32f", &d.m33[0][0], 12, F4, d.r[0].v3, kRec, F4, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("Cholesky solve mva through pointers",
+            omkm::cholesky_solve(d.m33, field(d.rp, &R::v3), field(d.rp, &R::w3)),
+            "omkmCholeskyBackSubst_mva_32f_L", &d.m33[0][0], 12, F4, d.rp.data(), int(offsetof(R, v3)), F4, d.rp.data(),
+            int(offsetof(R, w3)), F4, 3, 3),
+        ROW("Cholesky solve mava", omkm::cholesky_solve(field(d.r, &R::s33), field(d.r, &R::v3), field(d.r, &R::w3)),
+            "omkmCholeskyBackSubst_mava_32f", &d.r[0].s33[0][0], kRec, 12, F4, d.r[0].v3, kRec, F4, d.r[0].w3, kRec, F4,
+            3, 3),
+        ROW("Cholesky solve mava through pointers",
+            omkm::cholesky_solve(field(d.rp, &R::s33), field(d.rp, &R::v3), field(d.rp, &R::w3)),
+            "omkmCholeskyBackSubst_mava_32f_L", d.rp.data(), int(offsetof(R, s33)), 12, F4, d.rp.data(),
+            int(offsetof(R, v3)), F4, d.rp.data(), int(offsetof(R, w3)), F4, 3, 3),
+        ROW("QR m of a 3x2, own scratch", omkm::qr(d.d32, d.r[0].m32), "omkmQRDecomp_m_32f", &d.d32[0][0], 8, F4,
+            recorded_pointer(3), &d.r[0].m32[0][0], 8, F4, 2, 3),
+        ROW("QR ma", omkm::qr(field(d.r, &R::s33), field(d.r, &R::t33)), "omkmQRDecomp_ma_32f", &d.r[0].s33[0][0], kRec,
+            12, F4, recorded_pointer(4), &d.r[0].t33[0][0], kRec, 12, F4, 3, 3, 3),
+        ROW("QR ma through pointers, a buffer", omkm::qr(field(d.rp, &R::s33), field(d.rp, &R::t33), &d.c24[0][0]),
+            "omkmQRDecomp_ma_32f_L", d.rp.data(), int(offsetof(R, s33)), 12, F4, &d.c24[0][0], d.rp.data(),
+            int(offsetof(R, t33)), 12, F4, 3, 3, 3),
+        ROW("QR solve mv: b of the height, x of the width", omkm::qr_solve(d.d32, d.x3, d.x2), "omkmQRBackSubst_mv_32f",
+            &d.d32[0][0], 8, F4, recorded_pointer(3), d.x3, F4, d.x2, F4, 2, 3),
+        ROW("QR solve mva", omkm::qr_solve(d.d32, field(d.r, &R::v3), field(d.r, &R::v2)), "omkmQRBackSubst_mva_32f",
+            &d.d32[0][0], 8, F4, recorded_pointer(3), d.r[0].v3, kRec, F4, d.r[0].v2, kRec, F4, 2, 3, 3),
+        ROW("QR solve mva through pointers, a buffer",
+            omkm::qr_solve(d.d32, field(d.rp, &R::v3), field(d.rp, &R::v2), &d.c24[0][0]), "omkmQRBackSubst_mva_32f_L",
+            &d.d32[0][0], 8, F4, &d.c24[0][0], d.rp.data(), int(offsetof(R, v3)), F4, d.rp.data(),
+            int(offsetof(R, v2)), F4, 2, 3, 3),
+        ROW("QR solve mava", omkm::qr_solve(field(d.r, &R::m32), field(d.r, &R::v3), field(d.r, &R::v2)),
+            "omkmQRBackSubst_mava_32f", &d.r[0].m32[0][0], kRec, 8, F4, recorded_pointer(4), d.r[0].v3, kRec, F4,
+            d.r[0].v2, kRec, F4, 2, 3, 3),
+        ROW("QR solve mava through pointers",
+            omkm::qr_solve(field(d.rp, &R::m32), field(d.rp, &R::v3), field(d.rp, &R::v2)),
+            "omkmQRBackSubst_mava_32f_L", d.rp.data(), int(offsetof(R, m32)), 8, F4, recorded_pointer(4), d.rp.data(),
+            int(offsetof(R, v3)), F4, d.rp.data(), int(offsetof(R, v2)), F4, 2, 3, 3),
+        // ---- the symmetric eigenproblem: scratch, then the vectors' part, the values, widthHeight, count
+        ROW("eigenvalues m", omkm::eigen_sym(d.m33, d.x3), "omkmEigenValuesSym_m_32f", &d.m33[0][0], 12, F4,
+            recorded_pointer(3), d.x3, 3),
+        ROW("eigenvalues ma", omkm::eigen_sym(field(d.r, &R::s33), d.vals), "omkmEigenValuesSym_ma_32f",
+            &d.r[0].s33[0][0], kRec, 12, F4, recorded_pointer(4), d.vals.data(), 3, 3),
+        ROW("eigenvalues ma through pointers, a buffer", omkm::eigen_sym(field(d.rp, &R::s33), d.vals, &d.c24[0][0]),
+            "omkmEigenValuesSym_ma_32f_L", d.rp.data(), int(offsetof(R, s33)), 12, F4, &d.c24[0][0], d.vals.data(), 3,
+            3),
+        ROW("eigenvectors m", omkm::eigen_sym(d.m33, d.x3, d.r[0].t33), "omkmEigenValuesVectorsSym_m_32f", &d.m33[0][0],
+            12, F4, recorded_pointer(3), &d.r[0].t33[0][0], 12, F4, d.x3, 3),
+        ROW("eigenvectors ma", omkm::eigen_sym(field(d.r, &R::s33), d.vals, field(d.r, &R::t33)),
+            "omkmEigenValuesVectorsSym_ma_32f", &d.r[0].s33[0][0], kRec, 12, F4, recorded_pointer(4),
+            &d.r[0].t33[0][0], kRec, 12, F4, d.vals.data(), 3, 3),
+        ROW("eigenvectors ma through pointers, a buffer",
+            omkm::eigen_sym(field(d.rp, &R::s33), d.vals, field(d.rp, &R::t33), &d.c24[0][0]),
+            "omkmEigenValuesVectorsSym_ma_32f_L", d.rp.data(), int(offsetof(R, s33)), 12, F4, &d.c24[0][0],
+            d.rp.data(), int(offsetof(R, t33)), 12, F4, d.vals.data(), 3, 3),
         // ---- double, raw memory with strides: matrices stored by columns, vectors every other element
         ROW("strided double m*t",
             omkm::mul(omkm::strided_matrix(d.g.data(), 2, 3, 8, 16),
@@ -514,6 +608,32 @@ TEST(CppInterface, ResultsAreTheBitsOfTheDirectCCall) {
         EXPECT_EQ(omkm::det(omkm::strided_matrix(m.data(), order, order, row, 8), one1), status::ok);
         EXPECT_EQ(omkmDet_m_64f(m.data(), row, 8, order, buf.data(), &one2), omkStsOk);
         EXPECT_EQ(std::memcmp(&one1, &one2, sizeof(double)), 0);
+        // LU of each and a solve with each factor (mava); Cholesky of each and a solve with the first
+        // factor for every vector (mva)
+        std::vector<int> p1(static_cast<std::size_t>(order * count)), p2(p1.size());
+        std::vector<double> rhs(p1.size()), x1(p1.size()), x2(p1.size());
+        for (std::size_t i = 0; i < rhs.size(); ++i) rhs[i] = std::cos(0.9 * static_cast<double>(i));
+        const auto f1 = omkm::strided_matrices(i1.data(), count, order, order, obj, row, 8);
+        const auto vs = omkm::strided_vectors(rhs.data(), count, order, order * 8, 8);
+        EXPECT_EQ(omkm::lu_decomp(src, p1, f1), status::ok);
+        EXPECT_EQ(omkmLUDecomp_ma_64f(m.data(), obj, row, 8, p2.data(), i2.data(), obj, row, 8, order, count),
+                  omkStsOk);
+        const auto xs = omkm::strided_vectors(x1.data(), count, order, order * 8, 8);
+        EXPECT_EQ(omkm::lu_solve(f1, p1, vs, xs), status::ok);
+        EXPECT_EQ(omkmLUBackSubst_mava_64f(i2.data(), obj, row, 8, p2.data(), rhs.data(), order * 8, 8, x2.data(),
+                                           order * 8, 8, order, count),
+                  omkStsOk);
+        EXPECT_EQ(p1, p2);
+        EXPECT_EQ(0, std::memcmp(i1.data(), i2.data(), i1.size() * sizeof(double)));
+        EXPECT_EQ(0, std::memcmp(x1.data(), x2.data(), x1.size() * sizeof(double)));
+        EXPECT_EQ(omkm::cholesky(src, f1), status::ok);
+        EXPECT_EQ(omkmCholeskyDecomp_ma_64f(m.data(), obj, row, 8, i2.data(), obj, row, 8, order, count), omkStsOk);
+        EXPECT_EQ(omkm::cholesky_solve(omkm::strided_matrix(i1.data(), order, order, row, 8), vs, xs), status::ok);
+        EXPECT_EQ(omkmCholeskyBackSubst_mva_64f(i2.data(), row, 8, rhs.data(), order * 8, 8, x2.data(), order * 8, 8,
+                                                order, count),
+                  omkStsOk);
+        EXPECT_EQ(0, std::memcmp(i1.data(), i2.data(), i1.size() * sizeof(double)));
+        EXPECT_EQ(0, std::memcmp(x1.data(), x2.data(), x1.size() * sizeof(double)));
     }
 
     // dot products of length 5 (strided and contiguous kernels differ by design), norms, cross products
@@ -623,7 +743,7 @@ TEST(CppInterface, TransposedOperandsGiveTheTransposesResults) {
 // mismatched lengths, a non-square det or invert, cross products of other than 3-vectors, too little
 // room for scalar results. Each returns size_mismatch before any C call.
 TEST(CppInterface, TheLayersOwnChecksStopBeforeTheCall) {
-    float a23[2][3] = {}, b34[3][4] = {}, c23[2][3] = {}, v3[3] = {}, v4[4] = {}, out = 0;
+    float a23[2][3] = {}, b34[3][4] = {}, c23[2][3] = {}, d32[3][2] = {}, v2[2] = {}, v3[3] = {}, v4[4] = {}, out = 0;
     std::vector<std::array<std::array<float, 3>, 3>> m3(3), m3b(2);
     std::vector<std::array<float, 3>> vs(3), ws(2);
     std::vector<float> room(2);
@@ -641,6 +761,10 @@ TEST(CppInterface, TheLayersOwnChecksStopBeforeTheCall) {
         {"dot of 3 and 4", [&] { return omkm::dot(v3, v4, out); }},
         {"3 dets into room for 2", [&] { return omkm::det(m3, room); }},
         {"3 norms into room for 2", [&] { return omkm::norm(vs, room); }},
+        {"LU pivots of 3 3x3 into room for 2", [&] { return omkm::lu_decomp(m3, std::vector<int>(6), m3); }},
+        {"Cholesky of a 2x3", [&] { return omkm::cholesky(a23, c23); }},
+        {"QR solve of a 3x2 with b of its width", [&] { return omkm::qr_solve(d32, v2, v2); }},
+        {"eigenvalues of 3 3x3 into room for 2", [&] { return omkm::eigen_sym(m3, room); }},
         {"a record member of 3x4 read as 2x3",
          [&] {
              struct Rec {
