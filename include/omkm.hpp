@@ -2,10 +2,11 @@
 //
 // Operands are described by their types instead of by hand-written strides and sizes, and one name
 // per operation (omkm::mul, also by a constant, add, sub, det, invert, dot, cross, norm, lu_decomp,
-// lu_solve, cholesky, cholesky_solve, qr, qr_solve, eigen_sym) reaches the C export that matches its
-// operands' kinds (single object or array), element type (float: _32f, double: _64f), transposition
-// and description (strided, or a pointer table: _L). Everything is inline and forwards to exactly
-// one C call; nothing is computed here that the C call computes.
+// lu_solve, cholesky, cholesky_solve, qr, qr_solve, eigen_sym, eigen) reaches the C export that
+// matches its operands' kinds (single object or array), element type (float: _32f, double: _64f),
+// transposition and description (strided, or a pointer table: _L). Everything is inline and
+// forwards to exactly one C call (eigen on the layer's scratch: two, below); nothing is computed
+// here that the C call computes.
 //
 // Describing an operand
 //   float m[4][4], std::array<std::array<float, 4>, 4>     one 4x4 matrix
@@ -54,6 +55,9 @@
 // allocated above, or the caller's through a trailing T* (for eigen_sym a T* third operand is the
 // buffer, any other the eigenvectors). Eigenvalues, n per matrix, go to a contiguous container of T
 // (or of rows T[n], std::array<T, n>) whose size is checked, or through a T*.
+// General eigenproblem: eigen(a, re, im[, right]), eigen_left(a, re, im, left),
+// eigen_left_right(a, re, im, left, right); the layer sizes its scratch by the GetBufSize export of
+// the family, a C call before the one that solves (the one place where an operation makes two).
 //
 // Sizes: a matrix source of a product keeps its stored rows and columns (the C call takes them as
 // they lie); transposed(x) multiplies by x's transpose. Before the C call this layer checks what
@@ -572,7 +576,7 @@ constexpr int key(int a, int b = 0) { return a * 16 + b; }
 
 enum class fam {
     add, sub, mul, scale, dot, cross, l2norm, frobnorm, det, invert,  // scale: Mul by a constant
-    lu, lusolve, chol, cholsolve, qr, qrsolve, eigsym, eigsymvec
+    lu, lusolve, chol, cholsolve, qr, qrsolve, eigsym, eigsymvec, eig, eigleft, eigright, eigboth, eigbuf, eigvecbuf
 };
 
 // route<F, K, L>: the export of family F for operand kinds K, in the layout description (_L) when
@@ -726,6 +730,16 @@ OMKM_HPP_ROUTE(eigsym, key(m), EigenValuesSym_m)
 OMKM_HPP_ROUTES(eigsym, key(ma), EigenValuesSym_ma)
 OMKM_HPP_ROUTE(eigsymvec, key(m, m), EigenValuesVectorsSym_m)
 OMKM_HPP_ROUTES(eigsymvec, key(ma, ma), EigenValuesVectorsSym_ma)
+OMKM_HPP_ROUTE(eig, key(m), EigenValues_m)
+OMKM_HPP_ROUTES(eig, key(ma), EigenValues_ma)
+OMKM_HPP_ROUTE(eigleft, key(m, m), EigenValuesVectorsLeft_m)
+OMKM_HPP_ROUTES(eigleft, key(ma, ma), EigenValuesVectorsLeft_ma)
+OMKM_HPP_ROUTE(eigright, key(m, m), EigenValuesVectorsRight_m)
+OMKM_HPP_ROUTES(eigright, key(ma, ma), EigenValuesVectorsRight_ma)
+OMKM_HPP_ROUTE(eigboth, key(m, m), EigenValuesVectors_m)
+OMKM_HPP_ROUTES(eigboth, key(ma, ma), EigenValuesVectors_ma)
+OMKM_HPP_ROUTE(eigbuf, key(k_none), EigenValuesGetBufSize)  // (widthHeight, int* bytes)
+OMKM_HPP_ROUTE(eigvecbuf, key(k_none), EigenValuesVectorsGetBufSize)
 
 #undef OMKM_HPP_ROUTE
 #undef OMKM_HPP_ROUTES
@@ -1575,6 +1589,105 @@ OMKM_HPP_INLINE status eigen_sym_impl(A&& a, Values& values, Vectors&& vectors, 
     }
 }
 
+
+// A matrix destination for eigenvectors, or none (nullptr): its checks at compile time.
+template <class DA, class DV>
+constexpr void require_vectors() {
+    if constexpr (!std::is_null_pointer_v<DV>) {
+        static_assert((kind_of<DV>::value & 7) == k_m, "omkm::eigen: eigenvectors go to a matrix per source matrix");
+        static_assert(same_elem<typename kind_of<DA>::elem, DV>(),
+                      "omkm::eigen: the operands must share one element type (float or double)");
+        require_writable<DV>();
+        static_assert(is_array_v<DV> == is_array_v<DA>,
+                      "omkm::eigen: the eigenvectors are an array exactly when the source is");
+    }
+}
+template <class DV>
+constexpr bool vectors_fit(const DV& dv, int w, int count) {
+    if constexpr (std::is_null_pointer_v<DV>)
+        return true;
+    else
+        return dv.rows == w && dv.cols == w && count_of(dv) == count;
+}
+template <class X>
+constexpr auto describe_or_none(X&& x) {
+    if constexpr (std::is_null_pointer_v<std::decay_t<X>>)
+        return nullptr;
+    else
+        return describe(std::forward<X>(x));
+}
+
+// Eigenvalues of general matrices, real parts into re and imaginary parts into im (n per matrix),
+// and the left and/or right eigenvectors (VL, VR not null) as the columns of n x n matrices. With
+// no buffer the scratch's size comes from the GetBufSize export of the family (a C call before the
+// one that solves).
+template <class A, class Re, class Im, class VL, class VR, class Buf>
+OMKM_HPP_INLINE status eigen_impl(A&& a, Re& re, Im& im, VL&& left, VR&& right, Buf buffer) {
+    const auto da = describe(std::forward<A>(a));
+    const auto dl = describe_or_none(std::forward<VL>(left));
+    const auto dr = describe_or_none(std::forward<VR>(right));
+    using DA = std::decay_t<decltype(da)>;
+    using DL = std::decay_t<decltype(dl)>;
+    using DR = std::decay_t<decltype(dr)>;
+    constexpr int ka = kind_of<DA>::value;
+    using E = typename kind_of<DA>::elem;
+    static_assert((ka & 7) == k_m,
+                  "omkm::eigen: the source is a square matrix or an array of them, read as stored (no EigenValues "
+                  "export reads a transposed matrix)");
+    require_vectors<DA, DL>();
+    require_vectors<DA, DR>();
+    constexpr bool has_l = !std::is_null_pointer_v<DL>, has_r = !std::is_null_pointer_v<DR>;
+    static_assert(!((has_l && is_table_v<DL> != is_table_v<DA>) || (has_r && is_table_v<DR> != is_table_v<DA>)),
+                  "omkm: the layout (_L) exports take every array operand by a pointer table; give all arrays of "
+                  "the call as tables, or none");
+    const auto vr = flat<E>(re);
+    const auto vi = flat<E>(im);
+    const int w = da.rows, n = count_of(da);
+    if (da.cols != w || !vectors_fit(dl, w, n) || !vectors_fit(dr, w, n)) return status::size_mismatch;
+    const long long values = static_cast<long long>(w) * n;
+    if ((vr.room >= 0 && vr.room < values) || (vi.room >= 0 && vi.room < values)) return status::size_mismatch;
+    auto go = [&](E* s) {
+        // the source, the vectors' parts (left before right), the values, widthHeight, count, scratch
+        auto strides = [&](auto r, const auto& dv) {
+            using R = decltype(r);
+            if constexpr (!is_array_v<DA>)
+                return status(R::template call<E>(src(da.p), da.s1, da.s2, dv.p, dv.s1, dv.s2, vr.p, vi.p, w, s));
+            else
+                return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, dv.p, dv.s0, dv.s1, dv.s2, vr.p,
+                                                  vi.p, w, n, s));
+        };
+        if constexpr (!has_l && !has_r) {
+            using R = route<fam::eig, key(ka), is_table_v<DA>>;
+            if constexpr (!is_array_v<DA>)
+                return status(R::template call<E>(src(da.p), da.s1, da.s2, vr.p, vi.p, w, s));
+            else
+                return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, vr.p, vi.p, w, n, s));
+        } else if constexpr (has_l && !has_r) {
+            return strides(route<fam::eigleft, key(ka, ka), is_table_v<DA>>{}, dl);
+        } else if constexpr (!has_l && has_r) {
+            return strides(route<fam::eigright, key(ka, ka), is_table_v<DA>>{}, dr);
+        } else {
+            using R = route<fam::eigboth, key(ka, ka), is_table_v<DA>>;
+            if constexpr (!is_array_v<DA>)
+                return status(R::template call<E>(src(da.p), da.s1, da.s2, dl.p, dl.s1, dl.s2, dr.p, dr.s1, dr.s2,
+                                                  vr.p, vi.p, w, s));
+            else
+                return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, dl.p, dl.s0, dl.s1, dl.s2, dr.p,
+                                                  dr.s0, dr.s1, dr.s2, vr.p, vi.p, w, n, s));
+        }
+    };
+    if constexpr (std::is_null_pointer_v<Buf>) {
+        using Q = route<(has_l || has_r) ? fam::eigvecbuf : fam::eigbuf, key(k_none)>;
+        int bytes = 0;
+        const status q = status(Q::template call<E>(w, &bytes));
+        if (q != status::ok) return q;
+        scratch<E> s(scratch_size{bytes > 0 ? (static_cast<std::size_t>(bytes) + sizeof(E) - 1) / sizeof(E) : 1});
+        return go(s.get());
+    } else {
+        static_assert(std::is_same_v<Buf, E*>, "omkm::eigen: the buffer is writable memory of the element type");
+        return go(buffer);
+    }
+}
 }  // namespace detail
 
 // LU decomposition with partial pivoting by rows of a square matrix, or of each of an array: the
@@ -1640,15 +1753,59 @@ template <class A, class Values>
 }
 template <class A, class Values, class Third>
 [[nodiscard]] OMKM_HPP_INLINE status eigen_sym(A&& a, Values&& values, Third&& vectors_or_buffer) {
-    using B = std::remove_cv_t<std::remove_reference_t<Third>>;  // a C array of matrices is no buffer
-    if constexpr (std::is_pointer_v<B>)
-        return detail::eigen_sym_impl(std::forward<A>(a), values, nullptr, B(vectors_or_buffer));
+    // a T* or T[N] is the buffer (a C array of matrices describes eigenvectors)
+    using B = std::remove_cv_t<std::remove_reference_t<Third>>;
+    if constexpr (std::is_pointer_v<B> || (std::is_array_v<B> && std::rank_v<B> == 1))
+        return detail::eigen_sym_impl(std::forward<A>(a), values, nullptr, std::decay_t<B>(vectors_or_buffer));
     else
         return detail::eigen_sym_impl(std::forward<A>(a), values, std::forward<Third>(vectors_or_buffer), nullptr);
 }
 template <class A, class Values, class Vectors, class T>
 [[nodiscard]] OMKM_HPP_INLINE status eigen_sym(A&& a, Values&& values, Vectors&& vectors, T* buffer) {
     return detail::eigen_sym_impl(std::forward<A>(a), values, std::forward<Vectors>(vectors), buffer);
+}
+
+// Eigenvalues of a general square matrix (or of each of an array), n per matrix: real parts into
+// re, imaginary parts into im (each a container of T, or of rows T[n] / std::array<T, n>, or a T*),
+// stored where they deflate, a complex pair as two consecutive entries. eigen(a, re, im, right)
+// also writes the right eigenvectors, eigen_left(a, re, im, left) the left ones and
+// eigen_left_right(a, re, im, left, right) both, as the columns of n x n matrices. The layer sizes
+// its scratch by the family's GetBufSize export (a second C call, before the one that solves; on
+// the stack up to 72 elements); a trailing T* is the caller's buffer instead, of the bytes that
+// export gives.
+template <class A, class Re, class Im>
+[[nodiscard]] OMKM_HPP_INLINE status eigen(A&& a, Re&& re, Im&& im) {
+    return detail::eigen_impl(std::forward<A>(a), re, im, nullptr, nullptr, nullptr);
+}
+template <class A, class Re, class Im, class Fourth>
+[[nodiscard]] OMKM_HPP_INLINE status eigen(A&& a, Re&& re, Im&& im, Fourth&& right_or_buffer) {
+    // a T* or T[N] is the buffer (a C array of matrices describes eigenvectors)
+    using B = std::remove_cv_t<std::remove_reference_t<Fourth>>;
+    if constexpr (std::is_pointer_v<B> || (std::is_array_v<B> && std::rank_v<B> == 1))
+        return detail::eigen_impl(std::forward<A>(a), re, im, nullptr, nullptr, std::decay_t<B>(right_or_buffer));
+    else
+        return detail::eigen_impl(std::forward<A>(a), re, im, nullptr, std::forward<Fourth>(right_or_buffer),
+                                  nullptr);
+}
+template <class A, class Re, class Im, class V, class T>
+[[nodiscard]] OMKM_HPP_INLINE status eigen(A&& a, Re&& re, Im&& im, V&& right, T* buffer) {
+    return detail::eigen_impl(std::forward<A>(a), re, im, nullptr, std::forward<V>(right), buffer);
+}
+template <class A, class Re, class Im, class V>
+[[nodiscard]] OMKM_HPP_INLINE status eigen_left(A&& a, Re&& re, Im&& im, V&& left) {
+    return detail::eigen_impl(std::forward<A>(a), re, im, std::forward<V>(left), nullptr, nullptr);
+}
+template <class A, class Re, class Im, class V, class T>
+[[nodiscard]] OMKM_HPP_INLINE status eigen_left(A&& a, Re&& re, Im&& im, V&& left, T* buffer) {
+    return detail::eigen_impl(std::forward<A>(a), re, im, std::forward<V>(left), nullptr, buffer);
+}
+template <class A, class Re, class Im, class VL, class VR>
+[[nodiscard]] OMKM_HPP_INLINE status eigen_left_right(A&& a, Re&& re, Im&& im, VL&& left, VR&& right) {
+    return detail::eigen_impl(std::forward<A>(a), re, im, std::forward<VL>(left), std::forward<VR>(right), nullptr);
+}
+template <class A, class Re, class Im, class VL, class VR, class T>
+[[nodiscard]] OMKM_HPP_INLINE status eigen_left_right(A&& a, Re&& re, Im&& im, VL&& left, VR&& right, T* buffer) {
+    return detail::eigen_impl(std::forward<A>(a), re, im, std::forward<VL>(left), std::forward<VR>(right), buffer);
 }
 
 // ---------------------------------------------------------------- throwing forms
@@ -1677,6 +1834,9 @@ OMKM_HPP_OR_THROW(cholesky_solve)
 OMKM_HPP_OR_THROW(qr)
 OMKM_HPP_OR_THROW(qr_solve)
 OMKM_HPP_OR_THROW(eigen_sym)
+OMKM_HPP_OR_THROW(eigen)
+OMKM_HPP_OR_THROW(eigen_left)
+OMKM_HPP_OR_THROW(eigen_left_right)
 #undef OMKM_HPP_OR_THROW
 
 }  // namespace omkm
