@@ -70,6 +70,7 @@ struct R {
     float n23[2][3];
     float s33[3][3];
     float t33[3][3];
+    float u33[3][3];
     float v3[3];
     float w3[3];
     float u3[3];
@@ -95,7 +96,7 @@ struct Data {
     double* tout[2] = {&t22out[0][0][0], &t22out[1][0][0]};
     int piv3[3] = {2, 0, 1};  // row orders for the LU solvers
     std::vector<std::array<int, 3>> pivs = std::vector<std::array<int, 3>>(3, {1, 2, 0});
-    std::vector<float> vals = std::vector<float>(9);
+    std::vector<float> vals = std::vector<float>(9), im = std::vector<float>(9), buf = std::vector<float>(64);
     Data() {
         float f = 0.25f;
         auto fill = [&](float* p, int n) {
@@ -485,6 +486,51 @@ const std::vector<Row>& rows() {
             omkm::eigen_sym(field(d.rp, &R::s33), d.vals, field(d.rp, &R::t33), &d.c24[0][0]),
             "omkmEigenValuesVectorsSym_ma_32f_L", d.rp.data(), int(offsetof(R, s33)), 12, F4, &d.c24[0][0],
             d.rp.data(), int(offsetof(R, t33)), 12, F4, d.vals.data(), 3, 3),
+        // ---- the general eigenproblem: the vectors' parts (left before right), values, widthHeight, count,
+        // then the buffer (the layer's scratch is sized by a query first: checked by bits below)
+        ROW("eigenvalues m, general", omkm::eigen(d.m33, d.x3, d.y3, d.buf.data()), "omkmEigenValues_m_32f",
+            &d.m33[0][0], 12, F4, d.x3, d.y3, 3, d.buf.data()),
+        ROW("eigenvalues ma, general", omkm::eigen(field(d.r, &R::s33), d.vals, d.im, d.buf.data()),
+            "omkmEigenValues_ma_32f", &d.r[0].s33[0][0], kRec, 12, F4, d.vals.data(), d.im.data(), 3, 3, d.buf.data()),
+        ROW("eigenvalues ma through pointers, general", omkm::eigen(field(d.rp, &R::s33), d.vals, d.im, d.buf.data()),
+            "omkmEigenValues_ma_32f_L", d.rp.data(), int(offsetof(R, s33)), 12, F4, d.vals.data(), d.im.data(), 3, 3,
+            d.buf.data()),
+        ROW("right eigenvectors m", omkm::eigen(d.m33, d.x3, d.y3, d.r[0].t33, d.buf.data()),
+            "omkmEigenValuesVectorsRight_m_32f", &d.m33[0][0], 12, F4, &d.r[0].t33[0][0], 12, F4, d.x3, d.y3, 3,
+            d.buf.data()),
+        ROW("right eigenvectors ma", omkm::eigen(field(d.r, &R::s33), d.vals, d.im, field(d.r, &R::t33), d.buf.data()),
+            "omkmEigenValuesVectorsRight_ma_32f", &d.r[0].s33[0][0], kRec, 12, F4, &d.r[0].t33[0][0], kRec, 12, F4,
+            d.vals.data(), d.im.data(), 3, 3, d.buf.data()),
+        ROW("right eigenvectors ma through pointers",
+            omkm::eigen(field(d.rp, &R::s33), d.vals, d.im, field(d.rp, &R::t33), d.buf.data()),
+            "omkmEigenValuesVectorsRight_ma_32f_L", d.rp.data(), int(offsetof(R, s33)), 12, F4, d.rp.data(),
+            int(offsetof(R, t33)), 12, F4, d.vals.data(), d.im.data(), 3, 3, d.buf.data()),
+        ROW("left eigenvectors m", omkm::eigen_left(d.m33, d.x3, d.y3, d.r[0].t33, d.buf.data()),
+            "omkmEigenValuesVectorsLeft_m_32f", &d.m33[0][0], 12, F4, &d.r[0].t33[0][0], 12, F4, d.x3, d.y3, 3,
+            d.buf.data()),
+        ROW("left eigenvectors ma",
+            omkm::eigen_left(field(d.r, &R::s33), d.vals, d.im, field(d.r, &R::t33), d.buf.data()),
+            "omkmEigenValuesVectorsLeft_ma_32f", &d.r[0].s33[0][0], kRec, 12, F4, &d.r[0].t33[0][0], kRec, 12, F4,
+            d.vals.data(), d.im.data(), 3, 3, d.buf.data()),
+        ROW("left eigenvectors ma through pointers",
+            omkm::eigen_left(field(d.rp, &R::s33), d.vals, d.im, field(d.rp, &R::t33), d.buf.data()),
+            "omkmEigenValuesVectorsLeft_ma_32f_L", d.rp.data(), int(offsetof(R, s33)), 12, F4, d.rp.data(),
+            int(offsetof(R, t33)), 12, F4, d.vals.data(), d.im.data(), 3, 3, d.buf.data()),
+        ROW("left and right eigenvectors m",
+            omkm::eigen_left_right(d.m33, d.x3, d.y3, d.r[0].t33, d.r[0].u33, d.buf.data()),
+            "omkmEigenValuesVectors_m_32f", &d.m33[0][0], 12, F4, &d.r[0].t33[0][0], 12, F4, &d.r[0].u33[0][0], 12, F4,
+            d.x3, d.y3, 3, d.buf.data()),
+        ROW("left and right eigenvectors ma",
+            omkm::eigen_left_right(field(d.r, &R::s33), d.vals, d.im, field(d.r, &R::t33), field(d.r, &R::u33),
+                                   d.buf.data()),
+            "omkmEigenValuesVectors_ma_32f", &d.r[0].s33[0][0], kRec, 12, F4, &d.r[0].t33[0][0], kRec, 12, F4,
+            &d.r[0].u33[0][0], kRec, 12, F4, d.vals.data(), d.im.data(), 3, 3, d.buf.data()),
+        ROW("left and right eigenvectors ma through pointers",
+            omkm::eigen_left_right(field(d.rp, &R::s33), d.vals, d.im, field(d.rp, &R::t33), field(d.rp, &R::u33),
+                                   d.buf.data()),
+            "omkmEigenValuesVectors_ma_32f_L", d.rp.data(), int(offsetof(R, s33)), 12, F4, d.rp.data(),
+            int(offsetof(R, t33)), 12, F4, d.rp.data(), int(offsetof(R, u33)), 12, F4, d.vals.data(), d.im.data(), 3,
+            3, d.buf.data()),
         // ---- double, raw memory with strides: matrices stored by columns, vectors every other element
         ROW("strided double m*t",
             omkm::mul(omkm::strided_matrix(d.g.data(), 2, 3, 8, 16),
@@ -634,6 +680,17 @@ TEST(CppInterface, ResultsAreTheBitsOfTheDirectCCall) {
                   omkStsOk);
         EXPECT_EQ(0, std::memcmp(i1.data(), i2.data(), i1.size() * sizeof(double)));
         EXPECT_EQ(0, std::memcmp(x1.data(), x2.data(), x1.size() * sizeof(double)));
+        // general eigenvalues and right eigenvectors of each, on the scratch the layer sizes by the query
+        int bytes = 0;
+        EXPECT_EQ(omkmEigenValuesVectorsGetBufSize_64f(order, &bytes), omkStsOk);
+        std::vector<double> ebuf(static_cast<std::size_t>(bytes) / 8 + 1), im1(rhs.size()), im2(rhs.size());
+        EXPECT_EQ(omkm::eigen(src, x1, im1, f1), status::ok);
+        EXPECT_EQ(omkmEigenValuesVectorsRight_ma_64f(m.data(), obj, row, 8, i2.data(), obj, row, 8, x2.data(),
+                                                     im2.data(), order, count, ebuf.data()),
+                  omkStsOk);
+        EXPECT_EQ(0, std::memcmp(x1.data(), x2.data(), x1.size() * sizeof(double)));
+        EXPECT_EQ(0, std::memcmp(im1.data(), im2.data(), im1.size() * sizeof(double)));
+        EXPECT_EQ(0, std::memcmp(i1.data(), i2.data(), i1.size() * sizeof(double)));
     }
 
     // dot products of length 5 (strided and contiguous kernels differ by design), norms, cross products
