@@ -52,8 +52,8 @@
 // one vector each. LU pivots are n ints per matrix in one contiguous run: int[n], std::array<int, n>,
 // a container of int or of such rows, or an int*. qr and qr_solve take `height` elements of
 // scratch, eigen_sym(a, values[, vectors]) n*n: the layer's on the stack up to 72 elements and
-// allocated above, or the caller's through a trailing T* (for eigen_sym a T* third operand is the
-// buffer, any other the eigenvectors). Eigenvalues, n per matrix, go to a contiguous container of T
+// allocated above, or the caller's through a trailing T* (for eigen_sym a T* or T[N] third operand
+// is the buffer, any other the eigenvectors). Eigenvalues, n per matrix, go to a contiguous container of T
 // (or of rows T[n], std::array<T, n>) whose size is checked, or through a T*.
 // General eigenproblem: eigen(a, re, im[, right]), eigen_left(a, re, im, left),
 // eigen_left_right(a, re, im, left, right); the layer sizes its scratch by the GetBufSize export of
@@ -1744,8 +1744,8 @@ template <class M, class B, class X, class T>
 
 // Eigenvalues of a symmetric matrix, descending, n into values (a container of n or more, or a
 // T*); of an array, n per matrix one after another. With a third operand that is a matrix (or an
-// array of them), also the eigenvectors as its columns; a T* third operand is the caller's scratch
-// (n*n elements) instead, and the four-operand form takes both. The layer's scratch is on the
+// array of them), also the eigenvectors as its columns; a T* or T[N] third operand is the caller's
+// scratch (n*n elements) instead, and the four-operand form takes both. The layer's scratch is on the
 // stack up to order 8.
 template <class A, class Values>
 [[nodiscard]] OMKM_HPP_INLINE status eigen_sym(A&& a, Values&& values) {
