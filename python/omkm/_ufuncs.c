@@ -128,6 +128,18 @@ static int stored(Desc* x, int* w, int* h, int esize)
     return 1;
 }
 
+/* The vector forms of the solvers (solve1, lu_solve1, cho_solve1): a vector right-hand side and
+ * solution are the matrix form's one column, the element stride standing as the row stride. e gets
+ * the nargs operands with those two (the last two) so described, s the sizes (m, 1). */
+static void one_column(const Desc* d, int nargs, const int* sz, Desc* e, int* s)
+{
+    for (int i = 0; i < nargs; i++) e[i] = d[i];
+    e[nargs - 2].s1 = d[nargs - 2].s2;
+    e[nargs - 1].s1 = d[nargs - 1].s2;
+    s[0] = sz[0];
+    s[1] = 1;
+}
+
 /* Cholesky: the library's factor holds 1/L(i,i) on its diagonal and leaves the strict upper
  * triangle unwritten; numpy's factor is L with zeros above the diagonal. */
 #define DEFINE_RUNS(T, SFX)                                                                          \
@@ -347,10 +359,9 @@ static int solve_##SFX(Desc* d, const int* sz, int count, const char** fname)   
 /* solve1: a vector right-hand side is solve's one column, its element stride s2. */               \
 static int solve1_##SFX(Desc* d, const int* sz, int count, const char** fname)                       \
 {                                                                                                    \
-    Desc e[3] = {d[0], d[1], d[2]};                                                                  \
-    int s[2] = {sz[0], 1};                                                                           \
-    e[1].s1 = d[1].s2;                                                                               \
-    e[2].s1 = d[2].s2;                                                                               \
+    Desc e[3];                                                                                       \
+    int s[2];                                                                                        \
+    one_column(d, 3, sz, e, s);                                                                      \
     return solve_##SFX(e, s, count, fname);                                                          \
 }                                                                                                    \
 /* lu_solve: scipy's lu holds its rows in pivot order, so the row order the library's solver takes  \
@@ -384,10 +395,9 @@ static int lu_solve_##SFX(Desc* d, const int* sz, int count, const char** fname)
 }                                                                                                    \
 static int lu_solve1_##SFX(Desc* d, const int* sz, int count, const char** fname)                    \
 {                                                                                                    \
-    Desc e[4] = {d[0], d[1], d[2], d[3]};                                                            \
-    int s[2] = {sz[0], 1};                                                                           \
-    e[2].s1 = d[2].s2;                                                                               \
-    e[3].s1 = d[3].s2;                                                                               \
+    Desc e[4];                                                                                       \
+    int s[2];                                                                                        \
+    one_column(d, 4, sz, e, s);                                                                      \
     return lu_solve_##SFX(e, s, count, fname);                                                       \
 }                                                                                                    \
 /* cho_solve: the library's factor (L below the diagonal, 1/L(i,i) on it) is formed per matrix     \
@@ -431,10 +441,9 @@ static int cho_solve_##SFX(Desc* d, const int* sz, int count, const char** fname
 }                                                                                                    \
 static int cho_solve1_##SFX(Desc* d, const int* sz, int count, const char** fname)                   \
 {                                                                                                    \
-    Desc e[3] = {d[0], d[1], d[2]};                                                                  \
-    int s[2] = {sz[0], 1};                                                                           \
-    e[1].s1 = d[1].s2;                                                                               \
-    e[2].s1 = d[2].s2;                                                                               \
+    Desc e[3];                                                                                       \
+    int s[2];                                                                                        \
+    one_column(d, 3, sz, e, s);                                                                      \
     return cho_solve_##SFX(e, s, count, fname);                                                      \
 }                                                                                                    \
 /* Values ascending with the vector columns to match: the library sorts them descending (for      \
