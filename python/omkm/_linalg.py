@@ -133,21 +133,12 @@ def lu_factor(a, overwrite_a=False, check_finite=True):
     return ufuncs.lu_factor(x)
 
 
-_COMPUTED = frozenset("?bBhHiIlLqQfd")       # dtype.char of what asarray() takes: bool, integers, float32/64
-
-
 def _factor_and_rhs(name, c, b, check_finite):
-    """lu_solve's and cho_solve's factor c (square matrices (..., n, n)) and right-hand sides b as
-    arrays, checked as _square() and asarray() check them (their errors), and with check_finite a
-    ValueError when either holds an inf or a NaN (_finite)."""
-    f = c if type(c) is np.ndarray else np.asarray(c)
+    """lu_solve's and cho_solve's factor c (square matrices (..., n, n), _matrices) and right-hand
+    sides b as arrays, with check_finite a ValueError when either holds an inf or a NaN; the
+    gufuncs then refuse dtypes as numpy.linalg does."""
+    f = _matrices(name, c)
     y = b if type(b) is np.ndarray else np.asarray(b)
-    if f.dtype.char not in _COMPUTED or y.dtype.char not in _COMPUTED:
-        asarray(f, name), asarray(y, name)           # raises its TypeError
-    if f.ndim < 2 or f.shape[-1] != f.shape[-2]:
-        raise NotSquareError(f"{name}: a must hold square matrices (..., n, n), got shape {f.shape}")
-    if f.shape[-1] < 1:
-        check_sizes(name, f.shape[-1])               # raises its ValueError
     _finite(name, check_finite, f, y)
     return f, y
 
@@ -229,7 +220,8 @@ def _finite(name, check_finite, *arrays):
     much as the factorization."""
     if not check_finite:
         return
-    if sum(x.size for x in arrays) <= 128 and math.isfinite(sum(sum(x.ravel().tolist()) for x in arrays)):
+    if (sum(x.size for x in arrays) <= 128 and all(x.dtype.kind in "biuf" for x in arrays)
+            and math.isfinite(sum(sum(x.ravel().tolist()) for x in arrays))):
         return
     for x in arrays:
         if not np.isfinite(x).all():
