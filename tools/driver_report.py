@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Runs the rows of omkm_bench that measure what every call shares (BM_Omp*, BM_DriverCost_*,
-BM_SingleCall_*) for each OpenMP runtime build given and writes docs/parallel_driver.md: the cost
-of an empty parallel region, the driver's fixed cost per call, the crossover counts of packed 4x4
-Add and Mul of two arrays, and the per-call cost of single-object members against Eigen inlined.
+BM_SingleCall_*, BM_CppLayer_*) for each OpenMP runtime build given and writes docs/parallel_driver.md:
+the cost of an empty parallel region, the driver's fixed cost per call, the crossover counts of packed
+4x4 Add and Mul of two arrays, the per-call cost of single-object members against Eigen inlined, and
+calls through the C++ interface beside the same direct C calls.
 
     tools/driver_report.py --build gnu=build-bench --build llvm=build-bench-llvm [--docs docs]
 
@@ -23,7 +24,7 @@ RUNTIMES = {"gnu": "GNU libgomp", "llvm": "LLVM libomp"}
 
 def run(build, repetitions, min_time):
     bench = os.path.join(build, "bench", "omkm_bench")
-    cmd = [bench, "--benchmark_filter=BM_(Omp|DriverCost|SingleCall)", "--benchmark_format=json",
+    cmd = [bench, "--benchmark_filter=BM_(Omp|DriverCost|SingleCall|CppLayer)", "--benchmark_format=json",
            f"--benchmark_repetitions={repetitions}", f"--benchmark_min_time={min_time}",
            "--benchmark_report_aggregates_only=false", "--benchmark_enable_random_interleaving=true"]
     print("driver_report: " + " ".join(cmd), file=sys.stderr)
@@ -122,6 +123,39 @@ def single_calls(times, runtime):
     return lines
 
 
+CPP_LAYER = [("Mul_m4", "one 4x4 float product", "`omkmMul_mm_32f`", "`omkm::mul(a, b, d)`", 256),
+             ("Invert_m3", "one 3x3 double inverse", "`omkmInvert_m_64f`, the caller's scratch",
+              "`omkm::invert(a, d)`, scratch on the stack", 256),
+             ("LUSolve_m3", "one 3x3 double system", "`omkmLUDecomp_m_64f` + `omkmLUBackSubst_mv_64f`",
+              "`omkm::lu_decomp` + `omkm::lu_solve`", 256),
+             ("Mul_mama_m3", "3x3 float products, a member of 1,000 records", "`omkmMul_mama_32f`",
+              "`omkm::mul(field, field, field)`", 1000),
+             ("Add_mam_m3", "one 3x3 float matrix added to a member of 1,000 records", "`omkmAdd_mam_32f`",
+              "`omkm::add(field, m, field)`", 1000),
+             ("EigSym_ma_m3", "3x3 double eigenvalues and vectors, 1,000 records",
+              "`omkmEigenValuesVectorsSym_ma_64f`, the caller's scratch",
+              "`omkm::eigen_sym(field, values, field)`, the layer's scratch", 1000)]
+
+
+def cpp_layer(times, runtime):
+    """Calls through omkm.hpp beside the same direct C calls (first build's run)."""
+    lines = ["## The C++ interface against direct C calls", "",
+             f"ns per object on a budget of one thread ({runtime} build), the same memory and work both ways: "
+             "the single-object rows make one call per object over 256 objects in cache, the array rows one "
+             "call over 1,000 records in cache. `bench/cpp_layer_bench.cpp` writes each workload with the "
+             "export named and every stride computed by hand, and through the overloaded name of "
+             "`include/omkm.hpp`.", "",
+             "| workload | C call | C++ call | C | C++ | C++ / C |", "|---|---|---|---:|---:|---:|"]
+    for key, what, c_call, cpp_call, objects in CPP_LAYER:
+        c = times.get(f"BM_CppLayer_{key}/c")
+        cpp = times.get(f"BM_CppLayer_{key}/cpp")
+        if c is None or cpp is None:
+            continue
+        lines.append(f"| {what} | {c_call} | {cpp_call} | {c / objects:.2f} | {cpp / objects:.2f} | {cpp / c:.3f} |")
+    lines.append("")
+    return lines
+
+
 def runtime_builds_parser(doc):
     """The arguments every per-runtime report takes: --build RUNTIME=DIR (repeated) and --docs."""
     ap = argparse.ArgumentParser(description=doc, formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -207,6 +241,7 @@ def main():
             f"| {crossover(r):,} objects" if crossover(r) else "| none" for r in per).lstrip("| ") + " |")
         lines.append("")
     lines += single_calls(results[0][2], RUNTIMES.get(results[0][0], results[0][0]))
+    lines += cpp_layer(results[0][2], RUNTIMES.get(results[0][0], results[0][0]))
     os.makedirs(args.docs, exist_ok=True)
     path = os.path.join(args.docs, "parallel_driver.md")
     with open(path, "w", encoding="utf-8") as f:
