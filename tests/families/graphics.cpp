@@ -351,8 +351,15 @@ std::vector<Family> graphicsFamilies() {
              {"MulTranspose", "from column 0's product"}, {"IsIdentity", "as full equality"}});
     addWays(builders, "v3m4", {{"RotationAxis", "unfused"}});
 
+    // Arrays of 2 to 19 points: eight-point blocks, with and without a rest.
+    const auto pointDraws = [](const Name& m) {
+        if (!m.array()) return std::vector<Shape>(40);
+        std::vector<Shape> s(8);
+        for (size_t i = 0; i < s.size(); ++i) s[i].count = (const int[]){2, 19, 8, 11}[i % 4];
+        return s;
+    };
     Family points{"PointTransforms",
-                  opIn("AffineTransform AffineTransformCoord AffineTransformNormal Project Unproject"), draws(40),
+                  opIn("AffineTransform AffineTransformCoord AffineTransformNormal Project Unproject"), pointDraws,
                   fillPoints, pointObject, {}, {}, {}, {}, {"Src"}, true, {}, {}};
     addWays(points, "m4v2 m4v3", {{"AffineTransform AffineTransformCoord AffineTransformNormal", "in another order"}});
     addWays(points, "m4v4", {{"AffineTransform", "in another order"}});
