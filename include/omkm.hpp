@@ -1910,12 +1910,11 @@ OMKM_HPP_INLINE auto fixed_m4(X&& x) {
     constexpr int f = static_cast<int>(sizeof(float));
     if constexpr (kind_of<D>::value == k_m)
         return fixed_ref<E>{d.p, 16,
-                            d.rows != 4 || d.cols != 4 ? status::size_mismatch
+                            d.rows != 4 || d.cols != 4   ? status::size_mismatch
                             : d.s1 != 4 * f || d.s2 != f ? status::bad_stride
                                                          : status::ok};
     else
-        return fixed_ref<E>{d.p, 16,
-                            d.len != 16 ? status::size_mismatch : d.s2 != f ? status::bad_stride : status::ok};
+        return fixed_ref<E>{d.p, 16, d.len != 16 ? status::size_mismatch : d.s2 != f ? status::bad_stride : status::ok};
 }
 
 // An array of vectors for the "a" exports (stride0 only) or one vector.
@@ -1944,7 +1943,7 @@ constexpr status first_failure(S... s) {
 }  // namespace detail
 
 // One export of the _v2/_v3/_v4 triple by the operands' length n (checked to be 2, 3 or 4).
-#define OMKM_HPP_BY_LEN(n, NAME, ...)                                                             \
+#define OMKM_HPP_BY_LEN(n, NAME, ...)                                                                 \
     ((n) == 2   ? status(OMKM_HPP_INVOKE("omkm" #NAME "_v2_32f", ::omkm##NAME##_v2_32f, __VA_ARGS__)) \
      : (n) == 3 ? status(OMKM_HPP_INVOKE("omkm" #NAME "_v3_32f", ::omkm##NAME##_v3_32f, __VA_ARGS__)) \
      : (n) == 4 ? status(OMKM_HPP_INVOKE("omkm" #NAME "_v4_32f", ::omkm##NAME##_v4_32f, __VA_ARGS__)) \
@@ -2040,14 +2039,14 @@ template <class A, class B, class C, class Dst>
 // The cubic Hermite curve at s from point p1 (tangent t1) to point p2 (tangent t2).
 template <class P1, class T1, class P2, class T2, class Dst>
 [[nodiscard]] OMKM_HPP_INLINE status hermite(P1&& p1, T1&& t1, P2&& p2, T2&& t2, float s, Dst&& dst) {
-    return detail::curve<false>(std::forward<P1>(p1), std::forward<T1>(t1), std::forward<P2>(p2),
-                                std::forward<T2>(t2), s, std::forward<Dst>(dst));
+    return detail::curve<false>(std::forward<P1>(p1), std::forward<T1>(t1), std::forward<P2>(p2), std::forward<T2>(t2),
+                                s, std::forward<Dst>(dst));
 }
 // The Catmull-Rom spline through p0 .. p3 at s, between p1 (s = 0) and p2 (s = 1).
 template <class P0, class P1, class P2, class P3, class Dst>
 [[nodiscard]] OMKM_HPP_INLINE status catmull_rom(P0&& p0, P1&& p1, P2&& p2, P3&& p3, float s, Dst&& dst) {
-    return detail::curve<true>(std::forward<P0>(p0), std::forward<P1>(p1), std::forward<P2>(p2),
-                               std::forward<P3>(p3), s, std::forward<Dst>(dst));
+    return detail::curve<true>(std::forward<P0>(p0), std::forward<P1>(p1), std::forward<P2>(p2), std::forward<P3>(p3),
+                               s, std::forward<Dst>(dst));
 }
 
 // ---- transform builders: each writes all 16 entries of a 4x4 transform for row vectors (p' = p*M,
@@ -2057,7 +2056,8 @@ template <class P0, class P1, class P2, class P3, class Dst>
 // test), else 0; into an int& or a bool&.
 template <class M, class Out>
 [[nodiscard]] OMKM_HPP_INLINE status is_identity(M&& m, Out& result) {
-    static_assert(std::is_same_v<Out, int> || std::is_same_v<Out, bool>, "omkm::is_identity: the result is an int& or bool&");
+    static_assert(std::is_same_v<Out, int> || std::is_same_v<Out, bool>,
+                  "omkm::is_identity: the result is an int& or bool&");
     const auto a = detail::fixed_m4(std::forward<M>(m));
     if (a.st != status::ok) return a.st;
     if constexpr (std::is_same_v<Out, int>) {
@@ -2093,12 +2093,12 @@ template <class Eye, class At, class Up, class Dst>
 }
 
 // Builders of floats only: the destination checked, then the one call.
-#define OMKM_HPP_BUILDER(CXX, CNAME, PARAMS, ARGS)                            \
-    template <class Dst>                                                      \
-    [[nodiscard]] OMKM_HPP_INLINE status CXX PARAMS {                         \
-        const auto d = detail::fixed_m4<true>(std::forward<Dst>(dst));        \
-        if (d.st != status::ok) return d.st;                                  \
-        return OMKM_HPP_FIXED(CNAME, OMKM_HPP_UNPAREN ARGS, d.p);             \
+#define OMKM_HPP_BUILDER(CXX, CNAME, PARAMS, ARGS)                     \
+    template <class Dst>                                               \
+    [[nodiscard]] OMKM_HPP_INLINE status CXX PARAMS {                  \
+        const auto d = detail::fixed_m4<true>(std::forward<Dst>(dst)); \
+        if (d.st != status::ok) return d.st;                           \
+        return OMKM_HPP_FIXED(CNAME, OMKM_HPP_UNPAREN ARGS, d.p);      \
     }
 #define OMKM_HPP_UNPAREN(...) __VA_ARGS__
 // Orthographic and perspective projections of a view volume of width w and height h at the near
@@ -2107,9 +2107,11 @@ template <class Eye, class At, class Up, class Dst>
 OMKM_HPP_BUILDER(ortho, OrthoLH_m4, (left_handed_t, float w, float h, float zn, float zf, Dst&& dst), (w, h, zn, zf))
 OMKM_HPP_BUILDER(ortho, OrthoRH_m4, (right_handed_t, float w, float h, float zn, float zf, Dst&& dst), (w, h, zn, zf))
 OMKM_HPP_BUILDER(ortho_off_center, OrthoOffCenterLH_m4,
-                 (left_handed_t, float l, float r, float b, float t, float zn, float zf, Dst&& dst), (l, r, b, t, zn, zf))
+                 (left_handed_t, float l, float r, float b, float t, float zn, float zf, Dst&& dst),
+                 (l, r, b, t, zn, zf))
 OMKM_HPP_BUILDER(ortho_off_center, OrthoOffCenterRH_m4,
-                 (right_handed_t, float l, float r, float b, float t, float zn, float zf, Dst&& dst), (l, r, b, t, zn, zf))
+                 (right_handed_t, float l, float r, float b, float t, float zn, float zf, Dst&& dst),
+                 (l, r, b, t, zn, zf))
 OMKM_HPP_BUILDER(perspective, PerspectiveLH_m4, (left_handed_t, float w, float h, float zn, float zf, Dst&& dst),
                  (w, h, zn, zf))
 OMKM_HPP_BUILDER(perspective, PerspectiveRH_m4, (right_handed_t, float w, float h, float zn, float zf, Dst&& dst),
@@ -2119,9 +2121,11 @@ OMKM_HPP_BUILDER(perspective_fov, PerspectiveFovLH_m4,
 OMKM_HPP_BUILDER(perspective_fov, PerspectiveFovRH_m4,
                  (right_handed_t, float fov_y, float aspect, float zn, float zf, Dst&& dst), (fov_y, aspect, zn, zf))
 OMKM_HPP_BUILDER(perspective_off_center, PerspectiveOffCenterLH_m4,
-                 (left_handed_t, float l, float r, float b, float t, float zn, float zf, Dst&& dst), (l, r, b, t, zn, zf))
+                 (left_handed_t, float l, float r, float b, float t, float zn, float zf, Dst&& dst),
+                 (l, r, b, t, zn, zf))
 OMKM_HPP_BUILDER(perspective_off_center, PerspectiveOffCenterRH_m4,
-                 (right_handed_t, float l, float r, float b, float t, float zn, float zf, Dst&& dst), (l, r, b, t, zn, zf))
+                 (right_handed_t, float l, float r, float b, float t, float zn, float zf, Dst&& dst),
+                 (l, r, b, t, zn, zf))
 // Rotations by an angle in radians about x, y, z; by yaw (about y), pitch (x) and roll (z), roll
 // first; scaling and translation along x, y, z.
 OMKM_HPP_BUILDER(rotation_x, RotationX_m4, (float angle, Dst&& dst), (angle))
@@ -2141,7 +2145,8 @@ template <class Axis, class Dst>
     const auto d = detail::fixed_m4<true>(std::forward<Dst>(dst));
     if (const status s = detail::first_failure(a.st, d.st); s != status::ok) return s;
     if (a.len != 3) return status::size_mismatch;
-    return OMKM_HPP_INVOKE("omkmRotationAxis_v3m4_32f", ::omkmRotationAxis_v3m4_32f, detail::src(a.p), angle, d.p);
+    return status(
+        OMKM_HPP_INVOKE("omkmRotationAxis_v3m4_32f", ::omkmRotationAxis_v3m4_32f, detail::src(a.p), angle, d.p));
 }
 
 // dst = the transpose of a*b (4x4); all of a and b are read first, so dst may be either.
@@ -2166,7 +2171,8 @@ OMKM_HPP_INLINE status transform(M&& m, S&& s, Dst&& dst) {
     const auto d = fixed_vecs<true>(std::forward<Dst>(dst));
     using DS = std::decay_t<decltype(describe(std::declval<S>()))>;
     using DD = std::decay_t<decltype(describe(std::declval<Dst>()))>;
-    static_assert(is_array_v<DS> == is_array_v<DD>, "omkm::transform_*: the destination is an array exactly when the source is");
+    static_assert(is_array_v<DS> == is_array_v<DD>,
+                  "omkm::transform_*: the destination is an array exactly when the source is");
     if (const status st = first_failure(a.st, v.st, d.st); st != status::ok) return st;
     const int n = v.len;
     // points: (x, y[, z], 1)*M or (x, y, z, w)*M, all four lanes; coords: divided by w, n lanes;
@@ -2227,8 +2233,8 @@ OMKM_HPP_INLINE status project_impl(P&& proj, V&& view, W&& world, S&& s, const 
             return OMKM_HPP_FIXED(Unproject_m4v3a, p0, p1, p2, pv, v.s0, vp.width, vp.height, vp.min_depth,
                                   vp.max_depth, d.p, d.s0, v.count);
         else
-            return OMKM_HPP_FIXED(Project_m4v3a, p0, p1, p2, pv, v.s0, vp.width, vp.height, vp.min_depth,
-                                  vp.max_depth, d.p, d.s0, v.count);
+            return OMKM_HPP_FIXED(Project_m4v3a, p0, p1, p2, pv, v.s0, vp.width, vp.height, vp.min_depth, vp.max_depth,
+                                  d.p, d.s0, v.count);
     }
 }
 }  // namespace detail
@@ -2260,7 +2266,8 @@ template <class M, class S, class Dst>
     using DM = std::decay_t<decltype(dm)>;
     using DV = std::decay_t<decltype(dv)>;
     using DD = std::decay_t<decltype(dd)>;
-    static_assert(kind_of<DM>::value == k_m, "omkm::transform_homogeneous: the first operand is one 4x4 matrix, read as stored");
+    static_assert(kind_of<DM>::value == k_m,
+                  "omkm::transform_homogeneous: the first operand is one 4x4 matrix, read as stored");
     static_assert(kind_of<DV>::value == va && kind_of<DD>::value == va && !is_table_v<DV> && !is_table_v<DD>,
                   "omkm::transform_homogeneous: the source and destination are arrays of 4-vectors (for one vector: "
                   "transform_points)");
@@ -2278,13 +2285,14 @@ template <class M, class S, class Dst>
 // depth, and back (unproject: singular when the combined transform has no inverse). The transforms
 // come in the export's order: projection, view, world.
 template <class P, class V, class W, class S, class Dst>
-[[nodiscard]] OMKM_HPP_INLINE status project(P&& projection, V&& view, W&& world, S&& s, const viewport& vp, Dst&& dst) {
+[[nodiscard]] OMKM_HPP_INLINE status project(P&& projection, V&& view, W&& world, S&& s, const viewport& vp,
+                                             Dst&& dst) {
     return detail::project_impl<false>(std::forward<P>(projection), std::forward<V>(view), std::forward<W>(world),
                                        std::forward<S>(s), vp, std::forward<Dst>(dst));
 }
 template <class P, class V, class W, class S, class Dst>
 [[nodiscard]] OMKM_HPP_INLINE status unproject(P&& projection, V&& view, W&& world, S&& s, const viewport& vp,
-                                              Dst&& dst) {
+                                               Dst&& dst) {
     return detail::project_impl<true>(std::forward<P>(projection), std::forward<V>(view), std::forward<W>(world),
                                       std::forward<S>(s), vp, std::forward<Dst>(dst));
 }
@@ -2425,11 +2433,11 @@ template <class M, class Dst>
 #undef OMKM_HPP_FIXED
 
 // Throwing twins of this section's names (the general names' twins follow below).
-#define OMKM_HPP_OR_THROW_AT(SCOPE, NAME)                     \
-    template <class... X>                                     \
-    inline void NAME##_or_throw(X&&... x) {                   \
-        const status s = SCOPE::NAME(std::forward<X>(x)...);  \
-        if (s != status::ok) throw error(s);                  \
+#define OMKM_HPP_OR_THROW_AT(SCOPE, NAME)                    \
+    template <class... X>                                    \
+    inline void NAME##_or_throw(X&&... x) {                  \
+        const status s = SCOPE::NAME(std::forward<X>(x)...); \
+        if (s != status::ok) throw error(s);                 \
     }
 OMKM_HPP_OR_THROW_AT(::omkm, len)
 OMKM_HPP_OR_THROW_AT(::omkm, len_sqr)
