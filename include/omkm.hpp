@@ -2071,25 +2071,30 @@ template <class M, class Out>
 }
 
 // A view transform from the eye towards `at`, `up` giving the vertical (3-vectors).
+namespace detail {
+template <bool RH, class Eye, class At, class Up, class Dst>
+OMKM_HPP_INLINE status look_at_impl(Eye&& eye, At&& at, Up&& up, Dst&& dst) {
+    const auto e = fixed_vec(std::forward<Eye>(eye));
+    const auto a = fixed_vec(std::forward<At>(at));
+    const auto u = fixed_vec(std::forward<Up>(up));
+    const auto d = fixed_m4<true>(std::forward<Dst>(dst));
+    if (const status s = first_failure(e.st, a.st, u.st, d.st); s != status::ok) return s;
+    if (e.len != 3 || a.len != 3 || u.len != 3) return status::size_mismatch;
+    if constexpr (RH)
+        return OMKM_HPP_FIXED(LookAtRH_m4, src(e.p), src(a.p), src(u.p), d.p);
+    else
+        return OMKM_HPP_FIXED(LookAtLH_m4, src(e.p), src(a.p), src(u.p), d.p);
+}
+}  // namespace detail
 template <class Eye, class At, class Up, class Dst>
 [[nodiscard]] OMKM_HPP_INLINE status look_at(left_handed_t, Eye&& eye, At&& at, Up&& up, Dst&& dst) {
-    const auto e = detail::fixed_vec(std::forward<Eye>(eye));
-    const auto a = detail::fixed_vec(std::forward<At>(at));
-    const auto u = detail::fixed_vec(std::forward<Up>(up));
-    const auto d = detail::fixed_m4<true>(std::forward<Dst>(dst));
-    if (const status s = detail::first_failure(e.st, a.st, u.st, d.st); s != status::ok) return s;
-    if (e.len != 3 || a.len != 3 || u.len != 3) return status::size_mismatch;
-    return OMKM_HPP_FIXED(LookAtLH_m4, detail::src(e.p), detail::src(a.p), detail::src(u.p), d.p);
+    return detail::look_at_impl<false>(std::forward<Eye>(eye), std::forward<At>(at), std::forward<Up>(up),
+                                       std::forward<Dst>(dst));
 }
 template <class Eye, class At, class Up, class Dst>
 [[nodiscard]] OMKM_HPP_INLINE status look_at(right_handed_t, Eye&& eye, At&& at, Up&& up, Dst&& dst) {
-    const auto e = detail::fixed_vec(std::forward<Eye>(eye));
-    const auto a = detail::fixed_vec(std::forward<At>(at));
-    const auto u = detail::fixed_vec(std::forward<Up>(up));
-    const auto d = detail::fixed_m4<true>(std::forward<Dst>(dst));
-    if (const status s = detail::first_failure(e.st, a.st, u.st, d.st); s != status::ok) return s;
-    if (e.len != 3 || a.len != 3 || u.len != 3) return status::size_mismatch;
-    return OMKM_HPP_FIXED(LookAtRH_m4, detail::src(e.p), detail::src(a.p), detail::src(u.p), d.p);
+    return detail::look_at_impl<true>(std::forward<Eye>(eye), std::forward<At>(at), std::forward<Up>(up),
+                                      std::forward<Dst>(dst));
 }
 
 // Builders of floats only: the destination checked, then the one call.
@@ -2239,7 +2244,8 @@ OMKM_HPP_INLINE status project_impl(P&& proj, V&& view, W&& world, S&& s, const 
 }
 }  // namespace detail
 
-// dst = (x, y, 1)*m, (x, y, z, 1)*m or (x, y, z, w)*m: four floats per 2-, 3- or 4-vector (AffineTransform).
+// dst = (x, y, 0, 1)*m, (x, y, z, 1)*m or (x, y, z, w)*m: four floats per 2-, 3- or 4-vector
+// (AffineTransform).
 template <class M, class S, class Dst>
 [[nodiscard]] OMKM_HPP_INLINE status transform_points(M&& m, S&& s, Dst&& dst) {
     return detail::transform<detail::xform::points>(std::forward<M>(m), std::forward<S>(s), std::forward<Dst>(dst));
