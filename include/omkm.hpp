@@ -72,6 +72,31 @@
 // suffix _or_throw (mul_or_throw, add_or_throw, ...) that takes the same arguments, returns nothing,
 // and throws omkm::error (a std::runtime_error carrying the status) on any status but ok.
 //
+// Fixed-size members and 3D graphics (float only; the exports check nothing, so this layer checks
+// the lengths, size_mismatch, and that the floats are contiguous, bad_stride, before the call):
+//   a vector is float[N] / std::array<float, N> / omkm::vec<N>(p) with N = 2, 3, 4, and the length
+//   picks the _v2, _v3 or _v4 export; a 4x4 transform (row vectors, p' = p*M, translation in row 3)
+//   is float[4][4], float[16], their std::array forms or omkm::mat<4, 4>(p).
+//   Vector helpers: len(v, f), len_sqr(v, f), normalize(v, dst), min(a, b, dst), max(a, b, dst),
+//   lerp(a, b, s, dst), barycentric(v1, v2, v3, f, g, dst), hermite(p1, t1, p2, t2, s, dst),
+//   catmull_rom(p0, p1, p2, p3, s, dst).
+//   Builders, the destination last as everywhere here: look_at(left_handed | right_handed, eye, at,
+//   up, m), ortho, ortho_off_center, perspective, perspective_fov, perspective_off_center (the
+//   handedness tag first), rotation_x/y/z(angle, m), rotation_axis(axis, angle, m),
+//   rotation_yaw_pitch_roll(yaw, pitch, roll, m), scaling(x, y, z, m), translation(x, y, z, m),
+//   mul_transpose(a, b, m), is_identity(m, int& or bool&).
+//   Points: transform_points(m, src, dst) (AffineTransform: 4 floats per 2-, 3- or 4-vector),
+//   transform_coords (divided by w), transform_normals (without translation), one vector or an
+//   array (the "a" exports, stride0 from the container or field); transform_homogeneous(m, src,
+//   dst), arrays of 4-vectors in any description (AffineTransform3DH_mva); project and unproject
+//   (projection, view, world, src, omkm::viewport{width, height, min_depth, max_depth}, dst).
+//   omkm::fixed: the fixed-size members of the general families, by choice: fixed::add, sub (_v2,
+//   _v3, _v4), dot, cross (_v3; two 2-vectors into a float&; cross(a, b, c, dst) of 4-vectors),
+//   mul (Mul_mm4x4 of 4x4s, MulC_vN of a vector and a constant), identity, transpose, det and
+//   invert (_m4). The general names keep the general exports for every operand: add(float[3],
+//   float[3], float[3]) is Add_vv_32f with its checks, mul of three float[4][4] is Mul_mm_32f.
+//   Their throwing twins are omkm::fixed::add_or_throw, ...; the graphics names' are in omkm.
+//
 // Combinations the C API has no export for do not compile; a static_assert says which export is
 // missing and, where one exists, the form to use instead.
 #ifndef OMKM_HPP
@@ -1807,6 +1832,661 @@ template <class A, class Re, class Im, class VL, class VR, class T>
 [[nodiscard]] OMKM_HPP_INLINE status eigen_left_right(A&& a, Re&& re, Im&& im, VL&& left, VR&& right, T* buffer) {
     return detail::eigen_impl(std::forward<A>(a), re, im, std::forward<VL>(left), std::forward<VR>(right), buffer);
 }
+
+// ---------------------------------------------------------------- fixed-size members and 3D graphics
+
+// Handedness of the view and projection builders: look_at(left_handed, ...) reaches the LH export,
+// look_at(right_handed, ...) the RH one.
+struct left_handed_t {
+    explicit constexpr left_handed_t() = default;
+};
+struct right_handed_t {
+    explicit constexpr right_handed_t() = default;
+};
+inline constexpr left_handed_t left_handed{};
+inline constexpr right_handed_t right_handed{};
+
+// The viewport of project and unproject: its origin is the top-left corner, y grows downwards and
+// depth runs from min_depth to max_depth.
+struct viewport {
+    float width, height, min_depth = 0.0f, max_depth = 1.0f;
+};
+
+namespace detail {
+
+// The fixed-size exports take contiguous floats and nothing else: a 2-, 3- or 4-vector, a 4x4
+// transform (16 floats, rows 16 bytes apart: a float[4][4] or a flat float[16] alike), an array of
+// vectors with contiguous components. The layer checks the lengths (size_mismatch) and the
+// contiguity (bad_stride) before the call; the exports check nothing.
+template <class E>
+struct fixed_ref {
+    E* p;
+    int len;  // components of a vector; 16 for a 4x4 transform
+    status st;
+};
+template <class E>
+struct fixed_refs {
+    E* p;
+    int len, s0, count;
+    status st;
+};
+
+template <class D>
+constexpr void require_float() {
+    static_assert(std::is_same_v<typename kind_of<D>::elem, float>,
+                  "omkm: the fixed-size and 3D graphics exports take float elements only");
+}
+template <bool Out, class D>
+constexpr void require_out() {
+    if constexpr (Out) require_writable<D>();
+}
+
+template <bool Out = false, class X>
+OMKM_HPP_INLINE auto fixed_vec(X&& x) {
+    const auto d = describe(std::forward<X>(x));
+    using D = std::decay_t<decltype(d)>;
+    static_assert(kind_of<D>::value == k_v,
+                  "omkm: this operand is one vector of 2, 3 or 4 floats (float[N], std::array<float, N>, "
+                  "omkm::vec<N>(p))");
+    require_float<D>();
+    require_out<Out, D>();
+    using E = std::remove_pointer_t<decltype(d.p)>;
+    return fixed_ref<E>{d.p, d.len, d.s2 == static_cast<int>(sizeof(float)) ? status::ok : status::bad_stride};
+}
+
+template <bool Out = false, class X>
+OMKM_HPP_INLINE auto fixed_m4(X&& x) {
+    const auto d = describe(std::forward<X>(x));
+    using D = std::decay_t<decltype(d)>;
+    static_assert(kind_of<D>::value != k_t,
+                  "omkm: no fixed-size export reads a transposed 4x4; mul_transpose(a, b, dst) writes the "
+                  "transpose of a product, fixed::transpose(m, dst) transposes");
+    static_assert(kind_of<D>::value == k_m || kind_of<D>::value == k_v,
+                  "omkm: this operand is one 4x4 transform of floats (float[4][4], float[16], std::array, "
+                  "omkm::mat<4, 4>(p))");
+    require_float<D>();
+    require_out<Out, D>();
+    using E = std::remove_pointer_t<decltype(d.p)>;
+    constexpr int f = static_cast<int>(sizeof(float));
+    if constexpr (kind_of<D>::value == k_m)
+        return fixed_ref<E>{d.p, 16,
+                            d.rows != 4 || d.cols != 4   ? status::size_mismatch
+                            : d.s1 != 4 * f || d.s2 != f ? status::bad_stride
+                                                         : status::ok};
+    else
+        return fixed_ref<E>{d.p, 16, d.len != 16 ? status::size_mismatch : d.s2 != f ? status::bad_stride : status::ok};
+}
+
+// An array of vectors for the "a" exports (stride0 only) or one vector.
+template <bool Out = false, class X>
+OMKM_HPP_INLINE auto fixed_vecs(X&& x) {
+    const auto d = describe(std::forward<X>(x));
+    using D = std::decay_t<decltype(d)>;
+    static_assert((kind_of<D>::value & 7) == k_v,
+                  "omkm: this operand is a vector of floats or an array of them (a container of float[N] or "
+                  "std::array<float, N>, omkm::field, omkm::strided_vectors)");
+    static_assert(!is_table_v<D>, "omkm: no point transform export takes a pointer table (_L)");
+    require_float<D>();
+    require_out<Out, D>();
+    using E = std::remove_pointer_t<decltype(d.p)>;
+    const status st = d.s2 == static_cast<int>(sizeof(float)) ? status::ok : status::bad_stride;
+    return fixed_refs<E>{d.p, d.len, d.s0, d.count, st};
+}
+
+template <class... S>
+constexpr status first_failure(S... s) {
+    status r = status::ok;
+    ((r = r == status::ok ? s : r), ...);
+    return r;
+}
+
+}  // namespace detail
+
+// One export of the _v2/_v3/_v4 triple by the operands' length n (checked to be 2, 3 or 4).
+#define OMKM_HPP_BY_LEN(n, NAME, ...)                                                                 \
+    ((n) == 2   ? status(OMKM_HPP_INVOKE("omkm" #NAME "_v2_32f", ::omkm##NAME##_v2_32f, __VA_ARGS__)) \
+     : (n) == 3 ? status(OMKM_HPP_INVOKE("omkm" #NAME "_v3_32f", ::omkm##NAME##_v3_32f, __VA_ARGS__)) \
+     : (n) == 4 ? status(OMKM_HPP_INVOKE("omkm" #NAME "_v4_32f", ::omkm##NAME##_v4_32f, __VA_ARGS__)) \
+                : status::size_mismatch)
+#define OMKM_HPP_FIXED(NAME, ...) status(OMKM_HPP_INVOKE("omkm" #NAME "_32f", ::omkm##NAME##_32f, __VA_ARGS__))
+
+// ---- vector helpers on single 2-, 3- and 4-vectors (Len_v3, Normalize_v3, ...)
+
+// The length and squared length into a float&.
+template <class A>
+[[nodiscard]] OMKM_HPP_INLINE status len(A&& a, float& out) {
+    const auto v = detail::fixed_vec(std::forward<A>(a));
+    if (v.st != status::ok) return v.st;
+    return OMKM_HPP_BY_LEN(v.len, Len, detail::src(v.p), &out);
+}
+template <class A>
+[[nodiscard]] OMKM_HPP_INLINE status len_sqr(A&& a, float& out) {
+    const auto v = detail::fixed_vec(std::forward<A>(a));
+    if (v.st != status::ok) return v.st;
+    return OMKM_HPP_BY_LEN(v.len, LenSqr, detail::src(v.p), &out);
+}
+// dst = a divided by its length (a zero vector gives NaN); dst may be a.
+template <class A, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status normalize(A&& a, Dst&& dst) {
+    const auto v = detail::fixed_vec(std::forward<A>(a));
+    const auto d = detail::fixed_vec<true>(std::forward<Dst>(dst));
+    if (const status s = detail::first_failure(v.st, d.st); s != status::ok) return s;
+    if (d.len != v.len) return status::size_mismatch;
+    return OMKM_HPP_BY_LEN(v.len, Normalize, detail::src(v.p), d.p);
+}
+
+namespace detail {
+// Component-wise Min/Max: a < b ? a : b, a > b ? a : b (a NaN takes b's component).
+template <bool Max, class A, class B, class Dst>
+OMKM_HPP_INLINE status min_max(A&& a, B&& b, Dst&& dst) {
+    const auto va = fixed_vec(std::forward<A>(a));
+    const auto vb = fixed_vec(std::forward<B>(b));
+    const auto d = fixed_vec<true>(std::forward<Dst>(dst));
+    if (const status s = first_failure(va.st, vb.st, d.st); s != status::ok) return s;
+    if (vb.len != va.len || d.len != va.len) return status::size_mismatch;
+    if constexpr (Max)
+        return OMKM_HPP_BY_LEN(va.len, Max, src(va.p), src(vb.p), d.p);
+    else
+        return OMKM_HPP_BY_LEN(va.len, Min, src(va.p), src(vb.p), d.p);
+}
+// Four vectors and a parameter: Hermite (point, tangent, point, tangent) and Catmull-Rom (four points).
+template <bool CatmullRom, class A, class B, class C, class D, class Dst>
+OMKM_HPP_INLINE status curve(A&& a, B&& b, C&& c, D&& e, float s, Dst&& dst) {
+    const auto va = fixed_vec(std::forward<A>(a));
+    const auto vb = fixed_vec(std::forward<B>(b));
+    const auto vc = fixed_vec(std::forward<C>(c));
+    const auto ve = fixed_vec(std::forward<D>(e));
+    const auto d = fixed_vec<true>(std::forward<Dst>(dst));
+    if (const status st = first_failure(va.st, vb.st, vc.st, ve.st, d.st); st != status::ok) return st;
+    const int n = va.len;
+    if (vb.len != n || vc.len != n || ve.len != n || d.len != n) return status::size_mismatch;
+    if constexpr (CatmullRom)
+        return OMKM_HPP_BY_LEN(n, InterpolationCatmullRom, src(va.p), src(vb.p), src(vc.p), src(ve.p), s, d.p);
+    else
+        return OMKM_HPP_BY_LEN(n, Hermite, src(va.p), src(vb.p), src(vc.p), src(ve.p), s, d.p);
+}
+}  // namespace detail
+
+template <class A, class B, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status min(A&& a, B&& b, Dst&& dst) {
+    return detail::min_max<false>(std::forward<A>(a), std::forward<B>(b), std::forward<Dst>(dst));
+}
+template <class A, class B, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status max(A&& a, B&& b, Dst&& dst) {
+    return detail::min_max<true>(std::forward<A>(a), std::forward<B>(b), std::forward<Dst>(dst));
+}
+// dst = a + s*(b - a) (InterpolationLinear).
+template <class A, class B, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status lerp(A&& a, B&& b, float s, Dst&& dst) {
+    const auto va = detail::fixed_vec(std::forward<A>(a));
+    const auto vb = detail::fixed_vec(std::forward<B>(b));
+    const auto d = detail::fixed_vec<true>(std::forward<Dst>(dst));
+    if (const status st = detail::first_failure(va.st, vb.st, d.st); st != status::ok) return st;
+    if (vb.len != va.len || d.len != va.len) return status::size_mismatch;
+    return OMKM_HPP_BY_LEN(va.len, InterpolationLinear, detail::src(va.p), detail::src(vb.p), s, d.p);
+}
+// dst = v1 + f*(v2 - v1) + g*(v3 - v1).
+template <class A, class B, class C, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status barycentric(A&& v1, B&& v2, C&& v3, float f, float g, Dst&& dst) {
+    const auto a = detail::fixed_vec(std::forward<A>(v1));
+    const auto b = detail::fixed_vec(std::forward<B>(v2));
+    const auto c = detail::fixed_vec(std::forward<C>(v3));
+    const auto d = detail::fixed_vec<true>(std::forward<Dst>(dst));
+    if (const status st = detail::first_failure(a.st, b.st, c.st, d.st); st != status::ok) return st;
+    if (b.len != a.len || c.len != a.len || d.len != a.len) return status::size_mismatch;
+    return OMKM_HPP_BY_LEN(a.len, BaryCentric, detail::src(a.p), detail::src(b.p), detail::src(c.p), f, g, d.p);
+}
+// The cubic Hermite curve at s from point p1 (tangent t1) to point p2 (tangent t2).
+template <class P1, class T1, class P2, class T2, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status hermite(P1&& p1, T1&& t1, P2&& p2, T2&& t2, float s, Dst&& dst) {
+    return detail::curve<false>(std::forward<P1>(p1), std::forward<T1>(t1), std::forward<P2>(p2), std::forward<T2>(t2),
+                                s, std::forward<Dst>(dst));
+}
+// The Catmull-Rom spline through p0 .. p3 at s, between p1 (s = 0) and p2 (s = 1).
+template <class P0, class P1, class P2, class P3, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status catmull_rom(P0&& p0, P1&& p1, P2&& p2, P3&& p3, float s, Dst&& dst) {
+    return detail::curve<true>(std::forward<P0>(p0), std::forward<P1>(p1), std::forward<P2>(p2), std::forward<P3>(p3),
+                               s, std::forward<Dst>(dst));
+}
+
+// ---- transform builders: each writes all 16 entries of a 4x4 transform for row vectors (p' = p*M,
+// translation in row 3), the destination last as everywhere in this layer
+
+// 1 into `result` when m00 is 1 and one column of m equals the identity's (the export's own, weak
+// test), else 0; into an int& or a bool&.
+template <class M, class Out>
+[[nodiscard]] OMKM_HPP_INLINE status is_identity(M&& m, Out& result) {
+    static_assert(std::is_same_v<Out, int> || std::is_same_v<Out, bool>,
+                  "omkm::is_identity: the result is an int& or bool&");
+    const auto a = detail::fixed_m4(std::forward<M>(m));
+    if (a.st != status::ok) return a.st;
+    if constexpr (std::is_same_v<Out, int>) {
+        return OMKM_HPP_FIXED(IsIdentity_m4, detail::src(a.p), &result);
+    } else {
+        int r = 0;
+        const status s = OMKM_HPP_FIXED(IsIdentity_m4, detail::src(a.p), &r);
+        result = r != 0;
+        return s;
+    }
+}
+
+// A view transform from the eye towards `at`, `up` giving the vertical (3-vectors).
+namespace detail {
+template <bool RH, class Eye, class At, class Up, class Dst>
+OMKM_HPP_INLINE status look_at_impl(Eye&& eye, At&& at, Up&& up, Dst&& dst) {
+    const auto e = fixed_vec(std::forward<Eye>(eye));
+    const auto a = fixed_vec(std::forward<At>(at));
+    const auto u = fixed_vec(std::forward<Up>(up));
+    const auto d = fixed_m4<true>(std::forward<Dst>(dst));
+    if (const status s = first_failure(e.st, a.st, u.st, d.st); s != status::ok) return s;
+    if (e.len != 3 || a.len != 3 || u.len != 3) return status::size_mismatch;
+    if constexpr (RH)
+        return OMKM_HPP_FIXED(LookAtRH_m4, src(e.p), src(a.p), src(u.p), d.p);
+    else
+        return OMKM_HPP_FIXED(LookAtLH_m4, src(e.p), src(a.p), src(u.p), d.p);
+}
+}  // namespace detail
+template <class Eye, class At, class Up, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status look_at(left_handed_t, Eye&& eye, At&& at, Up&& up, Dst&& dst) {
+    return detail::look_at_impl<false>(std::forward<Eye>(eye), std::forward<At>(at), std::forward<Up>(up),
+                                       std::forward<Dst>(dst));
+}
+template <class Eye, class At, class Up, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status look_at(right_handed_t, Eye&& eye, At&& at, Up&& up, Dst&& dst) {
+    return detail::look_at_impl<true>(std::forward<Eye>(eye), std::forward<At>(at), std::forward<Up>(up),
+                                      std::forward<Dst>(dst));
+}
+
+// Builders of floats only: the destination checked, then the one call.
+#define OMKM_HPP_BUILDER(CXX, CNAME, PARAMS, ARGS)                     \
+    template <class Dst>                                               \
+    [[nodiscard]] OMKM_HPP_INLINE status CXX PARAMS {                  \
+        const auto d = detail::fixed_m4<true>(std::forward<Dst>(dst)); \
+        if (d.st != status::ok) return d.st;                           \
+        return OMKM_HPP_FIXED(CNAME, OMKM_HPP_UNPAREN ARGS, d.p);      \
+    }
+#define OMKM_HPP_UNPAREN(...) __VA_ARGS__
+// Orthographic and perspective projections of a view volume of width w and height h at the near
+// plane, or bounded by left, right, bottom, top; perspective_fov by the vertical field of view
+// (radians) and the aspect ratio width/height. Depth maps zn .. zf to 0 .. 1.
+OMKM_HPP_BUILDER(ortho, OrthoLH_m4, (left_handed_t, float w, float h, float zn, float zf, Dst&& dst), (w, h, zn, zf))
+OMKM_HPP_BUILDER(ortho, OrthoRH_m4, (right_handed_t, float w, float h, float zn, float zf, Dst&& dst), (w, h, zn, zf))
+OMKM_HPP_BUILDER(ortho_off_center, OrthoOffCenterLH_m4,
+                 (left_handed_t, float l, float r, float b, float t, float zn, float zf, Dst&& dst),
+                 (l, r, b, t, zn, zf))
+OMKM_HPP_BUILDER(ortho_off_center, OrthoOffCenterRH_m4,
+                 (right_handed_t, float l, float r, float b, float t, float zn, float zf, Dst&& dst),
+                 (l, r, b, t, zn, zf))
+OMKM_HPP_BUILDER(perspective, PerspectiveLH_m4, (left_handed_t, float w, float h, float zn, float zf, Dst&& dst),
+                 (w, h, zn, zf))
+OMKM_HPP_BUILDER(perspective, PerspectiveRH_m4, (right_handed_t, float w, float h, float zn, float zf, Dst&& dst),
+                 (w, h, zn, zf))
+OMKM_HPP_BUILDER(perspective_fov, PerspectiveFovLH_m4,
+                 (left_handed_t, float fov_y, float aspect, float zn, float zf, Dst&& dst), (fov_y, aspect, zn, zf))
+OMKM_HPP_BUILDER(perspective_fov, PerspectiveFovRH_m4,
+                 (right_handed_t, float fov_y, float aspect, float zn, float zf, Dst&& dst), (fov_y, aspect, zn, zf))
+OMKM_HPP_BUILDER(perspective_off_center, PerspectiveOffCenterLH_m4,
+                 (left_handed_t, float l, float r, float b, float t, float zn, float zf, Dst&& dst),
+                 (l, r, b, t, zn, zf))
+OMKM_HPP_BUILDER(perspective_off_center, PerspectiveOffCenterRH_m4,
+                 (right_handed_t, float l, float r, float b, float t, float zn, float zf, Dst&& dst),
+                 (l, r, b, t, zn, zf))
+// Rotations by an angle in radians about x, y, z; by yaw (about y), pitch (x) and roll (z), roll
+// first; scaling and translation along x, y, z.
+OMKM_HPP_BUILDER(rotation_x, RotationX_m4, (float angle, Dst&& dst), (angle))
+OMKM_HPP_BUILDER(rotation_y, RotationY_m4, (float angle, Dst&& dst), (angle))
+OMKM_HPP_BUILDER(rotation_z, RotationZ_m4, (float angle, Dst&& dst), (angle))
+OMKM_HPP_BUILDER(rotation_yaw_pitch_roll, RotationYawPitchRoll_m4, (float yaw, float pitch, float roll, Dst&& dst),
+                 (yaw, pitch, roll))
+OMKM_HPP_BUILDER(scaling, Scaling_m4, (float x, float y, float z, Dst&& dst), (x, y, z))
+OMKM_HPP_BUILDER(translation, Translation_m4, (float x, float y, float z, Dst&& dst), (x, y, z))
+#undef OMKM_HPP_BUILDER
+#undef OMKM_HPP_UNPAREN
+
+// A rotation by `angle` about an axis (a 3-vector of any non-zero length).
+template <class Axis, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status rotation_axis(Axis&& axis, float angle, Dst&& dst) {
+    const auto a = detail::fixed_vec(std::forward<Axis>(axis));
+    const auto d = detail::fixed_m4<true>(std::forward<Dst>(dst));
+    if (const status s = detail::first_failure(a.st, d.st); s != status::ok) return s;
+    if (a.len != 3) return status::size_mismatch;
+    return status(
+        OMKM_HPP_INVOKE("omkmRotationAxis_v3m4_32f", ::omkmRotationAxis_v3m4_32f, detail::src(a.p), angle, d.p));
+}
+
+// dst = the transpose of a*b (4x4); all of a and b are read first, so dst may be either.
+template <class A, class B, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status mul_transpose(A&& a, B&& b, Dst&& dst) {
+    const auto ma = detail::fixed_m4(std::forward<A>(a));
+    const auto mb = detail::fixed_m4(std::forward<B>(b));
+    const auto d = detail::fixed_m4<true>(std::forward<Dst>(dst));
+    if (const status s = detail::first_failure(ma.st, mb.st, d.st); s != status::ok) return s;
+    return OMKM_HPP_FIXED(MulTranspose_m4, detail::src(ma.p), detail::src(mb.p), d.p);
+}
+
+// ---- point transforms: a 4x4 transform applied to one vector or to each of an array
+
+namespace detail {
+enum class xform { points, coords, normals };
+
+template <xform F, class M, class S, class Dst>
+OMKM_HPP_INLINE status transform(M&& m, S&& s, Dst&& dst) {
+    const auto a = fixed_m4(std::forward<M>(m));
+    const auto v = fixed_vecs(std::forward<S>(s));
+    const auto d = fixed_vecs<true>(std::forward<Dst>(dst));
+    using DS = std::decay_t<decltype(describe(std::declval<S>()))>;
+    using DD = std::decay_t<decltype(describe(std::declval<Dst>()))>;
+    static_assert(is_array_v<DS> == is_array_v<DD>,
+                  "omkm::transform_*: the destination is an array exactly when the source is");
+    if (const status st = first_failure(a.st, v.st, d.st); st != status::ok) return st;
+    const int n = v.len;
+    // points: (x, y[, z], 1)*M or (x, y, z, w)*M, all four lanes; coords: divided by w, n lanes;
+    // normals: (x, y[, z], 0)*M, n lanes.
+    if (n < 2 || n > (F == xform::points ? 4 : 3) || d.len != (F == xform::points ? 4 : n))
+        return status::size_mismatch;
+    const float* pm = src(a.p);
+    const float* pv = src(v.p);
+    if constexpr (!is_array_v<DS>) {
+        if constexpr (F == xform::points)
+            return n == 2   ? OMKM_HPP_FIXED(AffineTransform_m4v2, pm, pv, d.p)
+                   : n == 3 ? OMKM_HPP_FIXED(AffineTransform_m4v3, pm, pv, d.p)
+                            : OMKM_HPP_FIXED(AffineTransform_m4v4, pm, pv, d.p);
+        else if constexpr (F == xform::coords)
+            return n == 2 ? OMKM_HPP_FIXED(AffineTransformCoord_m4v2, pm, pv, d.p)
+                          : OMKM_HPP_FIXED(AffineTransformCoord_m4v3, pm, pv, d.p);
+        else
+            return n == 2 ? OMKM_HPP_FIXED(AffineTransformNormal_m4v2, pm, pv, d.p)
+                          : OMKM_HPP_FIXED(AffineTransformNormal_m4v3, pm, pv, d.p);
+    } else {
+        if (d.count != v.count) return status::size_mismatch;
+        const int c = v.count;
+        if constexpr (F == xform::points)
+            return n == 2   ? OMKM_HPP_FIXED(AffineTransform_m4v2a, pm, pv, v.s0, d.p, d.s0, c)
+                   : n == 3 ? OMKM_HPP_FIXED(AffineTransform_m4v3a, pm, pv, v.s0, d.p, d.s0, c)
+                            : OMKM_HPP_FIXED(AffineTransform_m4v4a, pm, pv, v.s0, d.p, d.s0, c);
+        else if constexpr (F == xform::coords)
+            return n == 2 ? OMKM_HPP_FIXED(AffineTransformCoord_m4v2a, pm, pv, v.s0, d.p, d.s0, c)
+                          : OMKM_HPP_FIXED(AffineTransformCoord_m4v3a, pm, pv, v.s0, d.p, d.s0, c);
+        else
+            return n == 2 ? OMKM_HPP_FIXED(AffineTransformNormal_m4v2a, pm, pv, v.s0, d.p, d.s0, c)
+                          : OMKM_HPP_FIXED(AffineTransformNormal_m4v3a, pm, pv, v.s0, d.p, d.s0, c);
+    }
+}
+
+template <bool Un, class P, class V, class W, class S, class Dst>
+OMKM_HPP_INLINE status project_impl(P&& proj, V&& view, W&& world, S&& s, const viewport& vp, Dst&& dst) {
+    const auto mp = fixed_m4(std::forward<P>(proj));
+    const auto mv = fixed_m4(std::forward<V>(view));
+    const auto mw = fixed_m4(std::forward<W>(world));
+    const auto v = fixed_vecs(std::forward<S>(s));
+    const auto d = fixed_vecs<true>(std::forward<Dst>(dst));
+    using DS = std::decay_t<decltype(describe(std::declval<S>()))>;
+    using DD = std::decay_t<decltype(describe(std::declval<Dst>()))>;
+    static_assert(is_array_v<DS> == is_array_v<DD>,
+                  "omkm::project/unproject: the destination is an array exactly when the source is");
+    if (const status st = first_failure(mp.st, mv.st, mw.st, v.st, d.st); st != status::ok) return st;
+    if (v.len != 3 || d.len != 3) return status::size_mismatch;
+    const float *p0 = src(mp.p), *p1 = src(mv.p), *p2 = src(mw.p), *pv = src(v.p);
+    if constexpr (!is_array_v<DS>) {
+        if constexpr (Un)
+            return OMKM_HPP_FIXED(Unproject_m4v3, p0, p1, p2, pv, vp.width, vp.height, vp.min_depth, vp.max_depth, d.p);
+        else
+            return OMKM_HPP_FIXED(Project_m4v3, p0, p1, p2, pv, vp.width, vp.height, vp.min_depth, vp.max_depth, d.p);
+    } else {
+        if (d.count != v.count) return status::size_mismatch;
+        if constexpr (Un)
+            return OMKM_HPP_FIXED(Unproject_m4v3a, p0, p1, p2, pv, v.s0, vp.width, vp.height, vp.min_depth,
+                                  vp.max_depth, d.p, d.s0, v.count);
+        else
+            return OMKM_HPP_FIXED(Project_m4v3a, p0, p1, p2, pv, v.s0, vp.width, vp.height, vp.min_depth, vp.max_depth,
+                                  d.p, d.s0, v.count);
+    }
+}
+}  // namespace detail
+
+// dst = (x, y, 0, 1)*m, (x, y, z, 1)*m or (x, y, z, w)*m: four floats per 2-, 3- or 4-vector
+// (AffineTransform).
+template <class M, class S, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status transform_points(M&& m, S&& s, Dst&& dst) {
+    return detail::transform<detail::xform::points>(std::forward<M>(m), std::forward<S>(s), std::forward<Dst>(dst));
+}
+// dst = (x, y[, z], 1)*m divided by its w: a 2- or 3-vector per vector (AffineTransformCoord).
+template <class M, class S, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status transform_coords(M&& m, S&& s, Dst&& dst) {
+    return detail::transform<detail::xform::coords>(std::forward<M>(m), std::forward<S>(s), std::forward<Dst>(dst));
+}
+// dst = (x, y[, z], 0)*m: directions, without the translation (AffineTransformNormal).
+template <class M, class S, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status transform_normals(M&& m, S&& s, Dst&& dst) {
+    return detail::transform<detail::xform::normals>(std::forward<M>(m), std::forward<S>(s), std::forward<Dst>(dst));
+}
+
+// Each 4-vector of an array times one 4x4 matrix in any description (AffineTransform3DH_mva: strides
+// between elements allowed, the library checks its arguments and may split the array over threads).
+template <class M, class S, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status transform_homogeneous(M&& m, S&& s, Dst&& dst) {
+    using namespace detail;
+    const auto dm = describe(std::forward<M>(m));
+    const auto dv = describe(std::forward<S>(s));
+    const auto dd = describe(std::forward<Dst>(dst));
+    using DM = std::decay_t<decltype(dm)>;
+    using DV = std::decay_t<decltype(dv)>;
+    using DD = std::decay_t<decltype(dd)>;
+    static_assert(kind_of<DM>::value == k_m,
+                  "omkm::transform_homogeneous: the first operand is one 4x4 matrix, read as stored");
+    static_assert(kind_of<DV>::value == va && kind_of<DD>::value == va && !is_table_v<DV> && !is_table_v<DD>,
+                  "omkm::transform_homogeneous: the source and destination are arrays of 4-vectors (for one vector: "
+                  "transform_points)");
+    require_float<DM>();
+    require_float<DV>();
+    require_float<DD>();
+    require_writable<DD>();
+    if (dm.rows != 4 || dm.cols != 4 || dv.len != 4 || dd.len != 4 || dv.count != dd.count)
+        return status::size_mismatch;
+    return OMKM_HPP_FIXED(AffineTransform3DH_mva, src(dm.p), dm.s1, dm.s2, src(dv.p), dv.s0, dv.s2, dd.p, dd.s0, dd.s2,
+                          dv.count);
+}
+
+// A 3-vector (or each of an array) through world, view and projection to the viewport's pixels and
+// depth, and back (unproject: singular when the combined transform has no inverse). The transforms
+// come in the export's order: projection, view, world.
+template <class P, class V, class W, class S, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status project(P&& projection, V&& view, W&& world, S&& s, const viewport& vp,
+                                             Dst&& dst) {
+    return detail::project_impl<false>(std::forward<P>(projection), std::forward<V>(view), std::forward<W>(world),
+                                       std::forward<S>(s), vp, std::forward<Dst>(dst));
+}
+template <class P, class V, class W, class S, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status unproject(P&& projection, V&& view, W&& world, S&& s, const viewport& vp,
+                                               Dst&& dst) {
+    return detail::project_impl<true>(std::forward<P>(projection), std::forward<V>(view), std::forward<W>(world),
+                                      std::forward<S>(s), vp, std::forward<Dst>(dst));
+}
+
+// ---- omkm::fixed: the fixed-size members of the general families, by choice. omkm::add and the
+// other general names keep the general exports for every operand (a float[3] plus a float[3] is
+// Add_vv_32f there, with its checks); omkm::fixed::add reaches Add_v3_32f, which checks nothing.
+namespace fixed {
+
+namespace detail_ {
+template <bool Sub, class A, class B, class Dst>
+OMKM_HPP_INLINE status add_sub(A&& a, B&& b, Dst&& dst) {
+    using namespace ::omkm::detail;
+    const auto va = fixed_vec(std::forward<A>(a));
+    const auto vb = fixed_vec(std::forward<B>(b));
+    const auto d = fixed_vec<true>(std::forward<Dst>(dst));
+    if (const status s = first_failure(va.st, vb.st, d.st); s != status::ok) return s;
+    if (vb.len != va.len || d.len != va.len) return status::size_mismatch;
+    if constexpr (Sub)
+        return OMKM_HPP_BY_LEN(va.len, Sub, src(va.p), src(vb.p), d.p);
+    else
+        return OMKM_HPP_BY_LEN(va.len, Add, src(va.p), src(vb.p), d.p);
+}
+}  // namespace detail_
+
+// dst = a + b, a - b on 2-, 3- and 4-vectors (Add_v3_32f, Sub_v3_32f, ...).
+template <class A, class B, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status add(A&& a, B&& b, Dst&& dst) {
+    return detail_::add_sub<false>(std::forward<A>(a), std::forward<B>(b), std::forward<Dst>(dst));
+}
+template <class A, class B, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status sub(A&& a, B&& b, Dst&& dst) {
+    return detail_::add_sub<true>(std::forward<A>(a), std::forward<B>(b), std::forward<Dst>(dst));
+}
+
+// The dot product of 2-, 3- or 4-vectors into a float&.
+template <class A, class B>
+[[nodiscard]] OMKM_HPP_INLINE status dot(A&& a, B&& b, float& out) {
+    using namespace ::omkm::detail;
+    const auto va = fixed_vec(std::forward<A>(a));
+    const auto vb = fixed_vec(std::forward<B>(b));
+    if (const status s = first_failure(va.st, vb.st); s != status::ok) return s;
+    if (vb.len != va.len) return status::size_mismatch;
+    return OMKM_HPP_BY_LEN(va.len, DotProduct, src(va.p), src(vb.p), &out);
+}
+
+// Cross products: of 3-vectors into a 3-vector (CrossProduct_v3); of 2-vectors into a float&, the
+// z of the 3D product (CrossProduct_v2); cross(a, b, c, dst): the 4-vector orthogonal to three
+// 4-vectors (CrossProduct_v4).
+template <class A, class B, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status cross(A&& a, B&& b, Dst&& dst) {
+    using namespace ::omkm::detail;
+    const auto va = fixed_vec(std::forward<A>(a));
+    const auto vb = fixed_vec(std::forward<B>(b));
+    if constexpr (std::is_same_v<std::remove_reference_t<Dst>, float>) {
+        if (const status s = first_failure(va.st, vb.st); s != status::ok) return s;
+        if (va.len != 2 || vb.len != 2) return status::size_mismatch;
+        return OMKM_HPP_FIXED(CrossProduct_v2, src(va.p), src(vb.p), &dst);
+    } else {
+        const auto d = fixed_vec<true>(std::forward<Dst>(dst));
+        if (const status s = first_failure(va.st, vb.st, d.st); s != status::ok) return s;
+        if (va.len != 3 || vb.len != 3 || d.len != 3) return status::size_mismatch;
+        return OMKM_HPP_FIXED(CrossProduct_v3, src(va.p), src(vb.p), d.p);
+    }
+}
+template <class A, class B, class C, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status cross(A&& a, B&& b, C&& c, Dst&& dst) {
+    using namespace ::omkm::detail;
+    const auto va = fixed_vec(std::forward<A>(a));
+    const auto vb = fixed_vec(std::forward<B>(b));
+    const auto vc = fixed_vec(std::forward<C>(c));
+    const auto d = fixed_vec<true>(std::forward<Dst>(dst));
+    if (const status s = first_failure(va.st, vb.st, vc.st, d.st); s != status::ok) return s;
+    if (va.len != 4 || vb.len != 4 || vc.len != 4 || d.len != 4) return status::size_mismatch;
+    return OMKM_HPP_FIXED(CrossProduct_v4, src(va.p), src(vb.p), src(vc.p), d.p);
+}
+
+// dst = a*b of 4x4 matrices (Mul_mm4x4_32f: both read whole first, so dst may be a or b), or a 2-,
+// 3- or 4-vector times a constant (MulC_v3_32f, ...).
+template <class A, class B, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status mul(A&& a, B&& b, Dst&& dst) {
+    using namespace ::omkm::detail;
+    if constexpr (std::is_arithmetic_v<std::remove_cv_t<std::remove_reference_t<B>>>) {
+        const auto va = fixed_vec(std::forward<A>(a));
+        const auto d = fixed_vec<true>(std::forward<Dst>(dst));
+        if (const status s = first_failure(va.st, d.st); s != status::ok) return s;
+        if (d.len != va.len) return status::size_mismatch;
+        return OMKM_HPP_BY_LEN(va.len, MulC, src(va.p), static_cast<float>(b), d.p);
+    } else {
+        const auto ma = fixed_m4(std::forward<A>(a));
+        const auto mb = fixed_m4(std::forward<B>(b));
+        const auto d = fixed_m4<true>(std::forward<Dst>(dst));
+        if (const status s = first_failure(ma.st, mb.st, d.st); s != status::ok) return s;
+        return status(OMKM_HPP_INVOKE("omkmMul_mm4x4_32f", ::omkmMul_mm4x4_32f, src(ma.p), src(mb.p), d.p));
+    }
+}
+
+// dst = the 4x4 identity (Identity_m4); dst = m transposed (Transpose_m4, dst may be m).
+template <class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status identity(Dst&& dst) {
+    const auto d = ::omkm::detail::fixed_m4<true>(std::forward<Dst>(dst));
+    if (d.st != status::ok) return d.st;
+    return OMKM_HPP_FIXED(Identity_m4, d.p);
+}
+template <class M, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status transpose(M&& m, Dst&& dst) {
+    using namespace ::omkm::detail;
+    const auto a = fixed_m4(std::forward<M>(m));
+    const auto d = fixed_m4<true>(std::forward<Dst>(dst));
+    if (const status s = first_failure(a.st, d.st); s != status::ok) return s;
+    return OMKM_HPP_FIXED(Transpose_m4, src(a.p), d.p);
+}
+
+// The determinant of a 4x4 into a float& (Det_m4, no tolerance); its inverse (Invert_m4: singular
+// when |det| < 2^-119), with the determinant into a float& when one is given.
+template <class M>
+[[nodiscard]] OMKM_HPP_INLINE status det(M&& m, float& out) {
+    const auto a = ::omkm::detail::fixed_m4(std::forward<M>(m));
+    if (a.st != status::ok) return a.st;
+    return OMKM_HPP_FIXED(Det_m4, ::omkm::detail::src(a.p), &out);
+}
+template <class M, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status invert(M&& m, Dst&& dst, float* det = nullptr) {
+    using namespace ::omkm::detail;
+    const auto a = fixed_m4(std::forward<M>(m));
+    const auto d = fixed_m4<true>(std::forward<Dst>(dst));
+    if (const status s = first_failure(a.st, d.st); s != status::ok) return s;
+    return OMKM_HPP_FIXED(Invert_m4, src(a.p), det, d.p);
+}
+template <class M, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status invert(M&& m, Dst&& dst, float& det) {
+    return invert(std::forward<M>(m), std::forward<Dst>(dst), &det);
+}
+
+}  // namespace fixed
+
+#undef OMKM_HPP_BY_LEN
+#undef OMKM_HPP_FIXED
+
+// Throwing twins of this section's names (the general names' twins follow below).
+#define OMKM_HPP_OR_THROW_AT(SCOPE, NAME)                    \
+    template <class... X>                                    \
+    inline void NAME##_or_throw(X&&... x) {                  \
+        const status s = SCOPE::NAME(std::forward<X>(x)...); \
+        if (s != status::ok) throw error(s);                 \
+    }
+OMKM_HPP_OR_THROW_AT(::omkm, len)
+OMKM_HPP_OR_THROW_AT(::omkm, len_sqr)
+OMKM_HPP_OR_THROW_AT(::omkm, normalize)
+OMKM_HPP_OR_THROW_AT(::omkm, min)
+OMKM_HPP_OR_THROW_AT(::omkm, max)
+OMKM_HPP_OR_THROW_AT(::omkm, lerp)
+OMKM_HPP_OR_THROW_AT(::omkm, barycentric)
+OMKM_HPP_OR_THROW_AT(::omkm, hermite)
+OMKM_HPP_OR_THROW_AT(::omkm, catmull_rom)
+OMKM_HPP_OR_THROW_AT(::omkm, is_identity)
+OMKM_HPP_OR_THROW_AT(::omkm, look_at)
+OMKM_HPP_OR_THROW_AT(::omkm, ortho)
+OMKM_HPP_OR_THROW_AT(::omkm, ortho_off_center)
+OMKM_HPP_OR_THROW_AT(::omkm, perspective)
+OMKM_HPP_OR_THROW_AT(::omkm, perspective_fov)
+OMKM_HPP_OR_THROW_AT(::omkm, perspective_off_center)
+OMKM_HPP_OR_THROW_AT(::omkm, rotation_x)
+OMKM_HPP_OR_THROW_AT(::omkm, rotation_y)
+OMKM_HPP_OR_THROW_AT(::omkm, rotation_z)
+OMKM_HPP_OR_THROW_AT(::omkm, rotation_axis)
+OMKM_HPP_OR_THROW_AT(::omkm, rotation_yaw_pitch_roll)
+OMKM_HPP_OR_THROW_AT(::omkm, scaling)
+OMKM_HPP_OR_THROW_AT(::omkm, translation)
+OMKM_HPP_OR_THROW_AT(::omkm, mul_transpose)
+OMKM_HPP_OR_THROW_AT(::omkm, transform_points)
+OMKM_HPP_OR_THROW_AT(::omkm, transform_coords)
+OMKM_HPP_OR_THROW_AT(::omkm, transform_normals)
+OMKM_HPP_OR_THROW_AT(::omkm, transform_homogeneous)
+OMKM_HPP_OR_THROW_AT(::omkm, project)
+OMKM_HPP_OR_THROW_AT(::omkm, unproject)
+namespace fixed {
+OMKM_HPP_OR_THROW_AT(::omkm::fixed, add)
+OMKM_HPP_OR_THROW_AT(::omkm::fixed, sub)
+OMKM_HPP_OR_THROW_AT(::omkm::fixed, dot)
+OMKM_HPP_OR_THROW_AT(::omkm::fixed, cross)
+OMKM_HPP_OR_THROW_AT(::omkm::fixed, mul)
+OMKM_HPP_OR_THROW_AT(::omkm::fixed, identity)
+OMKM_HPP_OR_THROW_AT(::omkm::fixed, transpose)
+OMKM_HPP_OR_THROW_AT(::omkm::fixed, det)
+OMKM_HPP_OR_THROW_AT(::omkm::fixed, invert)
+}  // namespace fixed
+#undef OMKM_HPP_OR_THROW_AT
 
 // ---------------------------------------------------------------- throwing forms
 

@@ -550,6 +550,180 @@ const std::vector<Row>& rows() {
             omkm::invert(omkm::strided_matrices(d.g.data(), 2, 2, 2, 64, 8, 16),
                          omkm::strided_matrices(d.h.data(), 2, 2, 2, 32, 16, 8)),
             "omkmInvert_ma_64f", d.g.data(), 64, 8, 16, recorded_pointer(4), d.h.data(), 32, 16, 8, 2, 2),
+        // ---- 3D graphics and the fixed-size members (float only): the export by the operands' length,
+        // no strides or sizes but the arrays' stride0 and count; 4x4 transforms from d.buf
+        ROW("len v3", omkm::len(d.x3, d.out1), "omkmLen_v3_32f", d.x3, &d.out1),
+        ROW("len_sqr of a std::array<float, 4>", omkm::len_sqr(d.flat22, d.out1), "omkmLenSqr_v4_32f", d.flat22.data(),
+            &d.out1),
+        ROW("normalize v2 in place", omkm::normalize(d.x2, d.x2), "omkmNormalize_v2_32f", d.x2, d.x2),
+        ROW("min v3", omkm::min(d.x3, d.y3, d.z3), "omkmMin_v3_32f", d.x3, d.y3, d.z3),
+        ROW("max v4, one from a pointer", omkm::max(omkm::vec<4>(d.vals.data()), d.flat22, d.r[0].q), "omkmMax_v4_32f",
+            d.vals.data(), d.flat22.data(), d.r[0].q.data()),
+        ROW("lerp", omkm::lerp(d.x3, d.y3, 0.25f, d.z3), "omkmInterpolationLinear_v3_32f", d.x3, d.y3, 0.25f, d.z3),
+        ROW("barycentric v2", omkm::barycentric(d.x2, d.r[0].v2, d.r[1].v2, 0.25f, 0.5f, d.r[2].v2),
+            "omkmBaryCentric_v2_32f", d.x2, d.r[0].v2, d.r[1].v2, 0.25f, 0.5f, d.r[2].v2),
+        ROW("hermite: point, tangent, point, tangent", omkm::hermite(d.x3, d.y3, d.r[0].v3, d.r[0].w3, 0.5f, d.z3),
+            "omkmHermite_v3_32f", d.x3, d.y3, d.r[0].v3, d.r[0].w3, 0.5f, d.z3),
+        ROW("catmull_rom v4", omkm::catmull_rom(d.r[0].q, d.r[1].q, d.r[2].q, d.flat22, 0.75f, d.r[0].q2),
+            "omkmInterpolationCatmullRom_v4_32f", d.r[0].q.data(), d.r[1].q.data(), d.r[2].q.data(), d.flat22.data(),
+            0.75f, d.r[0].q2.data()),
+        ROW("is_identity into an int", omkm::is_identity(omkm::mat<4, 4>(d.buf.data()), d.piv3[0]),
+            "omkmIsIdentity_m4_32f", d.buf.data(), &d.piv3[0]),
+        ROW("look_at LH into a flat 16",
+            omkm::look_at(omkm::left_handed, d.x3, d.y3, d.z3, omkm::vec<16>(d.buf.data())),
+            "omkmLookAtLH_m4_32f", d.x3, d.y3, d.z3, d.buf.data()),
+        ROW("look_at RH", omkm::look_at(omkm::right_handed, d.x3, d.y3, d.z3, omkm::mat<4, 4>(d.buf.data())),
+            "omkmLookAtRH_m4_32f", d.x3, d.y3, d.z3, d.buf.data()),
+        ROW("ortho LH", omkm::ortho(omkm::left_handed, 4.0f, 3.0f, 0.5f, 9.0f, omkm::mat<4, 4>(d.buf.data())),
+            "omkmOrthoLH_m4_32f", 4.0f, 3.0f, 0.5f, 9.0f, d.buf.data()),
+        ROW("ortho RH", omkm::ortho(omkm::right_handed, 4.0f, 3.0f, 0.5f, 9.0f, omkm::mat<4, 4>(d.buf.data())),
+            "omkmOrthoRH_m4_32f", 4.0f, 3.0f, 0.5f, 9.0f, d.buf.data()),
+        ROW("ortho_off_center LH",
+            omkm::ortho_off_center(omkm::left_handed, -1.0f, 2.0f, -3.0f, 4.0f, 0.5f, 9.0f,
+                                   omkm::mat<4, 4>(d.buf.data())),
+            "omkmOrthoOffCenterLH_m4_32f", -1.0f, 2.0f, -3.0f, 4.0f, 0.5f, 9.0f, d.buf.data()),
+        ROW("ortho_off_center RH",
+            omkm::ortho_off_center(omkm::right_handed, -1.0f, 2.0f, -3.0f, 4.0f, 0.5f, 9.0f,
+                                   omkm::mat<4, 4>(d.buf.data())),
+            "omkmOrthoOffCenterRH_m4_32f", -1.0f, 2.0f, -3.0f, 4.0f, 0.5f, 9.0f, d.buf.data()),
+        ROW("perspective LH",
+            omkm::perspective(omkm::left_handed, 4.0f, 3.0f, 0.5f, 9.0f, omkm::mat<4, 4>(d.buf.data())),
+            "omkmPerspectiveLH_m4_32f", 4.0f, 3.0f, 0.5f, 9.0f, d.buf.data()),
+        ROW("perspective RH",
+            omkm::perspective(omkm::right_handed, 4.0f, 3.0f, 0.5f, 9.0f, omkm::mat<4, 4>(d.buf.data())),
+            "omkmPerspectiveRH_m4_32f", 4.0f, 3.0f, 0.5f, 9.0f, d.buf.data()),
+        ROW("perspective_fov LH",
+            omkm::perspective_fov(omkm::left_handed, 1.0f, 1.5f, 0.5f, 9.0f, omkm::mat<4, 4>(d.buf.data())),
+            "omkmPerspectiveFovLH_m4_32f", 1.0f, 1.5f, 0.5f, 9.0f, d.buf.data()),
+        ROW("perspective_fov RH",
+            omkm::perspective_fov(omkm::right_handed, 1.0f, 1.5f, 0.5f, 9.0f, omkm::mat<4, 4>(d.buf.data())),
+            "omkmPerspectiveFovRH_m4_32f", 1.0f, 1.5f, 0.5f, 9.0f, d.buf.data()),
+        ROW("perspective_off_center LH",
+            omkm::perspective_off_center(omkm::left_handed, -1.0f, 2.0f, -3.0f, 4.0f, 0.5f, 9.0f,
+                                         omkm::mat<4, 4>(d.buf.data())),
+            "omkmPerspectiveOffCenterLH_m4_32f", -1.0f, 2.0f, -3.0f, 4.0f, 0.5f, 9.0f, d.buf.data()),
+        ROW("perspective_off_center RH",
+            omkm::perspective_off_center(omkm::right_handed, -1.0f, 2.0f, -3.0f, 4.0f, 0.5f, 9.0f,
+                                         omkm::mat<4, 4>(d.buf.data())),
+            "omkmPerspectiveOffCenterRH_m4_32f", -1.0f, 2.0f, -3.0f, 4.0f, 0.5f, 9.0f, d.buf.data()),
+        ROW("rotation_x", omkm::rotation_x(0.5f, omkm::mat<4, 4>(d.buf.data())), "omkmRotationX_m4_32f", 0.5f,
+            d.buf.data()),
+        ROW("rotation_y", omkm::rotation_y(0.5f, omkm::mat<4, 4>(d.buf.data())), "omkmRotationY_m4_32f", 0.5f,
+            d.buf.data()),
+        ROW("rotation_z", omkm::rotation_z(0.5f, omkm::mat<4, 4>(d.buf.data())), "omkmRotationZ_m4_32f", 0.5f,
+            d.buf.data()),
+        ROW("rotation_axis", omkm::rotation_axis(d.x3, 0.5f, omkm::mat<4, 4>(d.buf.data())),
+            "omkmRotationAxis_v3m4_32f", d.x3, 0.5f, d.buf.data()),
+        ROW("rotation_yaw_pitch_roll", omkm::rotation_yaw_pitch_roll(0.1f, 0.2f, 0.3f, omkm::mat<4, 4>(d.buf.data())),
+            "omkmRotationYawPitchRoll_m4_32f", 0.1f, 0.2f, 0.3f, d.buf.data()),
+        ROW("scaling", omkm::scaling(1.0f, 2.0f, 3.0f, omkm::mat<4, 4>(d.buf.data())), "omkmScaling_m4_32f", 1.0f, 2.0f,
+            3.0f, d.buf.data()),
+        ROW("translation", omkm::translation(1.0f, 2.0f, 3.0f, omkm::mat<4, 4>(d.buf.data())), "omkmTranslation_m4_32f",
+            1.0f, 2.0f, 3.0f, d.buf.data()),
+        ROW("mul_transpose",
+            omkm::mul_transpose(omkm::mat<4, 4>(d.buf.data()), omkm::mat<4, 4>(d.buf.data() + 16),
+                                omkm::mat<4, 4>(d.buf.data() + 32)),
+            "omkmMulTranspose_m4_32f", d.buf.data(), d.buf.data() + 16, d.buf.data() + 32),
+        ROW("transform_points v2 into 4", omkm::transform_points(omkm::mat<4, 4>(d.buf.data()), d.x2, d.flat22),
+            "omkmAffineTransform_m4v2_32f", d.buf.data(), d.x2, d.flat22.data()),
+        ROW("transform_points v3 into 4", omkm::transform_points(omkm::mat<4, 4>(d.buf.data()), d.x3, d.flat22),
+            "omkmAffineTransform_m4v3_32f", d.buf.data(), d.x3, d.flat22.data()),
+        ROW("transform_points v4", omkm::transform_points(omkm::mat<4, 4>(d.buf.data()), d.r[0].q, d.flat22),
+            "omkmAffineTransform_m4v4_32f", d.buf.data(), d.r[0].q.data(), d.flat22.data()),
+        ROW("transform_points of each v2",
+            omkm::transform_points(omkm::mat<4, 4>(d.buf.data()), field(d.r, &R::v2), field(d.r, &R::q)),
+            "omkmAffineTransform_m4v2a_32f", d.buf.data(), d.r[0].v2, kRec, d.r[0].q.data(), kRec, 3),
+        ROW("transform_points of each v3 into packed 4-vectors",
+            omkm::transform_points(omkm::mat<4, 4>(d.buf.data()), field(d.r, &R::v3),
+                                   omkm::strided_vectors(d.buf.data() + 48, 3, 4, 16, 4)),
+            "omkmAffineTransform_m4v3a_32f", d.buf.data(), d.r[0].v3, kRec, d.buf.data() + 48, 16, 3),
+        ROW("transform_points of each v4",
+            omkm::transform_points(omkm::mat<4, 4>(d.buf.data()), field(d.r, &R::q), field(d.r, &R::q2)),
+            "omkmAffineTransform_m4v4a_32f", d.buf.data(), d.r[0].q.data(), kRec, d.r[0].q2.data(), kRec, 3),
+        ROW("transform_coords v2", omkm::transform_coords(omkm::mat<4, 4>(d.buf.data()), d.x2, d.r[0].v2),
+            "omkmAffineTransformCoord_m4v2_32f", d.buf.data(), d.x2, d.r[0].v2),
+        ROW("transform_coords v3", omkm::transform_coords(omkm::mat<4, 4>(d.buf.data()), d.x3, d.y3),
+            "omkmAffineTransformCoord_m4v3_32f", d.buf.data(), d.x3, d.y3),
+        ROW("transform_coords of each v2",
+            omkm::transform_coords(omkm::mat<4, 4>(d.buf.data()), field(d.r, &R::v2), field(d.r, &R::v2)),
+            "omkmAffineTransformCoord_m4v2a_32f", d.buf.data(), d.r[0].v2, kRec, d.r[0].v2, kRec, 3),
+        ROW("transform_coords of each v3 into packed 3-vectors",
+            omkm::transform_coords(omkm::mat<4, 4>(d.buf.data()), field(d.r, &R::v3),
+                                   omkm::strided_vectors(d.buf.data() + 48, 3, 3, 12, 4)),
+            "omkmAffineTransformCoord_m4v3a_32f", d.buf.data(), d.r[0].v3, kRec, d.buf.data() + 48, 12, 3),
+        ROW("transform_normals v2", omkm::transform_normals(omkm::mat<4, 4>(d.buf.data()), d.x2, d.r[0].v2),
+            "omkmAffineTransformNormal_m4v2_32f", d.buf.data(), d.x2, d.r[0].v2),
+        ROW("transform_normals v3", omkm::transform_normals(omkm::mat<4, 4>(d.buf.data()), d.x3, d.y3),
+            "omkmAffineTransformNormal_m4v3_32f", d.buf.data(), d.x3, d.y3),
+        ROW("transform_normals of each v2",
+            omkm::transform_normals(omkm::mat<4, 4>(d.buf.data()), field(d.r, &R::v2), field(d.r, &R::v2)),
+            "omkmAffineTransformNormal_m4v2a_32f", d.buf.data(), d.r[0].v2, kRec, d.r[0].v2, kRec, 3),
+        ROW("transform_normals of each v3",
+            omkm::transform_normals(omkm::mat<4, 4>(d.buf.data()), field(d.r, &R::v3), field(d.r, &R::w3)),
+            "omkmAffineTransformNormal_m4v3a_32f", d.buf.data(), d.r[0].v3, kRec, d.r[0].w3, kRec, 3),
+        ROW("transform_homogeneous: a matrix stored by columns",
+            omkm::transform_homogeneous(omkm::strided_matrix(d.buf.data(), 4, 4, 4, 16), field(d.r, &R::q),
+                                        field(d.r, &R::q2)),
+            "omkmAffineTransform3DH_mva_32f", d.buf.data(), 4, 16, d.r[0].q.data(), kRec, F4, d.r[0].q2.data(), kRec,
+            F4, 3),
+        ROW("project: projection, view, world, point, viewport",
+            omkm::project(omkm::mat<4, 4>(d.buf.data()), omkm::mat<4, 4>(d.buf.data() + 16),
+                          omkm::mat<4, 4>(d.buf.data() + 32), d.x3, omkm::viewport{640, 480, 0.25f, 0.75f}, d.y3),
+            "omkmProject_m4v3_32f", d.buf.data(), d.buf.data() + 16, d.buf.data() + 32, d.x3, 640.0f, 480.0f, 0.25f,
+            0.75f, d.y3),
+        ROW("project each",
+            omkm::project(omkm::mat<4, 4>(d.buf.data()), omkm::mat<4, 4>(d.buf.data() + 16),
+                          omkm::mat<4, 4>(d.buf.data() + 32), field(d.r, &R::v3), omkm::viewport{640, 480},
+                          omkm::strided_vectors(d.buf.data() + 48, 3, 3, 12, 4)),
+            "omkmProject_m4v3a_32f", d.buf.data(), d.buf.data() + 16, d.buf.data() + 32, d.r[0].v3, kRec, 640.0f,
+            480.0f, 0.0f, 1.0f, d.buf.data() + 48, 12, 3),
+        ROW("unproject (identities: not singular)",
+            [&] {
+                for (int k = 0; k < 3; ++k) omkmIdentity_m4_32f(d.buf.data() + 16 * k);
+                return omkm::unproject(omkm::mat<4, 4>(d.buf.data()), omkm::mat<4, 4>(d.buf.data() + 16),
+                                       omkm::mat<4, 4>(d.buf.data() + 32), d.x3, omkm::viewport{640, 480}, d.y3);
+            }(),
+            "omkmUnproject_m4v3_32f", d.buf.data(), d.buf.data() + 16, d.buf.data() + 32, d.x3, 640.0f, 480.0f, 0.0f,
+            1.0f, d.y3),
+        ROW("unproject each",
+            [&] {
+                for (int k = 0; k < 3; ++k) omkmIdentity_m4_32f(d.buf.data() + 16 * k);
+                return omkm::unproject(omkm::mat<4, 4>(d.buf.data()), omkm::mat<4, 4>(d.buf.data() + 16),
+                                       omkm::mat<4, 4>(d.buf.data() + 32), field(d.r, &R::v3), omkm::viewport{640, 480},
+                                       field(d.r, &R::w3));
+            }(),
+            "omkmUnproject_m4v3a_32f", d.buf.data(), d.buf.data() + 16, d.buf.data() + 32, d.r[0].v3, kRec, 640.0f,
+            480.0f, 0.0f, 1.0f, d.r[0].w3, kRec, 3),
+        ROW("fixed::add v2", omkm::fixed::add(d.x2, d.r[0].v2, d.r[1].v2), "omkmAdd_v2_32f", d.x2, d.r[0].v2,
+            d.r[1].v2),
+        ROW("fixed::add v3", omkm::fixed::add(d.x3, d.y3, d.z3), "omkmAdd_v3_32f", d.x3, d.y3, d.z3),
+        ROW("fixed::add v4", omkm::fixed::add(d.r[0].q, d.flat22, d.r[0].q2), "omkmAdd_v4_32f", d.r[0].q.data(),
+            d.flat22.data(), d.r[0].q2.data()),
+        ROW("fixed::sub v3", omkm::fixed::sub(d.x3, d.y3, d.z3), "omkmSub_v3_32f", d.x3, d.y3, d.z3),
+        ROW("fixed::dot v3", omkm::fixed::dot(d.x3, d.y3, d.out1), "omkmDotProduct_v3_32f", d.x3, d.y3, &d.out1),
+        ROW("fixed::cross v3", omkm::fixed::cross(d.x3, d.y3, d.z3), "omkmCrossProduct_v3_32f", d.x3, d.y3, d.z3),
+        ROW("fixed::cross of 2-vectors into a float", omkm::fixed::cross(d.x2, d.r[0].v2, d.out1),
+            "omkmCrossProduct_v2_32f", d.x2, d.r[0].v2, &d.out1),
+        ROW("fixed::cross of three 4-vectors", omkm::fixed::cross(d.r[0].q, d.r[1].q, d.r[2].q, d.flat22),
+            "omkmCrossProduct_v4_32f", d.r[0].q.data(), d.r[1].q.data(), d.r[2].q.data(), d.flat22.data()),
+        ROW("fixed::mul 4x4",
+            omkm::fixed::mul(omkm::mat<4, 4>(d.buf.data()), omkm::vec<16>(d.buf.data() + 16),
+                             omkm::mat<4, 4>(d.buf.data() + 32)),
+            "omkmMul_mm4x4_32f", d.buf.data(), d.buf.data() + 16, d.buf.data() + 32),
+        ROW("fixed::mul by a constant", omkm::fixed::mul(d.x3, 2.0f, d.y3), "omkmMulC_v3_32f", d.x3, 2.0f, d.y3),
+        ROW("fixed::identity", omkm::fixed::identity(omkm::mat<4, 4>(d.buf.data())), "omkmIdentity_m4_32f",
+            d.buf.data()),
+        ROW("fixed::transpose",
+            omkm::fixed::transpose(omkm::mat<4, 4>(d.buf.data()), omkm::mat<4, 4>(d.buf.data() + 16)),
+            "omkmTranspose_m4_32f", d.buf.data(), d.buf.data() + 16),
+        ROW("fixed::det", omkm::fixed::det(omkm::mat<4, 4>(d.buf.data()), d.out1), "omkmDet_m4_32f", d.buf.data(),
+            &d.out1),
+        ROW("fixed::invert, the determinant too",
+            [&] {
+                omkmIdentity_m4_32f(d.buf.data());
+                return omkm::fixed::invert(omkm::mat<4, 4>(d.buf.data()), omkm::mat<4, 4>(d.buf.data() + 16), d.out1);
+            }(),
+            "omkmInvert_m4_32f", d.buf.data(), &d.out1, d.buf.data() + 16),
     };
     return t;
 }
@@ -870,6 +1044,90 @@ TEST(CppInterface, CStatusesPassThroughAndThrowingFormsRaiseThem) {
     float det = 0;
     omkm::det_or_throw(e, det);
     EXPECT_EQ(det, 64.0f);
+}
+
+}  // namespace
+
+namespace {
+
+// The graphics forms and omkm::fixed against the direct C calls, bit for bit: a camera built with
+// the builders, points of records through the array transforms and the projection; then the
+// lengths and layouts the layer refuses before any call, and the C call's own singular status.
+TEST(CppInterface, GraphicsFormsGiveTheBitsOfTheDirectCallAndCheckTheirOperands) {
+    struct Point {
+        int id;
+        std::array<float, 3> world, ndc, pixel;
+    };
+    std::vector<Point> p(9), q;
+    for (std::size_t k = 0; k < p.size(); ++k)
+        for (int i = 0; i < 3; ++i)
+            p[k].world[i] = 3.0f * std::sin(0.8f * static_cast<float>(k * 3 + i)) + (i == 2 ? 5.0f : 0.0f);
+    q = p;
+    const float eye[3] = {1.0f, 2.0f, -3.0f}, at[3] = {0.0f, 0.5f, 1.0f}, up[3] = {0.0f, 1.0f, 0.0f};
+    float view[4][4], proj[16], world[4][4], vp[4][4], cview[16], cproj[16], cworld[16], cvp[16];
+    ASSERT_EQ(omkm::look_at(omkm::right_handed, eye, at, up, view), status::ok);
+    ASSERT_EQ(omkm::perspective_fov(omkm::right_handed, 0.9f, 1.25f, 0.5f, 50.0f, proj), status::ok);
+    ASSERT_EQ(omkm::rotation_yaw_pitch_roll(0.3f, -0.2f, 0.1f, world), status::ok);
+    ASSERT_EQ(omkm::fixed::mul(view, proj, vp), status::ok);
+    omkmLookAtRH_m4_32f(eye, at, up, cview);
+    omkmPerspectiveFovRH_m4_32f(0.9f, 1.25f, 0.5f, 50.0f, cproj);
+    omkmRotationYawPitchRoll_m4_32f(0.3f, -0.2f, 0.1f, cworld);
+    omkmMul_mm4x4_32f(cview, cproj, cvp);
+    EXPECT_EQ(0, std::memcmp(view, cview, 64));
+    EXPECT_EQ(0, std::memcmp(proj, cproj, 64));
+    EXPECT_EQ(0, std::memcmp(world, cworld, 64));
+    EXPECT_EQ(0, std::memcmp(vp, cvp, 64));
+    const int rec = static_cast<int>(sizeof(Point)), n = static_cast<int>(p.size());
+    ASSERT_EQ(omkm::transform_coords(vp, omkm::field(p, &Point::world), omkm::field(p, &Point::ndc)), status::ok);
+    ASSERT_EQ(omkm::project(proj, view, world, omkm::field(p, &Point::world), omkm::viewport{800, 600, 0.1f, 0.9f},
+                            omkm::field(p, &Point::pixel)),
+              status::ok);
+    omkmAffineTransformCoord_m4v3a_32f(cvp, q[0].world.data(), rec, q[0].ndc.data(), rec, n);
+    omkmProject_m4v3a_32f(cproj, cview, cworld, q[0].world.data(), rec, 800, 600, 0.1f, 0.9f, q[0].pixel.data(), rec,
+                          n);
+    for (int k = 0; k < n; ++k) {
+        EXPECT_EQ(p[k].ndc, q[k].ndc) << "point " << k;
+        EXPECT_EQ(p[k].pixel, q[k].pixel) << "point " << k;
+    }
+    std::array<float, 4> a{1.5f, -2.0f, 0.25f, 3.0f}, b{-0.5f, 4.0f, 2.0f, 1.0f}, r1, r2;
+    ASSERT_EQ(omkm::hermite(a, b, b, a, 0.375f, r1), status::ok);
+    omkmHermite_v4_32f(a.data(), b.data(), b.data(), a.data(), 0.375f, r2.data());
+    EXPECT_EQ(r1, r2);
+
+    float v2[2] = {}, v3[3] = {}, v4[4] = {}, v5[5] = {}, m33[3][3] = {}, m44[4][4] = {}, f = 0;
+    std::vector<std::array<float, 3>> three(3), two(2);
+    const std::vector<std::pair<const char*, std::function<status()>>> refused = {
+        {"a point into 3 floats (the result has 4)", [&] { return omkm::transform_points(m44, v3, v3); }},
+        {"coordinates of a 4-vector", [&] { return omkm::transform_coords(m44, v4, v4); }},
+        {"3 points into 2", [&] { return omkm::transform_normals(m44, three, two); }},
+        {"a 3x3 as a transform", [&] { return omkm::transform_coords(m33, v3, v3); }},
+        {"lerp of a 3- and a 4-vector", [&] { return omkm::lerp(v3, v4, 0.5f, v3); }},
+        {"length of a 5-vector", [&] { return omkm::len(v5, f); }},
+        {"look_at from a 2-vector", [&] { return omkm::look_at(omkm::left_handed, v2, v3, v3, m44); }},
+        {"fixed::cross of 4-vectors", [&] { return omkm::fixed::cross(v4, v4, v4); }},
+        {"project into 2-vectors",
+         [&] {
+             return omkm::project(m44, m44, m44, v3, omkm::viewport{1, 1}, v2);
+         }},
+    };
+    for (const auto& [what, call] : refused) {
+        SCOPED_TRACE(what);
+        rec::log = {};
+        EXPECT_EQ(call(), status::size_mismatch);
+        EXPECT_EQ(rec::log.calls, 0);
+    }
+    rec::log = {};
+    float spaced[6] = {};
+    EXPECT_EQ(omkm::normalize(omkm::strided_vector(spaced, 3, 8), v3), status::bad_stride);
+    EXPECT_EQ(omkm::fixed::det(omkm::strided_matrix(&m44[0][0], 4, 4, 4, 16), f), status::bad_stride);
+    EXPECT_EQ(rec::log.calls, 0);
+    EXPECT_THROW(omkm::unproject_or_throw(m44, m44, m44, v3, omkm::viewport{640, 480}, v3), omkm::error);
+    try {
+        omkm::fixed::invert_or_throw(m44, m44);
+        ADD_FAILURE() << "no exception";
+    } catch (const omkm::error& e) {
+        EXPECT_EQ(e.code(), status::singular);
+    }
 }
 
 }  // namespace
