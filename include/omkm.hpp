@@ -61,7 +61,7 @@
 // array of one), extract(src, out) (the operand as used, a transposed one transposed, densely into
 // a T* or a contiguous container of T or of rows, whose room is checked), load_identity(dst) (a
 // matrix or an array of them), transpose(src, dst). Scaled sums of vectors, each scale a plain value
-// of the element type: saxpy(x, s, y, dst) = s*x + y (one fused multiply-add per element),
+// converted to the element type: saxpy(x, s, y, dst) = s*x + y (one fused multiply-add per element),
 // lcomb(x, s1, y, s2, dst) = s1*x + s2*y (the first product rounded, the second fused),
 // gaxpy(a, x, b, y) = a*x + b for one matrix a. scale(x, c, dst) is mul(x, c, dst) under its own
 // name (a constant or an array of constants as the second operand). trace(a, out) writes like det.
@@ -84,7 +84,9 @@
 // the C call cannot see: the destination's shape against the result's, the counts of array operands
 // against each other, a square matrix for det, invert, lu_decomp, cholesky and eigen_sym (and their
 // solvers' factors), a right-hand side of the factor's height and a solution of its width, the room
-// of a container of pivots or eigenvalues, length 3 for cross products; a failure
+// of a container of pivots or eigenvalues, length 3 for cross products, a copy's and a transpose's
+// destination shape, the room of extract's destination, the lengths of saxpy, lcomb and gaxpy
+// operands against the destination's, a square matrix for trace; a failure
 // returns status::size_mismatch and nothing is called or written. Everything else (null pointers,
 // strides, sizes below one, the inner dimension of a product) is the C call's check and status.
 //
