@@ -46,7 +46,8 @@
 // table: all arrays of one call are tables, or none. A call with an operand given by element
 // pointers takes the _P export, which takes every matrix and vector operand, single or array, by
 // element pointers: all of them, or none; an array of constants stays strided (omkm::constants,
-// omkm::field) and a scalar result stays a plain T*. Copy alone takes its source and destination
+// omkm::field) and a scalar result stays a plain T*. The factorizations, their solvers and the
+// eigenproblems take no element pointers in this interface. Copy alone takes its source and destination
 // in descriptions of their own (copy between strided, table and element-pointer arrays).
 // A plain arithmetic value is one constant, converted to the operands' element type. A
 // two-dimensional C array is one matrix: four 3-vectors are std::array<float, 3>[4] or a container
@@ -890,7 +891,7 @@ constexpr int description_of() {
     static_assert(!pointer_call<__VA_ARGS__>(),                                                                    \
                   "omkm: this operation takes no operand by element pointers (_P) in this interface; the _P "      \
                   "descriptions serve add, sub, mul, scale, copy, extract, load_identity, transpose, saxpy, "      \
-                  "lcomb, gaxpy and trace")
+                  "lcomb, gaxpy, trace, dot, cross, norm, det and invert")
 #define OMKM_HPP_TABLES_AGREE(...)                                                                                 \
     OMKM_HPP_NO_POINTERS(__VA_ARGS__);                                                                             \
     static_assert(tables_agree<__VA_ARGS__>(),                                                                     \
@@ -1264,7 +1265,9 @@ private:
 
 template <class R, class E, class DA>
 OMKM_HPP_INLINE status det_call(const DA& da, E* b, E* out) {
-    if constexpr (!is_array_v<DA>)
+    if constexpr (pointer_call<DA>())
+        return call_with<R, E>(args_in<E>(da), std::make_tuple(da.rows, b, out), counted<is_array_v<DA>>(da.count));
+    else if constexpr (!is_array_v<DA>)
         return status(R::template call<E>(src(da.p), da.s1, da.s2, da.rows, b, out));
     else
         return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, da.rows, b, out, da.count));
@@ -1277,7 +1280,7 @@ OMKM_HPP_INLINE status scalar_of_object(A&& a, Out& out, Buf buffer) {
     constexpr int ka = kind_of<DA>::value;
     using E = typename kind_of<DA>::elem;
     static_assert(!std::is_void_v<E>, "omkm: the operand is a matrix or a vector");
-    OMKM_HPP_NO_POINTERS(DA);
+    constexpr bool by_pointers = pointer_call<DA>();
     const auto o = scalars<E>(out);
     if constexpr (is_array_v<DA>) {
         if (o.room >= 0 && o.room < count_of(da)) return status::size_mismatch;
@@ -1286,8 +1289,10 @@ OMKM_HPP_INLINE status scalar_of_object(A&& a, Out& out, Buf buffer) {
     }
     if constexpr (F == fam::l2norm || F == fam::frobnorm) {
         if constexpr ((ka & 7) == k_v) {
-            using R = route<fam::l2norm, key(ka), is_table_v<DA>>;
-            if constexpr (!is_array_v<DA>)
+            using R = route<fam::l2norm, key(ka), description<DA>()>;
+            if constexpr (by_pointers)
+                return call_with<R, E>(args_in<E>(da), std::make_tuple(o.p), counted<is_array_v<DA>>(da.count, da.len));
+            else if constexpr (!is_array_v<DA>)
                 return status(R::template call<E>(src(da.p), da.s2, o.p, da.len));
             else
                 return status(R::template call<E>(src(da.p), da.s0, da.s2, o.p, da.len, da.count));
@@ -1295,8 +1300,11 @@ OMKM_HPP_INLINE status scalar_of_object(A&& a, Out& out, Buf buffer) {
             static_assert((ka & 7) == k_m,
                           "omkm::norm: no FrobNorm export reads a transposed matrix; the norm of the "
                           "stored matrix is the same value (the rounding order follows the stored rows)");
-            using R = route<fam::frobnorm, key(ka), is_table_v<DA>>;
-            if constexpr (!is_array_v<DA>)
+            using R = route<fam::frobnorm, key(ka), description<DA>()>;
+            if constexpr (by_pointers)
+                return call_with<R, E>(args_in<E>(da), std::make_tuple(da.cols, da.rows, o.p),
+                                       counted<is_array_v<DA>>(da.count));
+            else if constexpr (!is_array_v<DA>)
                 return status(R::template call<E>(src(da.p), da.s1, da.s2, da.cols, da.rows, o.p));
             else
                 return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, da.cols, da.rows, o.p, da.count));
@@ -1308,7 +1316,7 @@ OMKM_HPP_INLINE status scalar_of_object(A&& a, Out& out, Buf buffer) {
                       "the same value)");
         return status::ok;  // not compiled: the assertion above stops the build
     } else {
-        using R = route<fam::det, key(ka), is_table_v<DA>>;
+        using R = route<fam::det, key(ka), description<DA>()>;
         if (da.rows != da.cols) return status::size_mismatch;
         if constexpr (std::is_null_pointer_v<Buf>) {
             scratch<E> s(da.rows);
@@ -1438,7 +1446,9 @@ template <class A, class Out>
 namespace detail {
 template <class R, class E, class DA, class DD>
 OMKM_HPP_INLINE status invert_call(const DA& da, const DD& dd, E* b, int n) {
-    if constexpr (!is_array_v<DA>)
+    if constexpr (pointer_call<DA, DD>())
+        return call_with<R, E>(args_in<E>(da), std::make_tuple(b), args_out<E>(dd), counted<is_array_v<DA>>(n, da.rows));
+    else if constexpr (!is_array_v<DA>)
         return status(R::template call<E>(src(da.p), da.s1, da.s2, b, dd.p, dd.s1, dd.s2, da.rows));
     else
         return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, b, dd.p, dd.s0, dd.s1, dd.s2, da.rows, n));
@@ -1459,8 +1469,8 @@ OMKM_HPP_INLINE status invert_impl(A&& a, Dst&& dst, Buf buffer) {
     require_writable<DD>();
     static_assert(is_array_v<DD> == is_array_v<DA>,
                   "omkm::invert: the destination is an array exactly when the source is");
-    OMKM_HPP_TABLES_AGREE(DA, DD);
-    using R = route<fam::invert, key(ka), layout_call<DA, DD>()>;
+    OMKM_HPP_DESCRIPTIONS_AGREE(DA, DD);
+    using R = route<fam::invert, key(ka), description<DA, DD>()>;
     const int n = common_count(da, dd);
     if (n == -2) return status::size_mismatch;
     if (da.rows != da.cols || dd.rows != da.rows || dd.cols != da.cols) return status::size_mismatch;
@@ -1495,8 +1505,8 @@ template <class A, class B, class Out>
     using E = typename kind_of<DA>::elem;
     static_assert((ka & 7) == k_v && (kb & 7) == k_v, "omkm::dot: both operands are vectors, single or arrays");
     static_assert(same_elem<E, DB>(), "omkm::dot: the operands must share one element type (float or double)");
-    OMKM_HPP_TABLES_AGREE(DA, DB);
-    using R = route<fam::dot, key(ka, kb), layout_call<DA, DB>()>;
+    OMKM_HPP_DESCRIPTIONS_AGREE(DA, DB);
+    using R = route<fam::dot, key(ka, kb), description<DA, DB>()>;
     static_assert(R::exists || key(ka, kb) != key(v, va),
                   "omkm::dot: no DotProduct export takes one vector and an array (vva); pass the array first (vav); "
                   "the last bit may differ, since the summation follows the second operand's alignment");
@@ -1510,7 +1520,10 @@ template <class A, class B, class Out>
         static_assert(std::is_same_v<std::remove_reference_t<Out>, E>, "omkm::dot: one dot product goes to a T&");
     }
     if (da.len != db.len) return status::size_mismatch;
-    if constexpr (!is_array_v<DA>)
+    if constexpr (pointer_call<DA, DB>())
+        return call_with<R, E>(args_in<E>(da), args_in<E>(db), std::make_tuple(o.p),
+                               counted<is_array_v<DA> || is_array_v<DB>>(n, da.len));
+    else if constexpr (!is_array_v<DA>)
         return status(R::template call<E>(src(da.p), da.s2, src(db.p), db.s2, o.p, da.len));
     else if constexpr (!is_array_v<DB>)
         return status(R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s2, o.p, da.len, n));
@@ -1536,12 +1549,15 @@ template <class A, class B, class Dst>
     require_writable<DD>();
     static_assert(is_array_v<DD> == (is_array_v<DA> || is_array_v<DB>),
                   "omkm::cross: the destination is an array exactly when a source is an array");
-    OMKM_HPP_TABLES_AGREE(DA, DB, DD);
-    using R = route<fam::cross, key(ka, kb), layout_call<DA, DB, DD>()>;
+    OMKM_HPP_DESCRIPTIONS_AGREE(DA, DB, DD);
+    using R = route<fam::cross, key(ka, kb), description<DA, DB, DD>()>;
     const int n = common_count(da, db, dd);
     if (n == -2) return status::size_mismatch;
     if (da.len != 3 || db.len != 3 || dd.len != 3) return status::size_mismatch;
-    if constexpr (!is_array_v<DA> && !is_array_v<DB>)
+    if constexpr (pointer_call<DA, DB, DD>())
+        return call_with<R, E>(args_in<E>(da), args_in<E>(db), args_out<E>(dd),
+                               counted<is_array_v<DA> || is_array_v<DB>>(n));
+    else if constexpr (!is_array_v<DA> && !is_array_v<DB>)
         return status(R::template call<E>(src(da.p), da.s2, src(db.p), db.s2, dd.p, dd.s2));
     else if constexpr (is_array_v<DA> && !is_array_v<DB>)
         return status(R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s2, dd.p, dd.s0, dd.s2, n));
@@ -1555,8 +1571,9 @@ template <class A, class B, class Dst>
 
 namespace detail {
 
-// The _P members of Add, Sub and Mul (all of them have one), the standard and _L ones being in the
-// export table above.
+// The _P members of Add, Sub, Mul and the other families above whose operations take element
+// pointers (every member of those families has one); the standard and _L ones are in the export
+// table above.
 #define OMKM_HPP_ROUTE_P(F, K, CNAME) OMKM_HPP_ROUTE_AS(F, K, 2, CNAME, _32f_P, _64f_P)
 OMKM_HPP_ROUTE_P(add, key(m, m), Add_mm)
 OMKM_HPP_ROUTE_P(add, key(t, m), Add_tm)
@@ -1635,6 +1652,22 @@ OMKM_HPP_ROUTE_P(scale, key(ta, c), Mul_tac)
 OMKM_HPP_ROUTE_P(scale, key(va, c), Mul_vac)
 OMKM_HPP_ROUTE_P(scale, key(va, ca), Mul_vaca)
 OMKM_HPP_ROUTE_P(scale, key(v, ca), Mul_vca)
+// and of the dot and cross products, the norms, Det and Invert
+OMKM_HPP_ROUTE_P(dot, key(v, v), DotProduct_vv)
+OMKM_HPP_ROUTE_P(dot, key(va, v), DotProduct_vav)
+OMKM_HPP_ROUTE_P(dot, key(va, va), DotProduct_vava)
+OMKM_HPP_ROUTE_P(cross, key(v, v), CrossProduct_vv)
+OMKM_HPP_ROUTE_P(cross, key(va, v), CrossProduct_vav)
+OMKM_HPP_ROUTE_P(cross, key(v, va), CrossProduct_vva)
+OMKM_HPP_ROUTE_P(cross, key(va, va), CrossProduct_vava)
+OMKM_HPP_ROUTE_P(l2norm, key(v), L2Norm_v)
+OMKM_HPP_ROUTE_P(l2norm, key(va), L2Norm_va)
+OMKM_HPP_ROUTE_P(frobnorm, key(m), FrobNorm_m)
+OMKM_HPP_ROUTE_P(frobnorm, key(ma), FrobNorm_ma)
+OMKM_HPP_ROUTE_P(det, key(m), Det_m)
+OMKM_HPP_ROUTE_P(det, key(ma), Det_ma)
+OMKM_HPP_ROUTE_P(invert, key(m), Invert_m)
+OMKM_HPP_ROUTE_P(invert, key(ma), Invert_ma)
 // Families with a standard and a _P member (single objects), or all three descriptions (arrays).
 #define OMKM_HPP_ROUTE_SP(F, K, CNAME)                 \
     OMKM_HPP_ROUTE_AS(F, K, 0, CNAME, _32f, _64f)      \

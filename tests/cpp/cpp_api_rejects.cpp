@@ -32,6 +32,7 @@ int main() {
                    omkm::pointer_matrix(outs9, 3, 3));                   // Add_tm_P
     st = omkm::copy(omkm::pointer_matrices(elems, 4, 3, 3, 36), many);  // Copy_ma_PS
     st = omkm::lcomb(vs, 2.0f, v, 0.5f, vs);                            // LComb_vav
+    st = omkm::dot(omkm::pointer_vector(elems, 3), omkm::pointer_vector(elems + 3, 3), out);  // DotProduct_vv_P
 #elif REJECT == 1
     st = omkm::add(m, omkm::transposed(n), d);  // no Add_mt
 #elif REJECT == 2
@@ -49,8 +50,8 @@ int main() {
 #elif REJECT == 7
     st = omkm::lcomb(v, 2.0f, vs, 0.5f, vs);  // no LComb_vva
 #elif REJECT == 8
-    const float* elems[3] = {};
-    st = omkm::dot(omkm::pointer_vector(elems, 3), v, out);  // dot by element pointers: not in this interface
+    const float* elems[9] = {};
+    st = omkm::cholesky(omkm::pointer_matrix(elems, 3, 3), d);  // no factorization by element pointers here
 #endif
     (void)m;
     (void)vs;

@@ -273,6 +273,23 @@ const std::vector<Row>& rows() {
             omkm::mul(omkm::pointer_vectors(d.pv3, 3, 3, kRec), field(d.r, &R::k),
                       omkm::pointer_vectors(d.pw3, 3, 3, kRec)),
             "omkmMul_vaca_32f_P", d.pv3, 0, kRec, &d.r[0].k, kRec, d.pw3, 0, kRec, 3, 3),
+        ROW("dot vava by element pointers",
+            omkm::dot(omkm::pointer_vectors(d.pv3, 3, 3, kRec), omkm::pointer_vectors(d.pu3, 3, 3, kRec), d.outs),
+            "omkmDotProduct_vava_32f_P", d.pv3, 0, kRec, d.pu3, 0, kRec, d.outs.data(), 3, 3),
+        ROW("cross vva by element pointers",
+            omkm::cross(omkm::pointer_vector(d.px3, 3), omkm::pointer_vectors(d.pv3, 3, 3, kRec),
+                        omkm::pointer_vectors(d.pw3, 3, 3, kRec)),
+            "omkmCrossProduct_vva_32f_P", d.px3, 0, d.pv3, 0, kRec, d.pw3, 0, kRec, 3),
+        ROW("norm of each vector by element pointers", omkm::norm(omkm::pointer_vectors(d.pv3, 3, 3, kRec), d.outs),
+            "omkmL2Norm_va_32f_P", d.pv3, 0, kRec, d.outs.data(), 3, 3),
+        ROW("Frobenius norm by element pointers", omkm::norm(omkm::pointer_matrix(d.pa23, 2, 3), d.out1),
+            "omkmFrobNorm_m_32f_P", d.pa23, 0, 3, 2, &d.out1),
+        ROW("det of each by element pointers",
+            omkm::det(omkm::pointer_matrices(d.ps33, 3, 3, 3, kRec), d.outs, &d.c24[0][0]), "omkmDet_ma_32f_P",
+            d.ps33, 0, kRec, 3, &d.c24[0][0], d.outs.data(), 3),
+        ROW("invert by element pointers",
+            omkm::invert(omkm::pointer_matrix(d.ps33, 3, 3), omkm::pointer_matrix(d.pt33, 3, 3), &d.c24[0][0]),
+            "omkmInvert_m_32f_P", d.ps33, 0, &d.c24[0][0], d.pt33, 0, 3),
         ROW("scale vaca", omkm::scale(field(d.r, &R::v3), field(d.r, &R::k), field(d.r, &R::w3)), "omkmMul_vaca_32f",
             d.r[0].v3, kRec, F4, &d.r[0].k, kRec, d.r[0].w3, kRec, F4, 3, 3),
         // ---- Copy: each side in its own description, then the sizes and the count
@@ -945,6 +962,10 @@ TEST(CppInterface, ElementPointerOperandsGiveTheBitsOfTheDirectCCall) {
               status::ok);
     ASSERT_EQ(omkmGaxpy_mva_32f_P(in(cn), 0, 4, 4, in(cv), 0, rec, 4, in(cw), 0, rec, 4, cu, 0, rec, n), omkStsOk);
     for (int k = 0; k < n; ++k) EXPECT_TRUE(same_bytes(b[k].u, c[k].u)) << "body " << k;
+    std::vector<float> det1(n), det2(n), buf(omkm::scratch_elements<float>(4));
+    ASSERT_EQ(omkm::det(omkm::pointer_matrices(bp, n, 4, 4, rec), det1), status::ok);
+    ASSERT_EQ(omkmDet_ma_32f_P(in(cp), 0, rec, 4, buf.data(), det2.data(), n), omkStsOk);
+    EXPECT_EQ(0, std::memcmp(det1.data(), det2.data(), det1.size() * sizeof(float)));
 
     // Copying the by-columns table to strided memory is transposing: the same bits as transpose().
     std::vector<std::array<std::array<float, 4>, 4>> by_copy(n), by_transpose(n);
