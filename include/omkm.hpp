@@ -46,8 +46,7 @@
 // table: all arrays of one call are tables, or none. A call with an operand given by element
 // pointers takes the _P export, which takes every matrix and vector operand, single or array, by
 // element pointers: all of them, or none; an array of constants stays strided (omkm::constants,
-// omkm::field) and a scalar result stays a plain T*. The factorizations, their solvers and the
-// eigenproblems take no element pointers in this interface. Copy alone takes its source and destination
+// omkm::field) and a scalar result, pivots, eigenvalues and scratch stay plain pointers. Copy alone takes its source and destination
 // in descriptions of their own (copy between strided, table and element-pointer arrays).
 // A plain arithmetic value is one constant, converted to the operands' element type. A
 // two-dimensional C array is one matrix: four 3-vectors are std::array<float, 3>[4] or a container
@@ -887,11 +886,10 @@ constexpr int description_of() {
     return pointers_of<D>::value ? 2 : kind_of<D>::table ? 1 : 0;
 }
 
+// Operations without _P members reject element pointers by name.
 #define OMKM_HPP_NO_POINTERS(...)                                                                                  \
     static_assert(!pointer_call<__VA_ARGS__>(),                                                                    \
-                  "omkm: this operation takes no operand by element pointers (_P) in this interface; the _P "      \
-                  "descriptions serve add, sub, mul, scale, copy, extract, load_identity, transpose, saxpy, "      \
-                  "lcomb, gaxpy, trace, dot, cross, norm, det and invert")
+                  "omkm: this operation takes no operand by element pointers (no _P export)")
 #define OMKM_HPP_TABLES_AGREE(...)                                                                                 \
     OMKM_HPP_NO_POINTERS(__VA_ARGS__);                                                                             \
     static_assert(tables_agree<__VA_ARGS__>(),                                                                     \
@@ -899,11 +897,13 @@ constexpr int description_of() {
                   "the call as tables, or none")
 // The rule of the operations that have _P members: as above for tables, and all matrix and vector
 // operands by element pointers or none.
-#define OMKM_HPP_DESCRIPTIONS_AGREE(...)                                                                           \
+#define OMKM_HPP_POINTERS_AGREE(...)                                                                               \
     static_assert(pointers_agree<__VA_ARGS__>(),                                                                   \
                   "omkm: the pointer (_P) exports take every matrix and vector operand, single or array, by "      \
                   "element pointers; give all of them so (pointer_matrix, pointer_vectors, ...), or none; an "     \
-                  "array of constants stays strided");                                                            \
+                  "array of constants stays strided")
+#define OMKM_HPP_DESCRIPTIONS_AGREE(...)                                                                           \
+    OMKM_HPP_POINTERS_AGREE(__VA_ARGS__);                                                                          \
     static_assert(pointer_call<__VA_ARGS__>() || tables_agree<__VA_ARGS__>(),                                      \
                   "omkm: the layout (_L) exports take every array operand by a pointer table; give all arrays of " \
                   "the call as tables, or none")
@@ -1571,9 +1571,8 @@ template <class A, class B, class Dst>
 
 namespace detail {
 
-// The _P members of Add, Sub, Mul and the other families above whose operations take element
-// pointers (every member of those families has one); the standard and _L ones are in the export
-// table above.
+// The _P members of the families of the export table above: every member has one but the scratch
+// size queries (whose arguments describe no operand).
 #define OMKM_HPP_ROUTE_P(F, K, CNAME) OMKM_HPP_ROUTE_AS(F, K, 2, CNAME, _32f_P, _64f_P)
 OMKM_HPP_ROUTE_P(add, key(m, m), Add_mm)
 OMKM_HPP_ROUTE_P(add, key(t, m), Add_tm)
@@ -1668,6 +1667,34 @@ OMKM_HPP_ROUTE_P(det, key(m), Det_m)
 OMKM_HPP_ROUTE_P(det, key(ma), Det_ma)
 OMKM_HPP_ROUTE_P(invert, key(m), Invert_m)
 OMKM_HPP_ROUTE_P(invert, key(ma), Invert_ma)
+// and of the factorizations, their solvers and the eigenproblems (not the scratch size queries)
+OMKM_HPP_ROUTE_P(lu, key(m), LUDecomp_m)
+OMKM_HPP_ROUTE_P(lu, key(ma), LUDecomp_ma)
+OMKM_HPP_ROUTE_P(lusolve, key(m, v), LUBackSubst_mv)
+OMKM_HPP_ROUTE_P(lusolve, key(m, va), LUBackSubst_mva)
+OMKM_HPP_ROUTE_P(lusolve, key(ma, va), LUBackSubst_mava)
+OMKM_HPP_ROUTE_P(chol, key(m), CholeskyDecomp_m)
+OMKM_HPP_ROUTE_P(chol, key(ma), CholeskyDecomp_ma)
+OMKM_HPP_ROUTE_P(cholsolve, key(m, v), CholeskyBackSubst_mv)
+OMKM_HPP_ROUTE_P(cholsolve, key(m, va), CholeskyBackSubst_mva)
+OMKM_HPP_ROUTE_P(cholsolve, key(ma, va), CholeskyBackSubst_mava)
+OMKM_HPP_ROUTE_P(qr, key(m), QRDecomp_m)
+OMKM_HPP_ROUTE_P(qr, key(ma), QRDecomp_ma)
+OMKM_HPP_ROUTE_P(qrsolve, key(m, v), QRBackSubst_mv)
+OMKM_HPP_ROUTE_P(qrsolve, key(m, va), QRBackSubst_mva)
+OMKM_HPP_ROUTE_P(qrsolve, key(ma, va), QRBackSubst_mava)
+OMKM_HPP_ROUTE_P(eigsym, key(m), EigenValuesSym_m)
+OMKM_HPP_ROUTE_P(eigsym, key(ma), EigenValuesSym_ma)
+OMKM_HPP_ROUTE_P(eigsymvec, key(m, m), EigenValuesVectorsSym_m)
+OMKM_HPP_ROUTE_P(eigsymvec, key(ma, ma), EigenValuesVectorsSym_ma)
+OMKM_HPP_ROUTE_P(eig, key(m), EigenValues_m)
+OMKM_HPP_ROUTE_P(eig, key(ma), EigenValues_ma)
+OMKM_HPP_ROUTE_P(eigleft, key(m, m), EigenValuesVectorsLeft_m)
+OMKM_HPP_ROUTE_P(eigleft, key(ma, ma), EigenValuesVectorsLeft_ma)
+OMKM_HPP_ROUTE_P(eigright, key(m, m), EigenValuesVectorsRight_m)
+OMKM_HPP_ROUTE_P(eigright, key(ma, ma), EigenValuesVectorsRight_ma)
+OMKM_HPP_ROUTE_P(eigboth, key(m, m), EigenValuesVectors_m)
+OMKM_HPP_ROUTE_P(eigboth, key(ma, ma), EigenValuesVectors_ma)
 // Families with a standard and a _P member (single objects), or all three descriptions (arrays).
 #define OMKM_HPP_ROUTE_SP(F, K, CNAME)                 \
     OMKM_HPP_ROUTE_AS(F, K, 0, CNAME, _32f, _64f)      \
@@ -2078,7 +2105,10 @@ OMKM_HPP_INLINE status with_scratch(Buf buffer, std::size_t elements, F&& f) {
 template <class R, class E, bool Square, class DA, class DD, class... Mid>
 OMKM_HPP_INLINE status factor_call(const DA& da, const DD& dd, int n, Mid... mid) {
     auto go = [&](auto... size) {
-        if constexpr (!is_array_v<DA>)
+        if constexpr (pointer_call<DA, DD>())
+            return call_with<R, E>(args_in<E>(da), std::make_tuple(mid...), args_out<E>(dd),
+                                   counted<is_array_v<DA>>(n, size...));
+        else if constexpr (!is_array_v<DA>)
             return status(R::template call<E>(src(da.p), da.s1, da.s2, mid..., dd.p, dd.s1, dd.s2, size...));
         else
             return status(
@@ -2109,8 +2139,8 @@ OMKM_HPP_INLINE status factor_impl(A&& a, Piv&& piv, Dst&& dst, Buf buffer) {
     require_writable<DD>();
     static_assert(is_array_v<DD> == is_array_v<DA>,
                   "omkm::lu_decomp/cholesky/qr: the factor is an array exactly when the source is");
-    OMKM_HPP_TABLES_AGREE(DA, DD);
-    using R = route<F, key(ka), layout_call<DA, DD>()>;
+    OMKM_HPP_DESCRIPTIONS_AGREE(DA, DD);
+    using R = route<F, key(ka), description<DA, DD>()>;
     const int n = common_count(da, dd);
     if (n == -2) return status::size_mismatch;
     if (dd.rows != da.rows || dd.cols != da.cols) return status::size_mismatch;
@@ -2134,7 +2164,10 @@ OMKM_HPP_INLINE status factor_impl(A&& a, Piv&& piv, Dst&& dst, Buf buffer) {
 template <class R, class E, bool Square, class DM, class DB, class DX, class... Mid>
 OMKM_HPP_INLINE status solve_call(const DM& dm, const DB& db, const DX& dx, int n, Mid... mid) {
     auto go = [&](auto... size) {
-        if constexpr (!is_array_v<DM> && !is_array_v<DB>)
+        if constexpr (pointer_call<DM, DB, DX>())
+            return call_with<R, E>(args_in<E>(dm), std::make_tuple(mid...), args_in<E>(db), args_out<E>(dx),
+                                   counted<is_array_v<DM> || is_array_v<DB>>(n, size...));
+        else if constexpr (!is_array_v<DM> && !is_array_v<DB>)
             return status(
                 R::template call<E>(src(dm.p), dm.s1, dm.s2, mid..., src(db.p), db.s2, dx.p, dx.s2, size...));
         else if constexpr (!is_array_v<DM>)
@@ -2173,8 +2206,8 @@ OMKM_HPP_INLINE status solve_impl(M&& m, Piv&& piv, B&& b, X&& x, Buf buffer) {
     require_writable<DX>();
     static_assert(is_array_v<DX> == (is_array_v<DM> || is_array_v<DB>),
                   "omkm::lu_solve/cholesky_solve/qr_solve: the solution is an array exactly when a source is");
-    OMKM_HPP_TABLES_AGREE(DM, DB, DX);
-    using R = route<F, key(km, kb), layout_call<DM, DB, DX>()>;
+    OMKM_HPP_DESCRIPTIONS_AGREE(DM, DB, DX);
+    using R = route<F, key(km, kb), description<DM, DB, DX>()>;
     static_assert(R::exists || key(km, kb) != key(ma, v),
                   "omkm::lu_solve/cholesky_solve/qr_solve: no BackSubst export solves an array of factors for one "
                   "right-hand side (mav); give each factor its right-hand side, an array of vectors (mava)");
@@ -2210,17 +2243,18 @@ OMKM_HPP_INLINE status eigen_sym_impl(A&& a, Values& values, Vectors&& vectors, 
     static_assert((ka & 7) == k_m,
                   "omkm::eigen_sym: the source is a symmetric matrix or an array of them, read as stored "
                   "(no EigenValuesSym export reads a transposed matrix; a symmetric matrix is its transpose)");
-    OMKM_HPP_NO_POINTERS(DA);
     const auto vo = flat<E>(values);
     const int w = da.rows;
     if (da.cols != w) return status::size_mismatch;
     const std::size_t elems = w > 0 ? static_cast<std::size_t>(w) * w : 1;
     if constexpr (std::is_null_pointer_v<std::decay_t<Vectors>>) {
-        using R = route<fam::eigsym, key(ka), is_table_v<DA>>;
+        using R = route<fam::eigsym, key(ka), description<DA>()>;
         const int n = count_of(da);
         if (vo.room >= 0 && vo.room < static_cast<long long>(w) * n) return status::size_mismatch;
         return with_scratch<E>(buffer, elems, [&](E* s) {
-            if constexpr (!is_array_v<DA>)
+            if constexpr (pointer_call<DA>())
+                return call_with<R, E>(args_in<E>(da), std::make_tuple(s, vo.p), counted<is_array_v<DA>>(n, w));
+            else if constexpr (!is_array_v<DA>)
                 return status(R::template call<E>(src(da.p), da.s1, da.s2, s, vo.p, w));
             else
                 return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, s, vo.p, w, n));
@@ -2234,14 +2268,17 @@ OMKM_HPP_INLINE status eigen_sym_impl(A&& a, Values& values, Vectors&& vectors, 
         require_writable<DV>();
         static_assert(is_array_v<DV> == is_array_v<DA>,
                       "omkm::eigen_sym: the eigenvectors are an array exactly when the source is");
-        OMKM_HPP_TABLES_AGREE(DA, DV);
-        using R = route<fam::eigsymvec, key(ka, kind_of<DV>::value), layout_call<DA, DV>()>;
+        OMKM_HPP_DESCRIPTIONS_AGREE(DA, DV);
+        using R = route<fam::eigsymvec, key(ka, kind_of<DV>::value), description<DA, DV>()>;
         const int n = common_count(da, dv);
         if (n == -2) return status::size_mismatch;
         if (dv.rows != w || dv.cols != w) return status::size_mismatch;
         if (vo.room >= 0 && vo.room < static_cast<long long>(w) * n) return status::size_mismatch;
         return with_scratch<E>(buffer, elems, [&](E* s) {
-            if constexpr (!is_array_v<DA>)
+            if constexpr (pointer_call<DA>())
+                return call_with<R, E>(args_in<E>(da), std::make_tuple(s), args_out<E>(dv), std::make_tuple(vo.p),
+                                       counted<is_array_v<DA>>(n, w));
+            else if constexpr (!is_array_v<DA>)
                 return status(R::template call<E>(src(da.p), da.s1, da.s2, s, dv.p, dv.s1, dv.s2, vo.p, w));
             else
                 return status(
@@ -2295,7 +2332,8 @@ OMKM_HPP_INLINE status eigen_impl(A&& a, Re& re, Im& im, VL&& left, VR&& right, 
     static_assert((ka & 7) == k_m,
                   "omkm::eigen: the source is a square matrix or an array of them, read as stored (no EigenValues "
                   "export reads a transposed matrix)");
-    OMKM_HPP_NO_POINTERS(DA, DL, DR);
+    OMKM_HPP_POINTERS_AGREE(DA, DL, DR);
+    constexpr bool by_pointers = pointer_call<DA>();
     require_vectors<DA, DL>();
     require_vectors<DA, DR>();
     constexpr bool has_l = !std::is_null_pointer_v<DL>, has_r = !std::is_null_pointer_v<DR>;
@@ -2312,25 +2350,34 @@ OMKM_HPP_INLINE status eigen_impl(A&& a, Re& re, Im& im, VL&& left, VR&& right, 
         // the source, the vectors' parts (left before right), the values, widthHeight, count, scratch
         auto strides = [&](auto r, const auto& dv) {
             using R = decltype(r);
-            if constexpr (!is_array_v<DA>)
+            if constexpr (by_pointers)
+                return call_with<R, E>(args_in<E>(da), args_out<E>(dv), std::make_tuple(vr.p, vi.p),
+                                       counted<is_array_v<DA>>(n, w), std::make_tuple(s));
+            else if constexpr (!is_array_v<DA>)
                 return status(R::template call<E>(src(da.p), da.s1, da.s2, dv.p, dv.s1, dv.s2, vr.p, vi.p, w, s));
             else
                 return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, dv.p, dv.s0, dv.s1, dv.s2, vr.p,
                                                   vi.p, w, n, s));
         };
         if constexpr (!has_l && !has_r) {
-            using R = route<fam::eig, key(ka), is_table_v<DA>>;
-            if constexpr (!is_array_v<DA>)
+            using R = route<fam::eig, key(ka), description<DA>()>;
+            if constexpr (by_pointers)
+                return call_with<R, E>(args_in<E>(da), std::make_tuple(vr.p, vi.p), counted<is_array_v<DA>>(n, w),
+                                       std::make_tuple(s));
+            else if constexpr (!is_array_v<DA>)
                 return status(R::template call<E>(src(da.p), da.s1, da.s2, vr.p, vi.p, w, s));
             else
                 return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, vr.p, vi.p, w, n, s));
         } else if constexpr (has_l && !has_r) {
-            return strides(route<fam::eigleft, key(ka, ka), is_table_v<DA>>{}, dl);
+            return strides(route<fam::eigleft, key(ka, ka), description<DA>()>{}, dl);
         } else if constexpr (!has_l && has_r) {
-            return strides(route<fam::eigright, key(ka, ka), is_table_v<DA>>{}, dr);
+            return strides(route<fam::eigright, key(ka, ka), description<DA>()>{}, dr);
         } else {
-            using R = route<fam::eigboth, key(ka, ka), is_table_v<DA>>;
-            if constexpr (!is_array_v<DA>)
+            using R = route<fam::eigboth, key(ka, ka), description<DA>()>;
+            if constexpr (by_pointers)
+                return call_with<R, E>(args_in<E>(da), args_out<E>(dl), args_out<E>(dr), std::make_tuple(vr.p, vi.p),
+                                       counted<is_array_v<DA>>(n, w), std::make_tuple(s));
+            else if constexpr (!is_array_v<DA>)
                 return status(R::template call<E>(src(da.p), da.s1, da.s2, dl.p, dl.s1, dl.s2, dr.p, dr.s1, dr.s2,
                                                   vr.p, vi.p, w, s));
             else

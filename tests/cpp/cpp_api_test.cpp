@@ -99,7 +99,7 @@ struct Data {
     std::vector<float> vals = std::vector<float>(9), im = std::vector<float>(9), buf = std::vector<float>(64);
     // element pointers (the _P description) of the first record's members, an array reaching the
     // next record kRec bytes further, and of single objects
-    float *pm23[6], *pn23[6], *pm32[6], *pt33[9], *ps33[9], *pv3[3], *pu3[3], *pw3[3], *pv2[2], *pa23[6], *px3[3],
+    float *pm23[6], *pn23[6], *pm32[6], *pt33[9], *pu33[9], *ps33[9], *pv3[3], *pu3[3], *pw3[3], *pv2[2], *pa23[6], *px3[3],
         *px2[2];
     const float* pd32[6];
     Data() {
@@ -110,6 +110,7 @@ struct Data {
         table(&r[0].n23[0][0], 6, pn23);
         table(&r[0].m32[0][0], 6, pm32);
         table(&r[0].t33[0][0], 9, pt33);
+        table(&r[0].u33[0][0], 9, pu33);
         table(&r[0].s33[0][0], 9, ps33);
         table(r[0].v3, 3, pv3);
         table(r[0].u3, 3, pu3);
@@ -290,6 +291,44 @@ const std::vector<Row>& rows() {
         ROW("invert by element pointers",
             omkm::invert(omkm::pointer_matrix(d.ps33, 3, 3), omkm::pointer_matrix(d.pt33, 3, 3), &d.c24[0][0]),
             "omkmInvert_m_32f_P", d.ps33, 0, &d.c24[0][0], d.pt33, 0, 3),
+        ROW("LU ma by element pointers",
+            omkm::lu_decomp(omkm::pointer_matrices(d.ps33, 3, 3, 3, kRec), d.pivs,
+                            omkm::pointer_matrices(d.pt33, 3, 3, 3, kRec)),
+            "omkmLUDecomp_ma_32f_P", d.ps33, 0, kRec, d.pivs[0].data(), d.pt33, 0, kRec, 3, 3),
+        ROW("LU solve mv by element pointers",
+            omkm::lu_solve(omkm::pointer_matrix(d.ps33, 3, 3), d.piv3, omkm::pointer_vector(d.px3, 3),
+                           omkm::pointer_vector(d.pv3, 3)),
+            "omkmLUBackSubst_mv_32f_P", d.ps33, 0, d.piv3, d.px3, 0, d.pv3, 0, 3),
+        ROW("Cholesky solve mava by element pointers",
+            omkm::cholesky_solve(omkm::pointer_matrices(d.ps33, 3, 3, 3, kRec), omkm::pointer_vectors(d.pv3, 3, 3, kRec),
+                                 omkm::pointer_vectors(d.pw3, 3, 3, kRec)),
+            "omkmCholeskyBackSubst_mava_32f_P", d.ps33, 0, kRec, d.pv3, 0, kRec, d.pw3, 0, kRec, 3, 3),
+        ROW("QR m by element pointers, own scratch",
+            omkm::qr(omkm::pointer_matrix(d.pd32, 3, 2), omkm::pointer_matrix(d.pm32, 3, 2)), "omkmQRDecomp_m_32f_P",
+            d.pd32, 0, recorded_pointer(2), d.pm32, 0, 2, 3),
+        ROW("QR solve mva by element pointers, a buffer",
+            omkm::qr_solve(omkm::pointer_matrix(d.pd32, 3, 2), omkm::pointer_vectors(d.pv3, 3, 3, kRec),
+                           omkm::pointer_vectors(d.pv2, 3, 2, kRec), &d.c24[0][0]),
+            "omkmQRBackSubst_mva_32f_P", d.pd32, 0, &d.c24[0][0], d.pv3, 0, kRec, d.pv2, 0, kRec, 2, 3, 3),
+        ROW("eigenvalues m by element pointers", omkm::eigen_sym(omkm::pointer_matrix(d.ps33, 3, 3), d.x3),
+            "omkmEigenValuesSym_m_32f_P", d.ps33, 0, recorded_pointer(2), d.x3, 3),
+        ROW("eigenvectors ma by element pointers, a buffer",
+            omkm::eigen_sym(omkm::pointer_matrices(d.ps33, 3, 3, 3, kRec), d.vals,
+                            omkm::pointer_matrices(d.pt33, 3, 3, 3, kRec), &d.c24[0][0]),
+            "omkmEigenValuesVectorsSym_ma_32f_P", d.ps33, 0, kRec, &d.c24[0][0], d.pt33, 0, kRec, d.vals.data(), 3, 3),
+        ROW("eigenvalues m by element pointers, general",
+            omkm::eigen(omkm::pointer_matrix(d.ps33, 3, 3), d.x3, d.y3, d.buf.data()), "omkmEigenValues_m_32f_P",
+            d.ps33, 0, d.x3, d.y3, 3, d.buf.data()),
+        ROW("right eigenvectors m by element pointers",
+            omkm::eigen(omkm::pointer_matrix(d.ps33, 3, 3), d.x3, d.y3, omkm::pointer_matrix(d.pt33, 3, 3),
+                        d.buf.data()),
+            "omkmEigenValuesVectorsRight_m_32f_P", d.ps33, 0, d.pt33, 0, d.x3, d.y3, 3, d.buf.data()),
+        ROW("left and right eigenvectors ma by element pointers",
+            omkm::eigen_left_right(omkm::pointer_matrices(d.ps33, 3, 3, 3, kRec), d.vals, d.im,
+                                   omkm::pointer_matrices(d.pt33, 3, 3, 3, kRec),
+                                   omkm::pointer_matrices(d.pu33, 3, 3, 3, kRec), d.buf.data()),
+            "omkmEigenValuesVectors_ma_32f_P", d.ps33, 0, kRec, d.pt33, 0, kRec, d.pu33, 0, kRec, d.vals.data(),
+            d.im.data(), 3, 3, d.buf.data()),
         ROW("scale vaca", omkm::scale(field(d.r, &R::v3), field(d.r, &R::k), field(d.r, &R::w3)), "omkmMul_vaca_32f",
             d.r[0].v3, kRec, F4, &d.r[0].k, kRec, d.r[0].w3, kRec, F4, 3, 3),
         // ---- Copy: each side in its own description, then the sizes and the count
@@ -966,6 +1005,12 @@ TEST(CppInterface, ElementPointerOperandsGiveTheBitsOfTheDirectCCall) {
     ASSERT_EQ(omkm::det(omkm::pointer_matrices(bp, n, 4, 4, rec), det1), status::ok);
     ASSERT_EQ(omkmDet_ma_32f_P(in(cp), 0, rec, 4, buf.data(), det2.data(), n), omkStsOk);
     EXPECT_EQ(0, std::memcmp(det1.data(), det2.data(), det1.size() * sizeof(float)));
+    std::vector<int> piv1(static_cast<std::size_t>(4 * n)), piv2(piv1.size());
+    ASSERT_EQ(omkm::lu_decomp(omkm::pointer_matrices(bp, n, 4, 4, rec), piv1, omkm::pointer_matrices(bn, n, 4, 4, rec)),
+              status::ok);
+    ASSERT_EQ(omkmLUDecomp_ma_32f_P(in(cp), 0, rec, piv2.data(), cn, 0, rec, 4, n), omkStsOk);
+    EXPECT_EQ(piv1, piv2);
+    for (int k = 0; k < n; ++k) EXPECT_TRUE(same_bytes(b[k].next, c[k].next)) << "body " << k;
 
     // Copying the by-columns table to strided memory is transposing: the same bits as transpose().
     std::vector<std::array<std::array<float, 4>, 4>> by_copy(n), by_transpose(n);
