@@ -1,10 +1,11 @@
 // omkm.hpp: a header-only C++17 interface over the C API of omkm.h.
 //
 // Operands are described by their types instead of by hand-written strides and sizes, and one name
-// per operation (omkm::mul, also by a constant, add, sub, det, invert, dot, cross, norm, lu_decomp,
-// lu_solve, cholesky, cholesky_solve, qr, qr_solve, eigen_sym, eigen) reaches the C export that
-// matches its operands' kinds (single object or array), element type (float: _32f, double: _64f),
-// transposition and description (strided, or a pointer table: _L). Everything is inline and
+// per operation (omkm::mul, also by a constant, add, sub, scale, copy, extract, load_identity,
+// transpose, saxpy, lcomb, gaxpy, trace, det, invert, dot, cross, norm, lu_decomp, lu_solve,
+// cholesky, cholesky_solve, qr, qr_solve, eigen_sym, eigen) reaches the C export that matches its
+// operands' kinds (single object or array), element type (float: _32f, double: _64f), transposition
+// and description (strided, a table of per-object pointers: _L, or of per-element pointers: _P). Everything is inline and
 // forwards to exactly one C call (eigen on the layer's scratch: two, below); nothing is computed
 // here that the C call computes.
 //
@@ -33,10 +34,20 @@
 //                                                          Record* points to: the same, the container's
 //                                                          pointers as the table, the member's offset as
 //                                                          the ROI shift
+//   omkm::pointer_matrix(pointers, rows, cols, roi_shift), pointer_matrices(pointers, count, rows, cols,
+//   stride0, roi_shift), pointer_vector(pointers, len, roi_shift), pointer_vectors(pointers, count,
+//   len, stride0, roi_shift)                               one pointer per element (the pointer description,
+//                                                          the _P exports): element (i, j) at
+//                                                          pointers[i*cols + j] + roi_shift bytes (vector
+//                                                          element j at pointers[j] + roi_shift), object k
+//                                                          of an array k*stride0 bytes further
 //   omkm::transposed(x)                                    a matrix (or array of them) read transposed
 // A call with an array given by a table takes the _L export, which takes every array operand by a
-// table: all arrays of one call are tables, or none. The pointer description (_P, one pointer per
-// element) is not in this interface.
+// table: all arrays of one call are tables, or none. A call with an operand given by element
+// pointers takes the _P export, which takes every matrix and vector operand, single or array, by
+// element pointers: all of them, or none; an array of constants stays strided (omkm::constants,
+// omkm::field) and a scalar result, pivots, eigenvalues and scratch stay plain pointers. Copy alone takes its source and destination
+// in descriptions of their own (copy between strided, table and element-pointer arrays).
 // A plain arithmetic value is one constant, converted to the operands' element type. A
 // two-dimensional C array is one matrix: four 3-vectors are std::array<float, 3>[4] or a container
 // of std::array<float, 3>, not float[4][3] (a 4x3 matrix).
@@ -45,6 +56,15 @@
 // a contiguous container of T (its size is checked) or through a T* (its room is the caller's).
 // det and invert take the scratch their family needs from the stack up to order 8 and allocate it
 // above; the overloads with a trailing T* buffer use the caller's, scratch_elements<T>(n) elements.
+//
+// Data movement: copy(src, dst) of arrays of matrices or vectors (a single object is copied as an
+// array of one), extract(src, out) (the operand as used, a transposed one transposed, densely into
+// a T* or a contiguous container of T or of rows, whose room is checked), load_identity(dst) (a
+// matrix or an array of them), transpose(src, dst). Scaled sums of vectors, each scale a plain value
+// converted to the element type: saxpy(x, s, y, dst) = s*x + y (one fused multiply-add per element),
+// lcomb(x, s1, y, s2, dst) = s1*x + s2*y (the first product rounded, the second fused),
+// gaxpy(a, x, b, y) = a*x + b for one matrix a. scale(x, c, dst) is mul(x, c, dst) under its own
+// name (a constant or an array of constants as the second operand). trace(a, out) writes like det.
 //
 // Factorizations and solvers: lu_decomp(a, piv, lu), lu_solve(lu, piv, b, x), cholesky(a, l),
 // cholesky_solve(l, b, x), qr(a, r), qr_solve(r, b, x); a factor has its source's shape and kind,
@@ -64,7 +84,9 @@
 // the C call cannot see: the destination's shape against the result's, the counts of array operands
 // against each other, a square matrix for det, invert, lu_decomp, cholesky and eigen_sym (and their
 // solvers' factors), a right-hand side of the factor's height and a solution of its width, the room
-// of a container of pivots or eigenvalues, length 3 for cross products; a failure
+// of a container of pivots or eigenvalues, length 3 for cross products, a copy's and a transpose's
+// destination shape, the room of extract's destination, the lengths of saxpy, lcomb and gaxpy
+// operands against the destination's, a square matrix for trace; a failure
 // returns status::size_mismatch and nothing is called or written. Everything else (null pointers,
 // strides, sizes below one, the inner dimension of a product) is the C call's check and status.
 //
@@ -109,6 +131,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 
@@ -200,6 +223,20 @@ template <class T, bool Table = false>
 struct constants_desc {
     std::conditional_t<Table, T**, T*> p;
     int count, s0;
+};
+// One matrix (Array false) or `count` matrices given by one pointer per element (the pointer
+// description, the _P exports): p holds rows*cols pointers in the stored matrix's row-major order,
+// element (i, j) of object k is at p[i*cols + j] + roi + k*s0 bytes. Vectors alike with len
+// pointers.
+template <class T, bool Array>
+struct matrix_pointers_desc {
+    T** p;
+    int count, rows, cols, roi, s0;
+};
+template <class T, bool Array>
+struct vector_pointers_desc {
+    T** p;
+    int count, len, roi, s0;
 };
 // A matrix description read transposed.
 template <class D>
@@ -304,6 +341,10 @@ template <class T, bool L>
 struct is_desc<constants_desc<T, L>> : std::true_type {};
 template <class D>
 struct is_desc<transposed_desc<D>> : std::true_type {};
+template <class T, bool A>
+struct is_desc<matrix_pointers_desc<T, A>> : std::true_type {};
+template <class T, bool A>
+struct is_desc<vector_pointers_desc<T, A>> : std::true_type {};
 
 template <class X>
 inline constexpr bool always_false = false;
@@ -469,6 +510,35 @@ constexpr constants_desc<T, true> constant_table(T* const* table, int count, int
     return {const_cast<T**>(table), count, roi_shift};
 }
 
+// Objects given by one pointer per element (the pointer description, the _P exports): element
+// (i, j) at pointers[i*cols + j] + roi_shift bytes, the pointers in the stored matrix's row-major
+// order (a transposed(...) one is read as its transpose); vector element j at pointers[j] +
+// roi_shift. An array shares the one table of pointers: object k lies stride0 bytes after object
+// k - 1.
+template <class T>
+constexpr matrix_pointers_desc<T, false> pointer_matrix(T* const* pointers, int rows, int cols,
+                                                        int roi_shift = 0) noexcept {
+    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
+    return {const_cast<T**>(pointers), 1, rows, cols, roi_shift, 0};
+}
+template <class T>
+constexpr matrix_pointers_desc<T, true> pointer_matrices(T* const* pointers, int count, int rows, int cols, int stride0,
+                                                         int roi_shift = 0) noexcept {
+    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
+    return {const_cast<T**>(pointers), count, rows, cols, roi_shift, stride0};
+}
+template <class T>
+constexpr vector_pointers_desc<T, false> pointer_vector(T* const* pointers, int len, int roi_shift = 0) noexcept {
+    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
+    return {const_cast<T**>(pointers), 1, len, roi_shift, 0};
+}
+template <class T>
+constexpr vector_pointers_desc<T, true> pointer_vectors(T* const* pointers, int count, int len, int stride0,
+                                                        int roi_shift = 0) noexcept {
+    static_assert(detail::is_elem_v<T>, "omkm: elements are float or double");
+    return {const_cast<T**>(pointers), count, len, roi_shift, stride0};
+}
+
 namespace detail {
 // The member of the record each pointer of a container points to: the container's own array of
 // record pointers is the table, read by the library as element pointers (a record pointer and an
@@ -590,6 +660,24 @@ struct kind_of<vector_desc<T, A, L>> {
     static constexpr bool table = L;
     using elem = std::remove_const_t<T>;
 };
+template <class T, bool A>
+struct kind_of<matrix_pointers_desc<T, A>> {
+    static constexpr int value = k_m | (A ? k_arr : 0);
+    static constexpr bool table = false;
+    using elem = std::remove_const_t<T>;
+};
+template <class T, bool A>
+struct kind_of<transposed_desc<matrix_pointers_desc<T, A>>> {
+    static constexpr int value = k_t | (A ? k_arr : 0);
+    static constexpr bool table = false;
+    using elem = std::remove_const_t<T>;
+};
+template <class T, bool A>
+struct kind_of<vector_pointers_desc<T, A>> {
+    static constexpr int value = k_v | (A ? k_arr : 0);
+    static constexpr bool table = false;
+    using elem = std::remove_const_t<T>;
+};
 template <class T, bool L>
 struct kind_of<constants_desc<T, L>> {
     static constexpr int value = k_c | k_arr;
@@ -601,12 +689,14 @@ constexpr int key(int a, int b = 0) { return a * 16 + b; }
 
 enum class fam {
     add, sub, mul, scale, dot, cross, l2norm, frobnorm, det, invert,  // scale: Mul by a constant
-    lu, lusolve, chol, cholsolve, qr, qrsolve, eigsym, eigsymvec, eig, eigleft, eigright, eigboth, eigbuf, eigvecbuf
+    lu, lusolve, chol, cholsolve, qr, qrsolve, eigsym, eigsymvec, eig, eigleft, eigright, eigboth, eigbuf, eigvecbuf,
+    copy, extract, identity, transpose, saxpy, lcomb, gaxpy, trace
 };
 
-// route<F, K, L>: the export of family F for operand kinds K, in the layout description (_L) when
-// L; absent combinations have exists = false.
-template <fam F, int K, bool L = false>
+// route<F, K, L>: the export of family F for operand kinds K, in the standard description (L = 0),
+// the layout description (_L, L = 1) or the pointer description (_P, L = 2); absent combinations
+// have exists = false. Copy's L names both descriptions, 3 * source's + destination's.
+template <fam F, int K, int L = 0>
 struct route {
     static constexpr bool exists = false;
     // Never reached: every use of an absent route stops at a static_assert; this only keeps the
@@ -768,7 +858,6 @@ OMKM_HPP_ROUTE(eigvecbuf, key(k_none), EigenValuesVectorsGetBufSize)
 
 #undef OMKM_HPP_ROUTE
 #undef OMKM_HPP_ROUTES
-#undef OMKM_HPP_ROUTE_AS
 
 // ---- pieces of the argument lists
 
@@ -788,10 +877,62 @@ constexpr bool tables_agree() {
     constexpr bool any = layout_call<D...>();
     return ((!is_array_v<D> || is_table_v<D> == any) && ...);
 }
+// Whether an operand is given by element pointers (the pointer description, the _P exports).
+template <class D>
+struct pointers_of : std::false_type {};
+template <class T, bool A>
+struct pointers_of<matrix_pointers_desc<T, A>> : std::true_type {};
+template <class T, bool A>
+struct pointers_of<vector_pointers_desc<T, A>> : std::true_type {};
+template <class D>
+struct pointers_of<transposed_desc<D>> : pointers_of<D> {};
+template <class... D>
+constexpr bool pointer_call() {
+    return (pointers_of<D>::value || ...);
+}
+// A _P export takes every matrix and vector operand by element pointers, an array of constants
+// strided and never by a table.
+template <class... D>
+constexpr bool pointers_agree() {
+    if constexpr (!pointer_call<D...>())
+        return true;
+    else
+        return ((pointers_of<D>::value || (kind_of<D>::value & 7) == k_c || kind_of<D>::value < 0) && ...) &&
+               !(kind_of<D>::table || ...);
+}
+// The description of the call: 2 for _P, 1 for _L, 0 for the standard one.
+template <class... D>
+constexpr int description() {
+    return pointer_call<D...>() ? 2 : layout_call<D...>() ? 1 : 0;
+}
+// The description of one operand, as Copy's names give it: 0 standard, 1 table, 2 element pointers.
+template <class D>
+constexpr int description_of() {
+    return pointers_of<D>::value ? 2 : kind_of<D>::table ? 1 : 0;
+}
+
+// Operations without _P members reject element pointers by name.
+#define OMKM_HPP_NO_POINTERS(...)                                                                                  \
+    static_assert(!pointer_call<__VA_ARGS__>(),                                                                    \
+                  "omkm: this operation takes no operand by element pointers (no _P export)")
 #define OMKM_HPP_TABLES_AGREE(...)                                                                                 \
+    OMKM_HPP_NO_POINTERS(__VA_ARGS__);                                                                             \
     static_assert(tables_agree<__VA_ARGS__>(),                                                                     \
                   "omkm: the layout (_L) exports take every array operand by a pointer table; give all arrays of " \
                   "the call as tables, or none")
+// The rule of the operations that have _P members: as above for tables, and all matrix and vector
+// operands by element pointers or none.
+#define OMKM_HPP_POINTERS_AGREE(...)                                                                               \
+    static_assert(pointers_agree<__VA_ARGS__>(),                                                                   \
+                  "omkm: the pointer (_P) exports take every matrix and vector operand, single or array, by "      \
+                  "element pointers; give all of them so (pointer_matrix, pointer_vectors, ...), or none; an "     \
+                  "array of constants stays strided")
+#define OMKM_HPP_DESCRIPTIONS_AGREE(...)                                                                           \
+    OMKM_HPP_POINTERS_AGREE(__VA_ARGS__);                                                                          \
+    static_assert(pointer_call<__VA_ARGS__>() || tables_agree<__VA_ARGS__>(),                                      \
+                  "omkm: the layout (_L) exports take every array operand by a pointer table; give all arrays of " \
+                  "the call as tables, or none")
+
 
 // Source pointers as the C API takes them: const elements, and a table of plain element pointers
 // as `const T**` (the library reads the table and never writes through it).
@@ -863,9 +1004,69 @@ constexpr bool same_elem() {
 
 template <class D>
 constexpr void require_writable() {
-    using P = decltype(stored(std::declval<const D&>()).p);
-    static_assert(!std::is_const_v<std::remove_pointer_t<P>>, "omkm: the destination is read-only");
+    using P = decltype(stored(std::declval<const D&>()).p);  // T*, or T** for a table of pointers
+    static_assert(!std::is_const_v<std::remove_pointer_t<std::remove_pointer_t<P>>>, "omkm: the destination is read-only");
     static_assert(!is_t_v<D>, "omkm: a destination is written as stored; no export writes a transposed destination");
+}
+
+// The arguments one operand gives the C call, in its order: a matrix (as stored under a
+// transposition) p, [s0,] s1, s2; a vector p, [s0,] s2; an array of constants p, s0 (a table and
+// its ROI shift take those places, as do a table's rows and elements strides); element pointers
+// p, roi[, s0]; a value, converted to the element type. Sources as const, destinations as they are.
+template <class E, bool Source, class D>
+constexpr auto block(const D& d) {
+    if constexpr (std::is_arithmetic_v<D>) {
+        return std::make_tuple(static_cast<E>(d));
+    } else {
+        const auto& s = stored(d);
+        using S = std::decay_t<decltype(s)>;
+        const auto p = [&] {
+            if constexpr (Source)
+                return src(s.p);
+            else
+                return s.p;
+        }();
+        constexpr bool array = (kind_of<S>::value & k_arr) != 0;
+        if constexpr (pointers_of<S>::value) {
+            if constexpr (array)
+                return std::make_tuple(p, s.roi, s.s0);
+            else
+                return std::make_tuple(p, s.roi);
+        } else if constexpr ((kind_of<S>::value & 7) == k_c) {
+            return std::make_tuple(p, s.s0);
+        } else if constexpr ((kind_of<S>::value & 7) == k_v) {
+            if constexpr (array)
+                return std::make_tuple(p, s.s0, s.s2);
+            else
+                return std::make_tuple(p, s.s2);
+        } else {
+            if constexpr (array)
+                return std::make_tuple(p, s.s0, s.s1, s.s2);
+            else
+                return std::make_tuple(p, s.s1, s.s2);
+        }
+    }
+}
+template <class E, class D>
+constexpr auto args_in(const D& d) {
+    return block<E, true>(d);
+}
+template <class E, class D>
+constexpr auto args_out(const D& d) {
+    return block<E, false>(d);
+}
+// Sizes, and the count when the call has an array operand.
+template <bool Array, class... S>
+constexpr auto counted(int count, S... s) {
+    if constexpr (Array)
+        return std::make_tuple(s..., count);
+    else
+        return std::make_tuple(s...);
+}
+// The C call of route R with the parts' arguments one after another.
+template <class R, class E, class... Parts>
+OMKM_HPP_INLINE status call_with(const Parts&... parts) {
+    return std::apply([](auto... a) { return status(R::template call<E>(a...)); }, std::tuple_cat(parts...));
 }
 
 }  // namespace detail
@@ -907,8 +1108,9 @@ OMKM_HPP_INLINE status add_sub(A&& a, B&& b, Dst&& dst) {
     static_assert(same_elem<E, DA, DB, DD>(),
                   "omkm::add/sub: the operands must share one element type (float or double)");
     require_writable<DD>();
-    OMKM_HPP_TABLES_AGREE(DA, DB, DD);
-    using R = route<F, key(ka, kb), layout_call<DA, DB, DD>()>;
+    OMKM_HPP_DESCRIPTIONS_AGREE(DA, DB, DD);
+    using R = route<F, key(ka, kb), description<DA, DB, DD>()>;
+    constexpr bool by_pointers = pointer_call<DA, DB, DD>();
     if constexpr (F == fam::add) {
         static_assert(R::exists || key(ka, kb) != key(m, t),
                       "omkm::add: no Add export for a matrix plus a transposed matrix; "
@@ -949,7 +1151,9 @@ OMKM_HPP_INLINE status add_sub(A&& a, B&& b, Dst&& dst) {
         const E val = static_cast<E>(db);
         const int w = dd.cols, h = dd.rows;
         if (used_rows(da) != h || used_cols(da) != w) return status::size_mismatch;
-        if constexpr (!any_array)
+        if constexpr (by_pointers)
+            return call_with<R, E>(args_in<E>(da), args_in<E>(db), args_out<E>(dd), counted<any_array>(n, w, h));
+        else if constexpr (!any_array)
             return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, val, dd.p, dd.s1, dd.s2, w, h));
         else
             return status(R::template call<E>(src(sa.p), sa.s0, sa.s1, sa.s2, val, dd.p, dd.s0, dd.s1, dd.s2, w, h, n));
@@ -960,7 +1164,9 @@ OMKM_HPP_INLINE status add_sub(A&& a, B&& b, Dst&& dst) {
         const int w = dd.cols, h = dd.rows;
         if (used_rows(da) != h || used_cols(da) != w || used_rows(db) != h || used_cols(db) != w)
             return status::size_mismatch;
-        if constexpr (!any_array)
+        if constexpr (by_pointers)
+            return call_with<R, E>(args_in<E>(da), args_in<E>(db), args_out<E>(dd), counted<any_array>(n, w, h));
+        else if constexpr (!any_array)
             return status(
                 R::template call<E>(src(sa.p), sa.s1, sa.s2, src(sb.p), sb.s1, sb.s2, dd.p, dd.s1, dd.s2, w, h));
         else if constexpr (is_array_v<DA> && !is_array_v<DB>)
@@ -976,7 +1182,9 @@ OMKM_HPP_INLINE status add_sub(A&& a, B&& b, Dst&& dst) {
         static_assert((kd & 7) == k_v, "omkm::add/sub: a sum or difference of vectors goes to a vector");
         const int len = dd.len;
         if (da.len != len || db.len != len) return status::size_mismatch;
-        if constexpr (!any_array)
+        if constexpr (by_pointers)
+            return call_with<R, E>(args_in<E>(da), args_in<E>(db), args_out<E>(dd), counted<any_array>(n, len));
+        else if constexpr (!any_array)
             return status(R::template call<E>(src(da.p), da.s2, src(db.p), db.s2, dd.p, dd.s2, len));
         else if constexpr (is_array_v<DA> && !is_array_v<DB>)
             return status(R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s2, dd.p, dd.s0, dd.s2, len, n));
@@ -1007,7 +1215,9 @@ OMKM_HPP_INLINE status add_sub(A&& a, B&& b, Dst&& dst) {
         using DC = std::decay_t<decltype(cc)>;
         const int len = dd.len;
         if (vv.len != len) return status::size_mismatch;
-        if constexpr (!is_array_v<DC>) {
+        if constexpr (by_pointers) {
+            return call_with<R, E>(args_in<E>(vv), args_in<E>(cc), args_out<E>(dd), counted<any_array>(n, len));
+        } else if constexpr (!is_array_v<DC>) {
             const E val = static_cast<E>(cc);
             if constexpr (!is_array_v<DV>)
                 return status(R::template call<E>(src(vv.p), vv.s2, val, dd.p, dd.s2, len));
@@ -1080,7 +1290,9 @@ private:
 
 template <class R, class E, class DA>
 OMKM_HPP_INLINE status det_call(const DA& da, E* b, E* out) {
-    if constexpr (!is_array_v<DA>)
+    if constexpr (pointer_call<DA>())
+        return call_with<R, E>(args_in<E>(da), std::make_tuple(da.rows, b, out), counted<is_array_v<DA>>(da.count));
+    else if constexpr (!is_array_v<DA>)
         return status(R::template call<E>(src(da.p), da.s1, da.s2, da.rows, b, out));
     else
         return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, da.rows, b, out, da.count));
@@ -1093,6 +1305,7 @@ OMKM_HPP_INLINE status scalar_of_object(A&& a, Out& out, Buf buffer) {
     constexpr int ka = kind_of<DA>::value;
     using E = typename kind_of<DA>::elem;
     static_assert(!std::is_void_v<E>, "omkm: the operand is a matrix or a vector");
+    constexpr bool by_pointers = pointer_call<DA>();
     const auto o = scalars<E>(out);
     if constexpr (is_array_v<DA>) {
         if (o.room >= 0 && o.room < count_of(da)) return status::size_mismatch;
@@ -1101,8 +1314,10 @@ OMKM_HPP_INLINE status scalar_of_object(A&& a, Out& out, Buf buffer) {
     }
     if constexpr (F == fam::l2norm || F == fam::frobnorm) {
         if constexpr ((ka & 7) == k_v) {
-            using R = route<fam::l2norm, key(ka), is_table_v<DA>>;
-            if constexpr (!is_array_v<DA>)
+            using R = route<fam::l2norm, key(ka), description<DA>()>;
+            if constexpr (by_pointers)
+                return call_with<R, E>(args_in<E>(da), std::make_tuple(o.p), counted<is_array_v<DA>>(da.count, da.len));
+            else if constexpr (!is_array_v<DA>)
                 return status(R::template call<E>(src(da.p), da.s2, o.p, da.len));
             else
                 return status(R::template call<E>(src(da.p), da.s0, da.s2, o.p, da.len, da.count));
@@ -1110,8 +1325,11 @@ OMKM_HPP_INLINE status scalar_of_object(A&& a, Out& out, Buf buffer) {
             static_assert((ka & 7) == k_m,
                           "omkm::norm: no FrobNorm export reads a transposed matrix; the norm of the "
                           "stored matrix is the same value (the rounding order follows the stored rows)");
-            using R = route<fam::frobnorm, key(ka), is_table_v<DA>>;
-            if constexpr (!is_array_v<DA>)
+            using R = route<fam::frobnorm, key(ka), description<DA>()>;
+            if constexpr (by_pointers)
+                return call_with<R, E>(args_in<E>(da), std::make_tuple(da.cols, da.rows, o.p),
+                                       counted<is_array_v<DA>>(da.count));
+            else if constexpr (!is_array_v<DA>)
                 return status(R::template call<E>(src(da.p), da.s1, da.s2, da.cols, da.rows, o.p));
             else
                 return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, da.cols, da.rows, o.p, da.count));
@@ -1123,7 +1341,7 @@ OMKM_HPP_INLINE status scalar_of_object(A&& a, Out& out, Buf buffer) {
                       "the same value)");
         return status::ok;  // not compiled: the assertion above stops the build
     } else {
-        using R = route<fam::det, key(ka), is_table_v<DA>>;
+        using R = route<fam::det, key(ka), description<DA>()>;
         if (da.rows != da.cols) return status::size_mismatch;
         if constexpr (std::is_null_pointer_v<Buf>) {
             scratch<E> s(da.rows);
@@ -1166,8 +1384,9 @@ template <class A, class B, class Dst>
         constexpr bool any_array = is_array_v<DA> || is_array_v<DB>;
         static_assert(is_array_v<DD> == any_array,
                       "omkm::mul: the destination is an array exactly when a source is an array");
-        OMKM_HPP_TABLES_AGREE(DA, DB, DD);
-        using R = route<fam::mul, key(ka, kb), layout_call<DA, DB, DD>()>;
+        OMKM_HPP_DESCRIPTIONS_AGREE(DA, DB, DD);
+        using R = route<fam::mul, key(ka, kb), description<DA, DB, DD>()>;
+        constexpr bool by_pointers = pointer_call<DA, DB, DD>();
         static_assert(R::exists, "omkm::mul: no Mul export for these operand kinds");
         const int n = common_count(da, db, dd);
         if (n == -2) return status::size_mismatch;
@@ -1176,7 +1395,10 @@ template <class A, class B, class Dst>
         if constexpr ((kb & 7) == k_v) {
             static_assert((kd & 7) == k_v, "omkm::mul: a matrix times a vector gives a vector");
             if (sd.len != used_rows(da)) return status::size_mismatch;
-            if constexpr (!is_array_v<DA> && !is_array_v<DB>)
+            if constexpr (by_pointers)
+                return call_with<R, E>(args_in<E>(da), std::make_tuple(sa.cols, sa.rows), args_in<E>(db),
+                                       std::make_tuple(db.len), args_out<E>(dd), counted<any_array>(n));
+            else if constexpr (!is_array_v<DA> && !is_array_v<DB>)
                 return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(db.p), db.s2, db.len,
                                                   sd.p, sd.s2));
             else if constexpr (is_array_v<DA> && !is_array_v<DB>)
@@ -1192,7 +1414,10 @@ template <class A, class B, class Dst>
             static_assert((kd & 7) == k_m, "omkm::mul: a matrix times a matrix gives a matrix");
             const auto& sb = stored(db);
             if (sd.rows != used_rows(da) || sd.cols != used_cols(db)) return status::size_mismatch;
-            if constexpr (!is_array_v<DA> && !is_array_v<DB>)
+            if constexpr (by_pointers)
+                return call_with<R, E>(args_in<E>(da), std::make_tuple(sa.cols, sa.rows), args_in<E>(db),
+                                       std::make_tuple(sb.cols, sb.rows), args_out<E>(dd), counted<any_array>(n));
+            else if constexpr (!is_array_v<DA> && !is_array_v<DB>)
                 return status(R::template call<E>(src(sa.p), sa.s1, sa.s2, sa.cols, sa.rows, src(sb.p), sb.s1, sb.s2,
                                                   sb.cols, sb.rows, sd.p, sd.s1, sd.s2));
             else if constexpr (is_array_v<DA> && !is_array_v<DB>)
@@ -1246,7 +1471,9 @@ template <class A, class Out>
 namespace detail {
 template <class R, class E, class DA, class DD>
 OMKM_HPP_INLINE status invert_call(const DA& da, const DD& dd, E* b, int n) {
-    if constexpr (!is_array_v<DA>)
+    if constexpr (pointer_call<DA, DD>())
+        return call_with<R, E>(args_in<E>(da), std::make_tuple(b), args_out<E>(dd), counted<is_array_v<DA>>(n, da.rows));
+    else if constexpr (!is_array_v<DA>)
         return status(R::template call<E>(src(da.p), da.s1, da.s2, b, dd.p, dd.s1, dd.s2, da.rows));
     else
         return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, b, dd.p, dd.s0, dd.s1, dd.s2, da.rows, n));
@@ -1267,8 +1494,8 @@ OMKM_HPP_INLINE status invert_impl(A&& a, Dst&& dst, Buf buffer) {
     require_writable<DD>();
     static_assert(is_array_v<DD> == is_array_v<DA>,
                   "omkm::invert: the destination is an array exactly when the source is");
-    OMKM_HPP_TABLES_AGREE(DA, DD);
-    using R = route<fam::invert, key(ka), layout_call<DA, DD>()>;
+    OMKM_HPP_DESCRIPTIONS_AGREE(DA, DD);
+    using R = route<fam::invert, key(ka), description<DA, DD>()>;
     const int n = common_count(da, dd);
     if (n == -2) return status::size_mismatch;
     if (da.rows != da.cols || dd.rows != da.rows || dd.cols != da.cols) return status::size_mismatch;
@@ -1303,8 +1530,8 @@ template <class A, class B, class Out>
     using E = typename kind_of<DA>::elem;
     static_assert((ka & 7) == k_v && (kb & 7) == k_v, "omkm::dot: both operands are vectors, single or arrays");
     static_assert(same_elem<E, DB>(), "omkm::dot: the operands must share one element type (float or double)");
-    OMKM_HPP_TABLES_AGREE(DA, DB);
-    using R = route<fam::dot, key(ka, kb), layout_call<DA, DB>()>;
+    OMKM_HPP_DESCRIPTIONS_AGREE(DA, DB);
+    using R = route<fam::dot, key(ka, kb), description<DA, DB>()>;
     static_assert(R::exists || key(ka, kb) != key(v, va),
                   "omkm::dot: no DotProduct export takes one vector and an array (vva); pass the array first (vav); "
                   "the last bit may differ, since the summation follows the second operand's alignment");
@@ -1318,7 +1545,10 @@ template <class A, class B, class Out>
         static_assert(std::is_same_v<std::remove_reference_t<Out>, E>, "omkm::dot: one dot product goes to a T&");
     }
     if (da.len != db.len) return status::size_mismatch;
-    if constexpr (!is_array_v<DA>)
+    if constexpr (pointer_call<DA, DB>())
+        return call_with<R, E>(args_in<E>(da), args_in<E>(db), std::make_tuple(o.p),
+                               counted<is_array_v<DA> || is_array_v<DB>>(n, da.len));
+    else if constexpr (!is_array_v<DA>)
         return status(R::template call<E>(src(da.p), da.s2, src(db.p), db.s2, o.p, da.len));
     else if constexpr (!is_array_v<DB>)
         return status(R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s2, o.p, da.len, n));
@@ -1344,12 +1574,15 @@ template <class A, class B, class Dst>
     require_writable<DD>();
     static_assert(is_array_v<DD> == (is_array_v<DA> || is_array_v<DB>),
                   "omkm::cross: the destination is an array exactly when a source is an array");
-    OMKM_HPP_TABLES_AGREE(DA, DB, DD);
-    using R = route<fam::cross, key(ka, kb), layout_call<DA, DB, DD>()>;
+    OMKM_HPP_DESCRIPTIONS_AGREE(DA, DB, DD);
+    using R = route<fam::cross, key(ka, kb), description<DA, DB, DD>()>;
     const int n = common_count(da, db, dd);
     if (n == -2) return status::size_mismatch;
     if (da.len != 3 || db.len != 3 || dd.len != 3) return status::size_mismatch;
-    if constexpr (!is_array_v<DA> && !is_array_v<DB>)
+    if constexpr (pointer_call<DA, DB, DD>())
+        return call_with<R, E>(args_in<E>(da), args_in<E>(db), args_out<E>(dd),
+                               counted<is_array_v<DA> || is_array_v<DB>>(n));
+    else if constexpr (!is_array_v<DA> && !is_array_v<DB>)
         return status(R::template call<E>(src(da.p), da.s2, src(db.p), db.s2, dd.p, dd.s2));
     else if constexpr (is_array_v<DA> && !is_array_v<DB>)
         return status(R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s2, dd.p, dd.s0, dd.s2, n));
@@ -1357,6 +1590,460 @@ template <class A, class B, class Dst>
         return status(R::template call<E>(src(da.p), da.s2, src(db.p), db.s0, db.s2, dd.p, dd.s0, dd.s2, n));
     else
         return status(R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s0, db.s2, dd.p, dd.s0, dd.s2, n));
+}
+
+// ---------------------------------------------------------------- the pointer description's routes
+
+namespace detail {
+
+// The _P members of the families of the export table above: every member has one but the scratch
+// size queries (whose arguments describe no operand).
+#define OMKM_HPP_ROUTE_P(F, K, CNAME) OMKM_HPP_ROUTE_AS(F, K, 2, CNAME, _32f_P, _64f_P)
+OMKM_HPP_ROUTE_P(add, key(m, m), Add_mm)
+OMKM_HPP_ROUTE_P(add, key(t, m), Add_tm)
+OMKM_HPP_ROUTE_P(add, key(t, t), Add_tt)
+OMKM_HPP_ROUTE_P(add, key(ma, m), Add_mam)
+OMKM_HPP_ROUTE_P(add, key(ta, m), Add_tam)
+OMKM_HPP_ROUTE_P(add, key(ma, t), Add_mat)
+OMKM_HPP_ROUTE_P(add, key(ta, t), Add_tat)
+OMKM_HPP_ROUTE_P(add, key(ma, ma), Add_mama)
+OMKM_HPP_ROUTE_P(add, key(ta, ma), Add_tama)
+OMKM_HPP_ROUTE_P(add, key(ta, ta), Add_tata)
+OMKM_HPP_ROUTE_P(add, key(v, v), Add_vv)
+OMKM_HPP_ROUTE_P(add, key(v, c), Add_vc)
+OMKM_HPP_ROUTE_P(add, key(va, v), Add_vav)
+OMKM_HPP_ROUTE_P(add, key(va, va), Add_vava)
+OMKM_HPP_ROUTE_P(add, key(va, c), Add_vac)
+OMKM_HPP_ROUTE_P(add, key(v, ca), Add_vca)
+OMKM_HPP_ROUTE_P(add, key(va, ca), Add_vaca)
+OMKM_HPP_ROUTE_P(sub, key(m, m), Sub_mm)
+OMKM_HPP_ROUTE_P(sub, key(t, m), Sub_tm)
+OMKM_HPP_ROUTE_P(sub, key(m, t), Sub_mt)
+OMKM_HPP_ROUTE_P(sub, key(t, t), Sub_tt)
+OMKM_HPP_ROUTE_P(sub, key(ma, m), Sub_mam)
+OMKM_HPP_ROUTE_P(sub, key(ta, m), Sub_tam)
+OMKM_HPP_ROUTE_P(sub, key(ma, t), Sub_mat)
+OMKM_HPP_ROUTE_P(sub, key(ta, t), Sub_tat)
+OMKM_HPP_ROUTE_P(sub, key(m, ma), Sub_mma)
+OMKM_HPP_ROUTE_P(sub, key(t, ma), Sub_tma)
+OMKM_HPP_ROUTE_P(sub, key(m, ta), Sub_mta)
+OMKM_HPP_ROUTE_P(sub, key(t, ta), Sub_tta)
+OMKM_HPP_ROUTE_P(sub, key(ma, ma), Sub_mama)
+OMKM_HPP_ROUTE_P(sub, key(ta, ma), Sub_tama)
+OMKM_HPP_ROUTE_P(sub, key(ta, ta), Sub_tata)
+OMKM_HPP_ROUTE_P(sub, key(ma, ta), Sub_mata)
+OMKM_HPP_ROUTE_P(sub, key(v, v), Sub_vv)
+OMKM_HPP_ROUTE_P(sub, key(v, c), Sub_vc)
+OMKM_HPP_ROUTE_P(sub, key(c, v), Sub_cv)
+OMKM_HPP_ROUTE_P(sub, key(va, v), Sub_vav)
+OMKM_HPP_ROUTE_P(sub, key(v, va), Sub_vva)
+OMKM_HPP_ROUTE_P(sub, key(va, va), Sub_vava)
+OMKM_HPP_ROUTE_P(sub, key(va, c), Sub_vac)
+OMKM_HPP_ROUTE_P(sub, key(c, va), Sub_cva)
+OMKM_HPP_ROUTE_P(sub, key(v, ca), Sub_vca)
+OMKM_HPP_ROUTE_P(sub, key(ca, v), Sub_cav)
+OMKM_HPP_ROUTE_P(sub, key(va, ca), Sub_vaca)
+OMKM_HPP_ROUTE_P(sub, key(ca, va), Sub_cava)
+OMKM_HPP_ROUTE_P(mul, key(m, m), Mul_mm)
+OMKM_HPP_ROUTE_P(mul, key(m, t), Mul_mt)
+OMKM_HPP_ROUTE_P(mul, key(t, m), Mul_tm)
+OMKM_HPP_ROUTE_P(mul, key(t, t), Mul_tt)
+OMKM_HPP_ROUTE_P(mul, key(m, ma), Mul_mma)
+OMKM_HPP_ROUTE_P(mul, key(m, ta), Mul_mta)
+OMKM_HPP_ROUTE_P(mul, key(t, ma), Mul_tma)
+OMKM_HPP_ROUTE_P(mul, key(t, ta), Mul_tta)
+OMKM_HPP_ROUTE_P(mul, key(ma, m), Mul_mam)
+OMKM_HPP_ROUTE_P(mul, key(ma, t), Mul_mat)
+OMKM_HPP_ROUTE_P(mul, key(ta, m), Mul_tam)
+OMKM_HPP_ROUTE_P(mul, key(ta, t), Mul_tat)
+OMKM_HPP_ROUTE_P(mul, key(ma, ma), Mul_mama)
+OMKM_HPP_ROUTE_P(mul, key(ma, ta), Mul_mata)
+OMKM_HPP_ROUTE_P(mul, key(ta, ma), Mul_tama)
+OMKM_HPP_ROUTE_P(mul, key(ta, ta), Mul_tata)
+OMKM_HPP_ROUTE_P(mul, key(m, v), Mul_mv)
+OMKM_HPP_ROUTE_P(mul, key(t, v), Mul_tv)
+OMKM_HPP_ROUTE_P(mul, key(m, va), Mul_mva)
+OMKM_HPP_ROUTE_P(mul, key(t, va), Mul_tva)
+OMKM_HPP_ROUTE_P(mul, key(ma, v), Mul_mav)
+OMKM_HPP_ROUTE_P(mul, key(ta, v), Mul_tav)
+OMKM_HPP_ROUTE_P(mul, key(ma, va), Mul_mava)
+OMKM_HPP_ROUTE_P(mul, key(ta, va), Mul_tava)
+OMKM_HPP_ROUTE_P(scale, key(m, c), Mul_mc)
+OMKM_HPP_ROUTE_P(scale, key(t, c), Mul_tc)
+OMKM_HPP_ROUTE_P(scale, key(v, c), Mul_vc)
+OMKM_HPP_ROUTE_P(scale, key(ma, c), Mul_mac)
+OMKM_HPP_ROUTE_P(scale, key(ta, c), Mul_tac)
+OMKM_HPP_ROUTE_P(scale, key(va, c), Mul_vac)
+OMKM_HPP_ROUTE_P(scale, key(va, ca), Mul_vaca)
+OMKM_HPP_ROUTE_P(scale, key(v, ca), Mul_vca)
+// and of the dot and cross products, the norms, Det and Invert
+OMKM_HPP_ROUTE_P(dot, key(v, v), DotProduct_vv)
+OMKM_HPP_ROUTE_P(dot, key(va, v), DotProduct_vav)
+OMKM_HPP_ROUTE_P(dot, key(va, va), DotProduct_vava)
+OMKM_HPP_ROUTE_P(cross, key(v, v), CrossProduct_vv)
+OMKM_HPP_ROUTE_P(cross, key(va, v), CrossProduct_vav)
+OMKM_HPP_ROUTE_P(cross, key(v, va), CrossProduct_vva)
+OMKM_HPP_ROUTE_P(cross, key(va, va), CrossProduct_vava)
+OMKM_HPP_ROUTE_P(l2norm, key(v), L2Norm_v)
+OMKM_HPP_ROUTE_P(l2norm, key(va), L2Norm_va)
+OMKM_HPP_ROUTE_P(frobnorm, key(m), FrobNorm_m)
+OMKM_HPP_ROUTE_P(frobnorm, key(ma), FrobNorm_ma)
+OMKM_HPP_ROUTE_P(det, key(m), Det_m)
+OMKM_HPP_ROUTE_P(det, key(ma), Det_ma)
+OMKM_HPP_ROUTE_P(invert, key(m), Invert_m)
+OMKM_HPP_ROUTE_P(invert, key(ma), Invert_ma)
+// and of the factorizations, their solvers and the eigenproblems (not the scratch size queries)
+OMKM_HPP_ROUTE_P(lu, key(m), LUDecomp_m)
+OMKM_HPP_ROUTE_P(lu, key(ma), LUDecomp_ma)
+OMKM_HPP_ROUTE_P(lusolve, key(m, v), LUBackSubst_mv)
+OMKM_HPP_ROUTE_P(lusolve, key(m, va), LUBackSubst_mva)
+OMKM_HPP_ROUTE_P(lusolve, key(ma, va), LUBackSubst_mava)
+OMKM_HPP_ROUTE_P(chol, key(m), CholeskyDecomp_m)
+OMKM_HPP_ROUTE_P(chol, key(ma), CholeskyDecomp_ma)
+OMKM_HPP_ROUTE_P(cholsolve, key(m, v), CholeskyBackSubst_mv)
+OMKM_HPP_ROUTE_P(cholsolve, key(m, va), CholeskyBackSubst_mva)
+OMKM_HPP_ROUTE_P(cholsolve, key(ma, va), CholeskyBackSubst_mava)
+OMKM_HPP_ROUTE_P(qr, key(m), QRDecomp_m)
+OMKM_HPP_ROUTE_P(qr, key(ma), QRDecomp_ma)
+OMKM_HPP_ROUTE_P(qrsolve, key(m, v), QRBackSubst_mv)
+OMKM_HPP_ROUTE_P(qrsolve, key(m, va), QRBackSubst_mva)
+OMKM_HPP_ROUTE_P(qrsolve, key(ma, va), QRBackSubst_mava)
+OMKM_HPP_ROUTE_P(eigsym, key(m), EigenValuesSym_m)
+OMKM_HPP_ROUTE_P(eigsym, key(ma), EigenValuesSym_ma)
+OMKM_HPP_ROUTE_P(eigsymvec, key(m, m), EigenValuesVectorsSym_m)
+OMKM_HPP_ROUTE_P(eigsymvec, key(ma, ma), EigenValuesVectorsSym_ma)
+OMKM_HPP_ROUTE_P(eig, key(m), EigenValues_m)
+OMKM_HPP_ROUTE_P(eig, key(ma), EigenValues_ma)
+OMKM_HPP_ROUTE_P(eigleft, key(m, m), EigenValuesVectorsLeft_m)
+OMKM_HPP_ROUTE_P(eigleft, key(ma, ma), EigenValuesVectorsLeft_ma)
+OMKM_HPP_ROUTE_P(eigright, key(m, m), EigenValuesVectorsRight_m)
+OMKM_HPP_ROUTE_P(eigright, key(ma, ma), EigenValuesVectorsRight_ma)
+OMKM_HPP_ROUTE_P(eigboth, key(m, m), EigenValuesVectors_m)
+OMKM_HPP_ROUTE_P(eigboth, key(ma, ma), EigenValuesVectors_ma)
+// Families with a standard and a _P member (single objects), or all three descriptions (arrays).
+#define OMKM_HPP_ROUTE_SP(F, K, CNAME)                 \
+    OMKM_HPP_ROUTE_AS(F, K, 0, CNAME, _32f, _64f)      \
+    OMKM_HPP_ROUTE_AS(F, K, 2, CNAME, _32f_P, _64f_P)
+#define OMKM_HPP_ROUTE_SLP(F, K, CNAME)                \
+    OMKM_HPP_ROUTE_AS(F, K, 0, CNAME, _32f, _64f)      \
+    OMKM_HPP_ROUTE_AS(F, K, 1, CNAME, _32f_L, _64f_L)  \
+    OMKM_HPP_ROUTE_AS(F, K, 2, CNAME, _32f_P, _64f_P)
+// Copy: the source's description letter, then the destination's (S 0, L 1, P 2).
+#define OMKM_HPP_ROUTE_COPY(K, CNAME, S, D, XY) OMKM_HPP_ROUTE_AS(copy, key(K), 3 * S + D, CNAME, _32f_##XY, _64f_##XY)
+#define OMKM_HPP_ROUTES_COPY(K, CNAME)         \
+    OMKM_HPP_ROUTE_COPY(K, CNAME, 0, 0, SS)    \
+    OMKM_HPP_ROUTE_COPY(K, CNAME, 0, 1, SL)    \
+    OMKM_HPP_ROUTE_COPY(K, CNAME, 0, 2, SP)    \
+    OMKM_HPP_ROUTE_COPY(K, CNAME, 1, 0, LS)    \
+    OMKM_HPP_ROUTE_COPY(K, CNAME, 1, 1, LL)    \
+    OMKM_HPP_ROUTE_COPY(K, CNAME, 1, 2, LP)    \
+    OMKM_HPP_ROUTE_COPY(K, CNAME, 2, 0, PS)    \
+    OMKM_HPP_ROUTE_COPY(K, CNAME, 2, 1, PL)    \
+    OMKM_HPP_ROUTE_COPY(K, CNAME, 2, 2, PP)
+
+OMKM_HPP_ROUTES_COPY(ma, Copy_ma)
+OMKM_HPP_ROUTES_COPY(va, Copy_va)
+OMKM_HPP_ROUTE_SP(extract, key(m), Extract_m)
+OMKM_HPP_ROUTE_SP(extract, key(t), Extract_t)
+OMKM_HPP_ROUTE_SP(extract, key(v), Extract_v)
+OMKM_HPP_ROUTE_SLP(extract, key(ma), Extract_ma)
+OMKM_HPP_ROUTE_SLP(extract, key(ta), Extract_ta)
+OMKM_HPP_ROUTE_SLP(extract, key(va), Extract_va)
+OMKM_HPP_ROUTE_SLP(identity, key(ma), LoadIdentity_ma)
+OMKM_HPP_ROUTE_SP(transpose, key(m), Transpose_m)
+OMKM_HPP_ROUTE_SLP(transpose, key(ma), Transpose_ma)
+OMKM_HPP_ROUTE_SP(saxpy, key(v, v), Saxpy_vv)
+OMKM_HPP_ROUTE_SLP(saxpy, key(va, v), Saxpy_vav)
+OMKM_HPP_ROUTE_SLP(saxpy, key(v, va), Saxpy_vva)
+OMKM_HPP_ROUTE_SLP(saxpy, key(va, va), Saxpy_vava)
+OMKM_HPP_ROUTE_SP(lcomb, key(v, v), LComb_vv)
+OMKM_HPP_ROUTE_SLP(lcomb, key(va, v), LComb_vav)
+OMKM_HPP_ROUTE_SLP(lcomb, key(va, va), LComb_vava)
+// Gaxpy, keyed by x and b (the matrix is always one matrix): mv, mva (b an array), mvav (one b)
+OMKM_HPP_ROUTE_SP(gaxpy, key(v, v), Gaxpy_mv)
+OMKM_HPP_ROUTE_SLP(gaxpy, key(va, va), Gaxpy_mva)
+OMKM_HPP_ROUTE_SLP(gaxpy, key(va, v), Gaxpy_mvav)
+OMKM_HPP_ROUTE_SP(trace, key(m), Trace_m)
+OMKM_HPP_ROUTE_SLP(trace, key(ma), Trace_ma)
+
+#undef OMKM_HPP_ROUTE_P
+#undef OMKM_HPP_ROUTE_SP
+#undef OMKM_HPP_ROUTE_SLP
+#undef OMKM_HPP_ROUTE_COPY
+#undef OMKM_HPP_ROUTES_COPY
+#undef OMKM_HPP_ROUTE_AS
+
+// A contiguous run of values, as the factorizations take pivots and eigenvalues (defined with them
+// below): extract's dense destination.
+template <class V>
+struct flat_values;
+template <class V, class X>
+constexpr flat_values<V> flat(X& x);
+
+// A single object as an array of one (Copy and LoadIdentity have array members only): its stride0
+// is the element size, a valid stride the C call never steps by.
+template <class E, class T>
+constexpr matrix_desc<T, true> as_array(const matrix_desc<T, false>& d) {
+    return {d.p, 1, d.rows, d.cols, static_cast<int>(sizeof(E)), d.s1, d.s2};
+}
+template <class E, class T>
+constexpr vector_desc<T, true> as_array(const vector_desc<T, false>& d) {
+    return {d.p, 1, d.len, static_cast<int>(sizeof(E)), d.s2};
+}
+template <class E, class T>
+constexpr matrix_pointers_desc<T, true> as_array(const matrix_pointers_desc<T, false>& d) {
+    return {d.p, 1, d.rows, d.cols, d.roi, static_cast<int>(sizeof(E))};
+}
+template <class E, class T>
+constexpr vector_pointers_desc<T, true> as_array(const vector_pointers_desc<T, false>& d) {
+    return {d.p, 1, d.len, d.roi, static_cast<int>(sizeof(E))};
+}
+template <class E, class D>
+constexpr const D& as_array(const D& d) {
+    return d;
+}
+
+}  // namespace detail
+
+// ---------------------------------------------------------------- data movement
+
+// dst = src, element by element as raw bits: arrays of matrices or of vectors, the source and the
+// destination each in its own description (strided, a table: _L, element pointers: _P), so copy
+// converts between them. A single matrix or vector is copied as an array of one.
+template <class S, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status copy(S&& source, Dst&& dst) {
+    using namespace detail;
+    const auto ds = describe(std::forward<S>(source));
+    const auto dd = describe(std::forward<Dst>(dst));
+    using DS = std::decay_t<decltype(ds)>;
+    using DD = std::decay_t<decltype(dd)>;
+    constexpr int ks = kind_of<DS>::value, kd = kind_of<DD>::value;
+    using E = typename kind_of<DS>::elem;
+    constexpr bool kinds_ok = ks >= 0 && ((ks & 7) == k_m || (ks & 7) == k_v) && kd >= 0 && (kd & 7) == (ks & 7);
+    static_assert(ks >= 0 && ((ks & 7) == k_m || (ks & 7) == k_v),
+                  "omkm::copy: the source is a matrix or a vector, single or an array, read as stored (no Copy "
+                  "export reads a transposed matrix; omkm::transpose writes a transpose)");
+    static_assert(kinds_ok || (ks & 7) == k_t, "omkm::copy: a matrix goes to a matrix and a vector to a vector");
+    static_assert(same_elem<E, DD>(), "omkm::copy: the operands must share one element type (float or double)");
+    require_writable<DD>();
+    static_assert(is_array_v<DS> == is_array_v<DD>,
+                  "omkm::copy: the destination is an array exactly when the source is (no Copy export repeats one "
+                  "object)");
+    if constexpr (!kinds_ok) {
+        return status::ok;  // not compiled: an assertion above stops the build
+    } else {
+        using R = route<fam::copy, key(ks | k_arr), 3 * description_of<DS>() + description_of<DD>()>;
+        const int n = common_count(ds, dd);
+        if (n == -2) return status::size_mismatch;
+        const auto as = as_array<E>(ds);
+        const auto ad = as_array<E>(dd);
+        if constexpr ((ks & 7) == k_m) {
+            if (ds.rows != dd.rows || ds.cols != dd.cols) return status::size_mismatch;
+            return call_with<R, E>(args_in<E>(as), args_out<E>(ad), std::make_tuple(ds.cols, ds.rows, n));
+        } else {
+            if (ds.len != dd.len) return status::size_mismatch;
+            return call_with<R, E>(args_in<E>(as), args_out<E>(ad), std::make_tuple(ds.len, n));
+        }
+    }
+}
+
+// The operand as used (a transposed(...) one transposed) packed densely into out: rows one after
+// another, objects one after another. out is a T*, or a contiguous container of T or of rows of T
+// (T[N], std::array<T, N>, a T[R][C] matrix) whose room is checked.
+template <class S, class Out>
+[[nodiscard]] OMKM_HPP_INLINE status extract(S&& source, Out&& out) {
+    using namespace detail;
+    const auto ds = describe(std::forward<S>(source));
+    using DS = std::decay_t<decltype(ds)>;
+    constexpr int ks = kind_of<DS>::value;
+    using E = typename kind_of<DS>::elem;
+    static_assert(ks >= 0 && (ks & 7) != k_c,
+                  "omkm::extract: the source is a matrix (possibly transposed) or a vector, single or an array");
+    using R = route<fam::extract, key(ks), description_of<DS>()>;
+    const auto o = flat<E>(out);
+    const int n = count_of(ds);
+    if constexpr ((ks & 7) == k_v) {
+        if (o.room >= 0 && o.room < static_cast<long long>(ds.len) * n) return status::size_mismatch;
+        return call_with<R, E>(args_in<E>(ds), std::make_tuple(o.p), counted<is_array_v<DS>>(n, ds.len));
+    } else {
+        const int w = used_cols(ds), h = used_rows(ds);
+        if (o.room >= 0 && o.room < static_cast<long long>(w) * h * n) return status::size_mismatch;
+        return call_with<R, E>(args_in<E>(ds), std::make_tuple(o.p), counted<is_array_v<DS>>(n, w, h));
+    }
+}
+
+// Every matrix of dst set to the identity: zeros, and ones on the diagonal of its leading square
+// part. A single matrix is an array of one.
+template <class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status load_identity(Dst&& dst) {
+    using namespace detail;
+    const auto dd = describe(std::forward<Dst>(dst));
+    using DD = std::decay_t<decltype(dd)>;
+    using E = typename kind_of<DD>::elem;
+    static_assert(kind_of<DD>::value >= 0 && (kind_of<DD>::value & 7) == k_m,
+                  "omkm::load_identity: the destination is a matrix or an array of matrices, written as stored");
+    require_writable<DD>();
+    using R = route<fam::identity, key(ma), description_of<DD>()>;
+    return call_with<R, E>(args_out<E>(as_array<E>(dd)), std::make_tuple(dd.cols, dd.rows, count_of(dd)));
+}
+
+// dst = the transpose of src (a matrix, or each of an array); dst has src's columns as its rows.
+template <class S, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status transpose(S&& source, Dst&& dst) {
+    using namespace detail;
+    const auto ds = describe(std::forward<S>(source));
+    const auto dd = describe(std::forward<Dst>(dst));
+    using DS = std::decay_t<decltype(ds)>;
+    using DD = std::decay_t<decltype(dd)>;
+    constexpr int ks = kind_of<DS>::value;
+    using E = typename kind_of<DS>::elem;
+    static_assert(ks >= 0 && (ks & 7) == k_m,
+                  "omkm::transpose: the source is a matrix or an array of matrices, read as stored (the transpose "
+                  "of transposed(x) is x: omkm::copy it)");
+    static_assert((kind_of<DD>::value & 7) == k_m, "omkm::transpose: the destination is a matrix or an array of them");
+    static_assert(same_elem<E, DD>(), "omkm::transpose: the operands must share one element type (float or double)");
+    require_writable<DD>();
+    static_assert(is_array_v<DD> == is_array_v<DS>,
+                  "omkm::transpose: the destination is an array exactly when the source is (no Transpose export "
+                  "repeats one matrix)");
+    OMKM_HPP_DESCRIPTIONS_AGREE(DS, DD);
+    using R = route<fam::transpose, key(ks), description<DS, DD>()>;
+    const int n = common_count(ds, dd);
+    if (n == -2) return status::size_mismatch;
+    if (dd.rows != ds.cols || dd.cols != ds.rows) return status::size_mismatch;
+    return call_with<R, E>(args_in<E>(ds), std::make_tuple(ds.cols, ds.rows), args_out<E>(dd),
+                           counted<is_array_v<DS>>(n));
+}
+
+// ---------------------------------------------------------------- scaled sums, gaxpy, trace
+
+namespace detail {
+
+// Saxpy (s1 * a + b) and LComb (s1 * a + s2 * b) of vectors: each scale right after its vector in
+// the argument list, then the destination, len and the count.
+template <fam F, class A, class B, class Dst, class S1, class S2>
+OMKM_HPP_INLINE status scaled_sum(A&& a, S1 s1, B&& b, S2 s2, Dst&& dst) {
+    const auto da = describe(std::forward<A>(a));
+    const auto db = describe(std::forward<B>(b));
+    const auto dd = describe(std::forward<Dst>(dst));
+    using DA = std::decay_t<decltype(da)>;
+    using DB = std::decay_t<decltype(db)>;
+    using DD = std::decay_t<decltype(dd)>;
+    constexpr int ka = kind_of<DA>::value, kb = kind_of<DB>::value, kd = kind_of<DD>::value;
+    using E = typename kind_of<DA>::elem;
+    static_assert(ka >= 0 && kb >= 0 && kd >= 0 && (ka & 7) == k_v && (kb & 7) == k_v && (kd & 7) == k_v,
+                  "omkm::saxpy/lcomb: the operands and the destination are vectors, single or arrays");
+    static_assert(std::is_arithmetic_v<S1> && std::is_arithmetic_v<S2>,
+                  "omkm::saxpy/lcomb: a scale is one plain value (no export takes an array of scales)");
+    static_assert(same_elem<E, DB, DD>(),
+                  "omkm::saxpy/lcomb: the operands must share one element type (float or double)");
+    require_writable<DD>();
+    constexpr bool any_array = is_array_v<DA> || is_array_v<DB>;
+    static_assert(is_array_v<DD> == any_array,
+                  "omkm::saxpy/lcomb: the destination is an array exactly when a source is an array");
+    OMKM_HPP_DESCRIPTIONS_AGREE(DA, DB, DD);
+    using R = route<F, key(ka, kb), description<DA, DB, DD>()>;
+    static_assert(R::exists || F != fam::lcomb || key(ka, kb) != key(v, va),
+                  "omkm::lcomb: no LComb export takes one vector and an array (vva); swap the operands together "
+                  "with their scales (LComb_vav; the last bit may differ: the first product is rounded, the "
+                  "second fused)");
+    const int n = common_count(da, db, dd);
+    if (n == -2) return status::size_mismatch;
+    const int len = dd.len;
+    if (da.len != len || db.len != len) return status::size_mismatch;
+    if constexpr (!R::exists)
+        return status::ok;  // not compiled: an assertion above stops the build
+    else if constexpr (F == fam::saxpy)
+        return call_with<R, E>(args_in<E>(da), args_in<E>(s1), args_in<E>(db), args_out<E>(dd),
+                               counted<any_array>(n, len));
+    else
+        return call_with<R, E>(args_in<E>(da), args_in<E>(s1), args_in<E>(db), args_in<E>(s2), args_out<E>(dd),
+                               counted<any_array>(n, len));
+}
+
+}  // namespace detail
+
+// dst = s * x + y, each element one fused multiply-add: vectors, single or arrays (one vector with
+// each of an array on either side, or pairwise).
+template <class X, class S, class Y, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status saxpy(X&& x, S s, Y&& y, Dst&& dst) {
+    return detail::scaled_sum<detail::fam::saxpy>(std::forward<X>(x), s, std::forward<Y>(y), 0,
+                                                  std::forward<Dst>(dst));
+}
+// dst = s1 * x + s2 * y: s1 * x rounded, then s2 * y fused into the sum. Single vectors, an array
+// with one vector second, or pairwise.
+template <class X, class S1, class Y, class S2, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status lcomb(X&& x, S1 s1, Y&& y, S2 s2, Dst&& dst) {
+    return detail::scaled_sum<detail::fam::lcomb>(std::forward<X>(x), s1, std::forward<Y>(y), s2,
+                                                  std::forward<Dst>(dst));
+}
+
+// y = a * x + b for one matrix a (height rows, width columns): x of the width, b and y of the
+// height; x an array with b an array (pairwise) or one b for all.
+template <class M, class X, class B, class Y>
+[[nodiscard]] OMKM_HPP_INLINE status gaxpy(M&& a, X&& x, B&& b, Y&& y) {
+    using namespace detail;
+    const auto da = describe(std::forward<M>(a));
+    const auto dx = describe(std::forward<X>(x));
+    const auto db = describe(std::forward<B>(b));
+    const auto dy = describe(std::forward<Y>(y));
+    using DA = std::decay_t<decltype(da)>;
+    using DX = std::decay_t<decltype(dx)>;
+    using DB = std::decay_t<decltype(db)>;
+    using DY = std::decay_t<decltype(dy)>;
+    constexpr int ka = kind_of<DA>::value, kx = kind_of<DX>::value, kb = kind_of<DB>::value;
+    using E = typename kind_of<DA>::elem;
+    static_assert(ka == k_m,
+                  "omkm::gaxpy: the matrix is one matrix read as stored (no Gaxpy export takes a transposed "
+                  "matrix or an array of them)");
+    static_assert(kx >= 0 && kb >= 0 && (kx & 7) == k_v && (kb & 7) == k_v && (kind_of<DY>::value & 7) == k_v,
+                  "omkm::gaxpy: x, b and y are vectors, single or arrays");
+    static_assert(same_elem<E, DX, DB, DY>(), "omkm::gaxpy: the operands must share one element type (float or double)");
+    require_writable<DY>();
+    static_assert(is_array_v<DX> || !is_array_v<DB>,
+                  "omkm::gaxpy: no Gaxpy export adds an array of b to one product (mvva); give x as an array too");
+    static_assert(is_array_v<DY> == is_array_v<DX>, "omkm::gaxpy: y is an array exactly when x is");
+    OMKM_HPP_DESCRIPTIONS_AGREE(DA, DX, DB, DY);
+    using R = route<fam::gaxpy, key(kx, kb), description<DA, DX, DB, DY>()>;
+    const int n = common_count(dx, db, dy);
+    if (n == -2) return status::size_mismatch;
+    if (dy.len != da.rows) return status::size_mismatch;
+    return call_with<R, E>(args_in<E>(da), std::make_tuple(da.cols, da.rows), args_in<E>(dx), std::make_tuple(dx.len),
+                           args_in<E>(db), std::make_tuple(db.len), args_out<E>(dy), counted<is_array_v<DX>>(n));
+}
+
+// The trace of a square matrix into a T&, or of each of an array into `count` consecutive values
+// (a contiguous container of T, its size checked, or a T*).
+template <class A, class Out>
+[[nodiscard]] OMKM_HPP_INLINE status trace(A&& a, Out&& result) {
+    using namespace detail;
+    const auto da = describe(std::forward<A>(a));
+    using DA = std::decay_t<decltype(da)>;
+    constexpr int ka = kind_of<DA>::value;
+    using E = typename kind_of<DA>::elem;
+    static_assert(ka >= 0 && (ka & 7) == k_m,
+                  "omkm::trace: the operand is a square matrix or an array of them, read as stored (no Trace "
+                  "export reads a transposed matrix; the trace of the transpose is the same value)");
+    using R = route<fam::trace, key(ka), description_of<DA>()>;
+    const auto o = scalars<E>(result);
+    if constexpr (is_array_v<DA>) {
+        if (o.room >= 0 && o.room < count_of(da)) return status::size_mismatch;
+    } else {
+        static_assert(std::is_same_v<std::remove_reference_t<Out>, E>, "omkm::trace: one matrix's trace goes to a T&");
+    }
+    if (da.rows != da.cols) return status::size_mismatch;
+    return call_with<R, E>(args_in<E>(da), std::make_tuple(da.rows, o.p), counted<is_array_v<DA>>(count_of(da)));
+}
+
+// dst = x * c: mul by a constant under its own name; c one value, or an array of constants for
+// vectors (omkm::constants, omkm::field of a scalar member).
+template <class X, class C, class Dst>
+[[nodiscard]] OMKM_HPP_INLINE status scale(X&& x, C&& c, Dst&& dst) {
+    using DC = std::decay_t<decltype(describe(std::declval<C>()))>;
+    static_assert((detail::kind_of<DC>::value & 7) == detail::k_c,
+                  "omkm::scale: the second operand is a constant or an array of constants (omkm::mul multiplies "
+                  "by a matrix or a vector)");
+    return detail::add_sub<detail::fam::scale>(std::forward<X>(x), std::forward<C>(c), std::forward<Dst>(dst));
 }
 
 // ---------------------------------------------------------------- factorizations, solvers, eigenproblems
@@ -1443,7 +2130,10 @@ OMKM_HPP_INLINE status with_scratch(Buf buffer, std::size_t elements, F&& f) {
 template <class R, class E, bool Square, class DA, class DD, class... Mid>
 OMKM_HPP_INLINE status factor_call(const DA& da, const DD& dd, int n, Mid... mid) {
     auto go = [&](auto... size) {
-        if constexpr (!is_array_v<DA>)
+        if constexpr (pointer_call<DA, DD>())
+            return call_with<R, E>(args_in<E>(da), std::make_tuple(mid...), args_out<E>(dd),
+                                   counted<is_array_v<DA>>(n, size...));
+        else if constexpr (!is_array_v<DA>)
             return status(R::template call<E>(src(da.p), da.s1, da.s2, mid..., dd.p, dd.s1, dd.s2, size...));
         else
             return status(
@@ -1474,8 +2164,8 @@ OMKM_HPP_INLINE status factor_impl(A&& a, Piv&& piv, Dst&& dst, Buf buffer) {
     require_writable<DD>();
     static_assert(is_array_v<DD> == is_array_v<DA>,
                   "omkm::lu_decomp/cholesky/qr: the factor is an array exactly when the source is");
-    OMKM_HPP_TABLES_AGREE(DA, DD);
-    using R = route<F, key(ka), layout_call<DA, DD>()>;
+    OMKM_HPP_DESCRIPTIONS_AGREE(DA, DD);
+    using R = route<F, key(ka), description<DA, DD>()>;
     const int n = common_count(da, dd);
     if (n == -2) return status::size_mismatch;
     if (dd.rows != da.rows || dd.cols != da.cols) return status::size_mismatch;
@@ -1499,7 +2189,10 @@ OMKM_HPP_INLINE status factor_impl(A&& a, Piv&& piv, Dst&& dst, Buf buffer) {
 template <class R, class E, bool Square, class DM, class DB, class DX, class... Mid>
 OMKM_HPP_INLINE status solve_call(const DM& dm, const DB& db, const DX& dx, int n, Mid... mid) {
     auto go = [&](auto... size) {
-        if constexpr (!is_array_v<DM> && !is_array_v<DB>)
+        if constexpr (pointer_call<DM, DB, DX>())
+            return call_with<R, E>(args_in<E>(dm), std::make_tuple(mid...), args_in<E>(db), args_out<E>(dx),
+                                   counted<is_array_v<DM> || is_array_v<DB>>(n, size...));
+        else if constexpr (!is_array_v<DM> && !is_array_v<DB>)
             return status(
                 R::template call<E>(src(dm.p), dm.s1, dm.s2, mid..., src(db.p), db.s2, dx.p, dx.s2, size...));
         else if constexpr (!is_array_v<DM>)
@@ -1538,8 +2231,8 @@ OMKM_HPP_INLINE status solve_impl(M&& m, Piv&& piv, B&& b, X&& x, Buf buffer) {
     require_writable<DX>();
     static_assert(is_array_v<DX> == (is_array_v<DM> || is_array_v<DB>),
                   "omkm::lu_solve/cholesky_solve/qr_solve: the solution is an array exactly when a source is");
-    OMKM_HPP_TABLES_AGREE(DM, DB, DX);
-    using R = route<F, key(km, kb), layout_call<DM, DB, DX>()>;
+    OMKM_HPP_DESCRIPTIONS_AGREE(DM, DB, DX);
+    using R = route<F, key(km, kb), description<DM, DB, DX>()>;
     static_assert(R::exists || key(km, kb) != key(ma, v),
                   "omkm::lu_solve/cholesky_solve/qr_solve: no BackSubst export solves an array of factors for one "
                   "right-hand side (mav); give each factor its right-hand side, an array of vectors (mava)");
@@ -1580,11 +2273,13 @@ OMKM_HPP_INLINE status eigen_sym_impl(A&& a, Values& values, Vectors&& vectors, 
     if (da.cols != w) return status::size_mismatch;
     const std::size_t elems = w > 0 ? static_cast<std::size_t>(w) * w : 1;
     if constexpr (std::is_null_pointer_v<std::decay_t<Vectors>>) {
-        using R = route<fam::eigsym, key(ka), is_table_v<DA>>;
+        using R = route<fam::eigsym, key(ka), description<DA>()>;
         const int n = count_of(da);
         if (vo.room >= 0 && vo.room < static_cast<long long>(w) * n) return status::size_mismatch;
         return with_scratch<E>(buffer, elems, [&](E* s) {
-            if constexpr (!is_array_v<DA>)
+            if constexpr (pointer_call<DA>())
+                return call_with<R, E>(args_in<E>(da), std::make_tuple(s, vo.p), counted<is_array_v<DA>>(n, w));
+            else if constexpr (!is_array_v<DA>)
                 return status(R::template call<E>(src(da.p), da.s1, da.s2, s, vo.p, w));
             else
                 return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, s, vo.p, w, n));
@@ -1598,14 +2293,17 @@ OMKM_HPP_INLINE status eigen_sym_impl(A&& a, Values& values, Vectors&& vectors, 
         require_writable<DV>();
         static_assert(is_array_v<DV> == is_array_v<DA>,
                       "omkm::eigen_sym: the eigenvectors are an array exactly when the source is");
-        OMKM_HPP_TABLES_AGREE(DA, DV);
-        using R = route<fam::eigsymvec, key(ka, kind_of<DV>::value), layout_call<DA, DV>()>;
+        OMKM_HPP_DESCRIPTIONS_AGREE(DA, DV);
+        using R = route<fam::eigsymvec, key(ka, kind_of<DV>::value), description<DA, DV>()>;
         const int n = common_count(da, dv);
         if (n == -2) return status::size_mismatch;
         if (dv.rows != w || dv.cols != w) return status::size_mismatch;
         if (vo.room >= 0 && vo.room < static_cast<long long>(w) * n) return status::size_mismatch;
         return with_scratch<E>(buffer, elems, [&](E* s) {
-            if constexpr (!is_array_v<DA>)
+            if constexpr (pointer_call<DA>())
+                return call_with<R, E>(args_in<E>(da), std::make_tuple(s), args_out<E>(dv), std::make_tuple(vo.p),
+                                       counted<is_array_v<DA>>(n, w));
+            else if constexpr (!is_array_v<DA>)
                 return status(R::template call<E>(src(da.p), da.s1, da.s2, s, dv.p, dv.s1, dv.s2, vo.p, w));
             else
                 return status(
@@ -1659,6 +2357,8 @@ OMKM_HPP_INLINE status eigen_impl(A&& a, Re& re, Im& im, VL&& left, VR&& right, 
     static_assert((ka & 7) == k_m,
                   "omkm::eigen: the source is a square matrix or an array of them, read as stored (no EigenValues "
                   "export reads a transposed matrix)");
+    OMKM_HPP_POINTERS_AGREE(DA, DL, DR);
+    constexpr bool by_pointers = pointer_call<DA>();
     require_vectors<DA, DL>();
     require_vectors<DA, DR>();
     constexpr bool has_l = !std::is_null_pointer_v<DL>, has_r = !std::is_null_pointer_v<DR>;
@@ -1675,25 +2375,34 @@ OMKM_HPP_INLINE status eigen_impl(A&& a, Re& re, Im& im, VL&& left, VR&& right, 
         // the source, the vectors' parts (left before right), the values, widthHeight, count, scratch
         auto strides = [&](auto r, const auto& dv) {
             using R = decltype(r);
-            if constexpr (!is_array_v<DA>)
+            if constexpr (by_pointers)
+                return call_with<R, E>(args_in<E>(da), args_out<E>(dv), std::make_tuple(vr.p, vi.p),
+                                       counted<is_array_v<DA>>(n, w), std::make_tuple(s));
+            else if constexpr (!is_array_v<DA>)
                 return status(R::template call<E>(src(da.p), da.s1, da.s2, dv.p, dv.s1, dv.s2, vr.p, vi.p, w, s));
             else
                 return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, dv.p, dv.s0, dv.s1, dv.s2, vr.p,
                                                   vi.p, w, n, s));
         };
         if constexpr (!has_l && !has_r) {
-            using R = route<fam::eig, key(ka), is_table_v<DA>>;
-            if constexpr (!is_array_v<DA>)
+            using R = route<fam::eig, key(ka), description<DA>()>;
+            if constexpr (by_pointers)
+                return call_with<R, E>(args_in<E>(da), std::make_tuple(vr.p, vi.p), counted<is_array_v<DA>>(n, w),
+                                       std::make_tuple(s));
+            else if constexpr (!is_array_v<DA>)
                 return status(R::template call<E>(src(da.p), da.s1, da.s2, vr.p, vi.p, w, s));
             else
                 return status(R::template call<E>(src(da.p), da.s0, da.s1, da.s2, vr.p, vi.p, w, n, s));
         } else if constexpr (has_l && !has_r) {
-            return strides(route<fam::eigleft, key(ka, ka), is_table_v<DA>>{}, dl);
+            return strides(route<fam::eigleft, key(ka, ka), description<DA>()>{}, dl);
         } else if constexpr (!has_l && has_r) {
-            return strides(route<fam::eigright, key(ka, ka), is_table_v<DA>>{}, dr);
+            return strides(route<fam::eigright, key(ka, ka), description<DA>()>{}, dr);
         } else {
-            using R = route<fam::eigboth, key(ka, ka), is_table_v<DA>>;
-            if constexpr (!is_array_v<DA>)
+            using R = route<fam::eigboth, key(ka, ka), description<DA>()>;
+            if constexpr (by_pointers)
+                return call_with<R, E>(args_in<E>(da), args_out<E>(dl), args_out<E>(dr), std::make_tuple(vr.p, vi.p),
+                                       counted<is_array_v<DA>>(n, w), std::make_tuple(s));
+            else if constexpr (!is_array_v<DA>)
                 return status(R::template call<E>(src(da.p), da.s1, da.s2, dl.p, dl.s1, dl.s2, dr.p, dr.s1, dr.s2,
                                                   vr.p, vi.p, w, s));
             else
@@ -2517,6 +3226,15 @@ OMKM_HPP_OR_THROW(eigen_sym)
 OMKM_HPP_OR_THROW(eigen)
 OMKM_HPP_OR_THROW(eigen_left)
 OMKM_HPP_OR_THROW(eigen_left_right)
+OMKM_HPP_OR_THROW(scale)
+OMKM_HPP_OR_THROW(copy)
+OMKM_HPP_OR_THROW(extract)
+OMKM_HPP_OR_THROW(load_identity)
+OMKM_HPP_OR_THROW(transpose)
+OMKM_HPP_OR_THROW(saxpy)
+OMKM_HPP_OR_THROW(lcomb)
+OMKM_HPP_OR_THROW(gaxpy)
+OMKM_HPP_OR_THROW(trace)
 #undef OMKM_HPP_OR_THROW
 
 }  // namespace omkm

@@ -26,6 +26,14 @@ int main() {
     st = omkm::lu_decomp(many, piv, many);   // LUDecomp_ma
     st = omkm::lu_solve(m, piv[0], vs, vs);  // LUBackSubst_mva
     st = omkm::eigen_sym(m, v, n);           // EigenValuesVectorsSym_m
+    const float* elems[9] = {&m[0][0], &m[0][1], &m[0][2], &m[1][0], &m[1][1], &m[1][2], &m[2][0], &m[2][1], &m[2][2]};
+    float* outs9[9] = {&d[0][0], &d[0][1], &d[0][2], &d[1][0], &d[1][1], &d[1][2], &d[2][0], &d[2][1], &d[2][2]};
+    st = omkm::add(omkm::transposed(omkm::pointer_matrix(elems, 3, 3)), omkm::pointer_matrix(elems, 3, 3),
+                   omkm::pointer_matrix(outs9, 3, 3));                   // Add_tm_P
+    st = omkm::copy(omkm::pointer_matrices(elems, 4, 3, 3, 36), many);  // Copy_ma_PS
+    st = omkm::lcomb(vs, 2.0f, v, 0.5f, vs);                            // LComb_vav
+    st = omkm::dot(omkm::pointer_vector(elems, 3), omkm::pointer_vector(elems + 3, 3), out);  // DotProduct_vv_P
+    st = omkm::cholesky(omkm::pointer_matrix(elems, 3, 3), omkm::pointer_matrix(outs9, 3, 3));  // CholeskyDecomp_m_P
 #elif REJECT == 1
     st = omkm::add(m, omkm::transposed(n), d);  // no Add_mt
 #elif REJECT == 2
@@ -37,6 +45,13 @@ int main() {
 #elif REJECT == 5
     float* table[4] = {};
     st = omkm::add(omkm::matrix_table(table, 4, 3, 3, 12, 4), m, many);  // a table and a strided array: no export
+#elif REJECT == 6
+    const float* elems[9] = {};
+    st = omkm::add(omkm::pointer_matrix(elems, 3, 3), m, d);  // element pointers and a strided matrix: no export
+#elif REJECT == 7
+    st = omkm::lcomb(v, 2.0f, vs, 0.5f, vs);  // no LComb_vva
+#elif REJECT == 8
+    st = omkm::copy(omkm::transposed(m), d);  // no Copy export reads a transposed matrix
 #endif
     (void)m;
     (void)vs;

@@ -97,7 +97,29 @@ struct Data {
     int piv3[3] = {2, 0, 1};  // row orders for the LU solvers
     std::vector<std::array<int, 3>> pivs = std::vector<std::array<int, 3>>(3, {1, 2, 0});
     std::vector<float> vals = std::vector<float>(9), im = std::vector<float>(9), buf = std::vector<float>(64);
+    // element pointers (the _P description) of the first record's members, an array reaching the
+    // next record kRec bytes further, and of single objects
+    float *pm23[6], *pn23[6], *pm32[6], *pt33[9], *pu33[9], *ps33[9], *pv3[3], *pu3[3], *pw3[3], *pv2[2], *pa23[6], *px3[3],
+        *px2[2];
+    const float* pd32[6];
     Data() {
+        auto table = [](auto* first, int n, auto** t) {
+            for (int i = 0; i < n; ++i) t[i] = first + i;
+        };
+        table(&r[0].m23[0][0], 6, pm23);
+        table(&r[0].n23[0][0], 6, pn23);
+        table(&r[0].m32[0][0], 6, pm32);
+        table(&r[0].t33[0][0], 9, pt33);
+        table(&r[0].u33[0][0], 9, pu33);
+        table(&r[0].s33[0][0], 9, ps33);
+        table(r[0].v3, 3, pv3);
+        table(r[0].u3, 3, pu3);
+        table(r[0].w3, 3, pw3);
+        table(r[0].v2, 2, pv2);
+        table(&a23[0][0], 6, pa23);
+        table(x3, 3, px3);
+        table(x2, 2, px2);
+        table(static_cast<const float*>(&d32[0][0]), 6, pd32);
         float f = 0.25f;
         auto fill = [&](float* p, int n) {
             for (int i = 0; i < n; ++i, f += 0.375f) p[i] = std::fmod(f, 5.0f) - 2.0f;
@@ -214,6 +236,197 @@ const std::vector<Row>& rows() {
             &d.d32[0][0], 8, F4, 2, 3, d.r[0].v3, kRec, F4, 3, d.r[0].v2, kRec, F4, 3),
         ROW("tava", omkm::mul(transposed(field(d.r, &R::m32)), field(d.r, &R::v3), field(d.r, &R::v2)),
             "omkmMul_tava_32f", &d.r[0].m32[0][0], kRec, 8, F4, 2, 3, d.r[0].v3, kRec, F4, 3, d.r[0].v2, kRec, F4, 3),
+        // ---- element pointers (_P): the pointer table and the ROI shift, stride0 for an array; every
+        // matrix and vector operand so, an array of constants strided
+        ROW("Mul tm by element pointers: the stored sizes",
+            omkm::mul(transposed(omkm::pointer_matrix(d.pd32, 3, 2)), omkm::pointer_matrix(d.ps33, 3, 3),
+                      omkm::pointer_matrix(d.pa23, 2, 3)),
+            "omkmMul_tm_32f_P", d.pd32, 0, 2, 3, d.ps33, 0, 3, 3, d.pa23, 0),
+        ROW("Mul mva by element pointers",
+            omkm::mul(omkm::pointer_matrix(d.pa23, 2, 3), omkm::pointer_vectors(d.pv3, 3, 3, kRec),
+                      omkm::pointer_vectors(d.pv2, 3, 2, kRec)),
+            "omkmMul_mva_32f_P", d.pa23, 0, 3, 2, d.pv3, 0, kRec, 3, d.pv2, 0, kRec, 3),
+        ROW("Mul mava by element pointers",
+            omkm::mul(omkm::pointer_matrices(d.pm23, 3, 2, 3, kRec), omkm::pointer_vectors(d.pv3, 3, 3, kRec),
+                      omkm::pointer_vectors(d.pv2, 3, 2, kRec)),
+            "omkmMul_mava_32f_P", d.pm23, 0, kRec, 3, 2, d.pv3, 0, kRec, 3, d.pv2, 0, kRec, 3),
+        ROW("Add mam by element pointers",
+            omkm::add(omkm::pointer_matrices(d.pm23, 3, 2, 3, kRec), omkm::pointer_matrix(d.pa23, 2, 3),
+                      omkm::pointer_matrices(d.pn23, 3, 2, 3, kRec)),
+            "omkmAdd_mam_32f_P", d.pm23, 0, kRec, d.pa23, 0, d.pn23, 0, kRec, 3, 2, 3),
+        ROW("Add vv by element pointers, a ROI shift",
+            omkm::add(omkm::pointer_vector(d.px3, 2, 4), omkm::pointer_vector(d.px3, 2), omkm::pointer_vector(d.px2, 2)),
+            "omkmAdd_vv_32f_P", d.px3, 4, d.px3, 0, d.px2, 0, 2),
+        ROW("Add vca by element pointers, the constants strided",
+            omkm::add(omkm::pointer_vector(d.px3, 3), field(d.r, &R::k), omkm::pointer_vectors(d.pw3, 3, 3, kRec)),
+            "omkmAdd_vca_32f_P", d.px3, 0, &d.r[0].k, kRec, d.pw3, 0, kRec, 3, 3),
+        ROW("Sub mt by element pointers",
+            omkm::sub(omkm::pointer_matrix(d.pa23, 2, 3), transposed(omkm::pointer_matrix(d.pd32, 3, 2)),
+                      omkm::pointer_matrix(d.pn23, 2, 3)),
+            "omkmSub_mt_32f_P", d.pa23, 0, d.pd32, 0, d.pn23, 0, 3, 2),
+        ROW("Sub cva by element pointers",
+            omkm::sub(0.5f, omkm::pointer_vectors(d.pv3, 3, 3, kRec), omkm::pointer_vectors(d.pw3, 3, 3, kRec)),
+            "omkmSub_cva_32f_P", d.pv3, 0, kRec, 0.5f, d.pw3, 0, kRec, 3, 3),
+        ROW("scale tc by element pointers",
+            omkm::scale(transposed(omkm::pointer_matrix(d.pd32, 3, 2)), 2.0f, omkm::pointer_matrix(d.pa23, 2, 3)),
+            "omkmMul_tc_32f_P", d.pd32, 0, 2.0f, d.pa23, 0, 3, 2),
+        ROW("Mul vaca by element pointers",
+            omkm::mul(omkm::pointer_vectors(d.pv3, 3, 3, kRec), field(d.r, &R::k),
+                      omkm::pointer_vectors(d.pw3, 3, 3, kRec)),
+            "omkmMul_vaca_32f_P", d.pv3, 0, kRec, &d.r[0].k, kRec, d.pw3, 0, kRec, 3, 3),
+        ROW("dot vava by element pointers",
+            omkm::dot(omkm::pointer_vectors(d.pv3, 3, 3, kRec), omkm::pointer_vectors(d.pu3, 3, 3, kRec), d.outs),
+            "omkmDotProduct_vava_32f_P", d.pv3, 0, kRec, d.pu3, 0, kRec, d.outs.data(), 3, 3),
+        ROW("cross vva by element pointers",
+            omkm::cross(omkm::pointer_vector(d.px3, 3), omkm::pointer_vectors(d.pv3, 3, 3, kRec),
+                        omkm::pointer_vectors(d.pw3, 3, 3, kRec)),
+            "omkmCrossProduct_vva_32f_P", d.px3, 0, d.pv3, 0, kRec, d.pw3, 0, kRec, 3),
+        ROW("norm of each vector by element pointers", omkm::norm(omkm::pointer_vectors(d.pv3, 3, 3, kRec), d.outs),
+            "omkmL2Norm_va_32f_P", d.pv3, 0, kRec, d.outs.data(), 3, 3),
+        ROW("Frobenius norm by element pointers", omkm::norm(omkm::pointer_matrix(d.pa23, 2, 3), d.out1),
+            "omkmFrobNorm_m_32f_P", d.pa23, 0, 3, 2, &d.out1),
+        ROW("det of each by element pointers",
+            omkm::det(omkm::pointer_matrices(d.ps33, 3, 3, 3, kRec), d.outs, &d.c24[0][0]), "omkmDet_ma_32f_P",
+            d.ps33, 0, kRec, 3, &d.c24[0][0], d.outs.data(), 3),
+        ROW("invert by element pointers",
+            omkm::invert(omkm::pointer_matrix(d.ps33, 3, 3), omkm::pointer_matrix(d.pt33, 3, 3), &d.c24[0][0]),
+            "omkmInvert_m_32f_P", d.ps33, 0, &d.c24[0][0], d.pt33, 0, 3),
+        ROW("LU ma by element pointers",
+            omkm::lu_decomp(omkm::pointer_matrices(d.ps33, 3, 3, 3, kRec), d.pivs,
+                            omkm::pointer_matrices(d.pt33, 3, 3, 3, kRec)),
+            "omkmLUDecomp_ma_32f_P", d.ps33, 0, kRec, d.pivs[0].data(), d.pt33, 0, kRec, 3, 3),
+        ROW("LU solve mv by element pointers",
+            omkm::lu_solve(omkm::pointer_matrix(d.ps33, 3, 3), d.piv3, omkm::pointer_vector(d.px3, 3),
+                           omkm::pointer_vector(d.pv3, 3)),
+            "omkmLUBackSubst_mv_32f_P", d.ps33, 0, d.piv3, d.px3, 0, d.pv3, 0, 3),
+        ROW("Cholesky solve mava by element pointers",
+            omkm::cholesky_solve(omkm::pointer_matrices(d.ps33, 3, 3, 3, kRec), omkm::pointer_vectors(d.pv3, 3, 3, kRec),
+                                 omkm::pointer_vectors(d.pw3, 3, 3, kRec)),
+            "omkmCholeskyBackSubst_mava_32f_P", d.ps33, 0, kRec, d.pv3, 0, kRec, d.pw3, 0, kRec, 3, 3),
+        ROW("QR m by element pointers, own scratch",
+            omkm::qr(omkm::pointer_matrix(d.pd32, 3, 2), omkm::pointer_matrix(d.pm32, 3, 2)), "omkmQRDecomp_m_32f_P",
+            d.pd32, 0, recorded_pointer(2), d.pm32, 0, 2, 3),
+        ROW("QR solve mva by element pointers, a buffer",
+            omkm::qr_solve(omkm::pointer_matrix(d.pd32, 3, 2), omkm::pointer_vectors(d.pv3, 3, 3, kRec),
+                           omkm::pointer_vectors(d.pv2, 3, 2, kRec), &d.c24[0][0]),
+            "omkmQRBackSubst_mva_32f_P", d.pd32, 0, &d.c24[0][0], d.pv3, 0, kRec, d.pv2, 0, kRec, 2, 3, 3),
+        ROW("eigenvalues m by element pointers", omkm::eigen_sym(omkm::pointer_matrix(d.ps33, 3, 3), d.x3),
+            "omkmEigenValuesSym_m_32f_P", d.ps33, 0, recorded_pointer(2), d.x3, 3),
+        ROW("eigenvectors ma by element pointers, a buffer",
+            omkm::eigen_sym(omkm::pointer_matrices(d.ps33, 3, 3, 3, kRec), d.vals,
+                            omkm::pointer_matrices(d.pt33, 3, 3, 3, kRec), &d.c24[0][0]),
+            "omkmEigenValuesVectorsSym_ma_32f_P", d.ps33, 0, kRec, &d.c24[0][0], d.pt33, 0, kRec, d.vals.data(), 3, 3),
+        ROW("eigenvalues m by element pointers, general",
+            omkm::eigen(omkm::pointer_matrix(d.ps33, 3, 3), d.x3, d.y3, d.buf.data()), "omkmEigenValues_m_32f_P",
+            d.ps33, 0, d.x3, d.y3, 3, d.buf.data()),
+        ROW("right eigenvectors m by element pointers",
+            omkm::eigen(omkm::pointer_matrix(d.ps33, 3, 3), d.x3, d.y3, omkm::pointer_matrix(d.pt33, 3, 3),
+                        d.buf.data()),
+            "omkmEigenValuesVectorsRight_m_32f_P", d.ps33, 0, d.pt33, 0, d.x3, d.y3, 3, d.buf.data()),
+        ROW("left and right eigenvectors ma by element pointers",
+            omkm::eigen_left_right(omkm::pointer_matrices(d.ps33, 3, 3, 3, kRec), d.vals, d.im,
+                                   omkm::pointer_matrices(d.pt33, 3, 3, 3, kRec),
+                                   omkm::pointer_matrices(d.pu33, 3, 3, 3, kRec), d.buf.data()),
+            "omkmEigenValuesVectors_ma_32f_P", d.ps33, 0, kRec, d.pt33, 0, kRec, d.pu33, 0, kRec, d.vals.data(),
+            d.im.data(), 3, 3, d.buf.data()),
+        ROW("scale vaca", omkm::scale(field(d.r, &R::v3), field(d.r, &R::k), field(d.r, &R::w3)), "omkmMul_vaca_32f",
+            d.r[0].v3, kRec, F4, &d.r[0].k, kRec, d.r[0].w3, kRec, F4, 3, 3),
+        // ---- Copy: each side in its own description, then the sizes and the count
+        ROW("copy SS", omkm::copy(field(d.r, &R::m23), field(d.r, &R::n23)), "omkmCopy_ma_32f_SS", &d.r[0].m23[0][0],
+            kRec, 12, F4, &d.r[0].n23[0][0], kRec, 12, F4, 3, 2, 3),
+        ROW("copy one matrix: an array of one", omkm::copy(d.a23, d.e23), "omkmCopy_ma_32f_SS", &d.a23[0][0], F4, 12,
+            F4, &d.e23[0][0], F4, 12, F4, 3, 2, 1),
+        ROW("copy PL", omkm::copy(omkm::pointer_matrices(d.pm23, 3, 2, 3, kRec), field(d.rp, &R::n23)),
+            "omkmCopy_ma_32f_PL", d.pm23, 0, kRec, d.rp.data(), int(offsetof(R, n23)), 12, F4, 3, 2, 3),
+        ROW("copy LS of vectors", omkm::copy(field(d.rp, &R::v3), field(d.r, &R::w3)), "omkmCopy_va_32f_LS", d.rp.data(),
+            int(offsetof(R, v3)), F4, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("copy SP of vectors", omkm::copy(field(d.r, &R::v3), omkm::pointer_vectors(d.pw3, 3, 3, kRec)),
+            "omkmCopy_va_32f_SP", d.r[0].v3, kRec, F4, d.pw3, 0, kRec, 3, 3),
+        ROW("copy PP of one vector", omkm::copy(omkm::pointer_vector(d.px3, 3), omkm::pointer_vector(d.pw3, 3)),
+            "omkmCopy_va_32f_PP", d.px3, 0, F4, d.pw3, 0, F4, 3, 1),
+        ROW("copy LS, double", omkm::copy(omkm::matrix_table(d.tin, 2, 2, 2, 16, 8), omkm::strided_matrices(d.h.data(), 2, 2, 2, 32, 16, 8)),
+            "omkmCopy_ma_64f_LS", d.tin, 0, 16, 8, d.h.data(), 32, 16, 8, 2, 2, 2),
+        // ---- Extract: the source, the dense destination, the sizes of the operand as used
+        ROW("extract t", omkm::extract(transposed(d.d32), d.buf), "omkmExtract_t_32f", &d.d32[0][0], 8, F4,
+            d.buf.data(), 3, 2),
+        ROW("extract v into a C array", omkm::extract(d.x3, d.y3), "omkmExtract_v_32f", d.x3, F4, d.y3, 3),
+        ROW("extract ma", omkm::extract(field(d.r, &R::m23), d.buf), "omkmExtract_ma_32f", &d.r[0].m23[0][0], kRec, 12,
+            F4, d.buf.data(), 3, 2, 3),
+        ROW("extract ta through pointers", omkm::extract(transposed(field(d.rp, &R::m32)), d.buf),
+            "omkmExtract_ta_32f_L", d.rp.data(), int(offsetof(R, m32)), 8, F4, d.buf.data(), 3, 2, 3),
+        ROW("extract va by element pointers", omkm::extract(omkm::pointer_vectors(d.pv3, 3, 3, kRec), d.buf.data()),
+            "omkmExtract_va_32f_P", d.pv3, 0, kRec, d.buf.data(), 3, 3),
+        ROW("extract m by element pointers", omkm::extract(omkm::pointer_matrix(d.pd32, 3, 2), d.buf),
+            "omkmExtract_m_32f_P", d.pd32, 0, d.buf.data(), 2, 3),
+        // ---- LoadIdentity and Transpose
+        ROW("identity of one matrix", omkm::load_identity(d.m33), "omkmLoadIdentity_ma_32f", &d.m33[0][0], F4, 12, F4,
+            3, 3, 1),
+        ROW("identity through pointers", omkm::load_identity(field(d.rp, &R::t33)), "omkmLoadIdentity_ma_32f_L",
+            d.rp.data(), int(offsetof(R, t33)), 12, F4, 3, 3, 3),
+        ROW("identity by element pointers", omkm::load_identity(omkm::pointer_matrices(d.pt33, 3, 3, 3, kRec)),
+            "omkmLoadIdentity_ma_32f_P", d.pt33, 0, kRec, 3, 3, 3),
+        ROW("transpose m: the source's width and height", omkm::transpose(d.a23, d.d32), "omkmTranspose_m_32f",
+            &d.a23[0][0], 12, F4, 3, 2, &d.d32[0][0], 8, F4),
+        ROW("transpose ma", omkm::transpose(field(d.r, &R::m23), field(d.r, &R::m32)), "omkmTranspose_ma_32f",
+            &d.r[0].m23[0][0], kRec, 12, F4, 3, 2, &d.r[0].m32[0][0], kRec, 8, F4, 3),
+        ROW("transpose ma through pointers", omkm::transpose(field(d.rp, &R::m23), field(d.rp, &R::m32)),
+            "omkmTranspose_ma_32f_L", d.rp.data(), int(offsetof(R, m23)), 12, F4, 3, 2, d.rp.data(),
+            int(offsetof(R, m32)), 8, F4, 3),
+        ROW("transpose m by element pointers",
+            omkm::transpose(omkm::pointer_matrix(d.pa23, 2, 3), omkm::pointer_matrix(d.pm32, 3, 2)),
+            "omkmTranspose_m_32f_P", d.pa23, 0, 3, 2, d.pm32, 0),
+        ROW("transpose ma by element pointers",
+            omkm::transpose(omkm::pointer_matrices(d.pm23, 3, 2, 3, kRec), omkm::pointer_matrices(d.pm32, 3, 3, 2, kRec)),
+            "omkmTranspose_ma_32f_P", d.pm23, 0, kRec, 3, 2, d.pm32, 0, kRec, 3),
+        // ---- Saxpy and LComb: each scale after its vector
+        ROW("saxpy vv", omkm::saxpy(d.x3, 2.0f, d.y3, d.z3), "omkmSaxpy_vv_32f", d.x3, F4, 2.0f, d.y3, F4, d.z3, F4, 3),
+        ROW("saxpy vav", omkm::saxpy(field(d.r, &R::v3), 0.5f, d.x3, field(d.r, &R::w3)), "omkmSaxpy_vav_32f",
+            d.r[0].v3, kRec, F4, 0.5f, d.x3, F4, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("saxpy vva through pointers", omkm::saxpy(d.x3, 0.5f, field(d.rp, &R::v3), field(d.rp, &R::w3)),
+            "omkmSaxpy_vva_32f_L", d.x3, F4, 0.5f, d.rp.data(), int(offsetof(R, v3)), F4, d.rp.data(),
+            int(offsetof(R, w3)), F4, 3, 3),
+        ROW("saxpy vava by element pointers",
+            omkm::saxpy(omkm::pointer_vectors(d.pv3, 3, 3, kRec), 0.5f, omkm::pointer_vectors(d.pu3, 3, 3, kRec),
+                        omkm::pointer_vectors(d.pw3, 3, 3, kRec)),
+            "omkmSaxpy_vava_32f_P", d.pv3, 0, kRec, 0.5f, d.pu3, 0, kRec, d.pw3, 0, kRec, 3, 3),
+        ROW("saxpy vv, double, an int scale converted",
+            omkm::saxpy(omkm::vec<4>(d.g.data()), 2, omkm::vec<4>(d.g.data() + 4), omkm::vec<4>(d.h.data())),
+            "omkmSaxpy_vv_64f", d.g.data(), 8, 2.0, d.g.data() + 4, 8, d.h.data(), 8, 4),
+        ROW("lcomb vv", omkm::lcomb(d.x3, 2.0f, d.y3, 3.0f, d.z3), "omkmLComb_vv_32f", d.x3, F4, 2.0f, d.y3, F4, 3.0f,
+            d.z3, F4, 3),
+        ROW("lcomb vav", omkm::lcomb(field(d.r, &R::v3), 2.0f, d.x3, 0.5f, field(d.r, &R::w3)), "omkmLComb_vav_32f",
+            d.r[0].v3, kRec, F4, 2.0f, d.x3, F4, 0.5f, d.r[0].w3, kRec, F4, 3, 3),
+        ROW("lcomb vava through pointers",
+            omkm::lcomb(field(d.rp, &R::v3), 2.0f, field(d.rp, &R::u3), 0.5f, field(d.rp, &R::w3)),
+            "omkmLComb_vava_32f_L", d.rp.data(), int(offsetof(R, v3)), F4, 2.0f, d.rp.data(), int(offsetof(R, u3)), F4,
+            0.5f, d.rp.data(), int(offsetof(R, w3)), F4, 3, 3),
+        ROW("lcomb vv by element pointers",
+            omkm::lcomb(omkm::pointer_vector(d.px3, 3), 2.0f, omkm::pointer_vector(d.pv3, 3), 0.5f,
+                        omkm::pointer_vector(d.pw3, 3)),
+            "omkmLComb_vv_32f_P", d.px3, 0, 2.0f, d.pv3, 0, 0.5f, d.pw3, 0, 3),
+        // ---- Gaxpy: the matrix with its width and height, x and b each with its length, y
+        ROW("gaxpy mv", omkm::gaxpy(d.a23, d.x3, d.x2, d.r[0].v2), "omkmGaxpy_mv_32f", &d.a23[0][0], 12, F4, 3, 2, d.x3,
+            F4, 3, d.x2, F4, 2, d.r[0].v2, F4),
+        ROW("gaxpy mva", omkm::gaxpy(d.d32, field(d.r, &R::v2), field(d.r, &R::u3), field(d.r, &R::w3)),
+            "omkmGaxpy_mva_32f", &d.d32[0][0], 8, F4, 2, 3, d.r[0].v2, kRec, F4, 2, d.r[0].u3, kRec, F4, 3, d.r[0].w3,
+            kRec, F4, 3),
+        ROW("gaxpy mvav through pointers: one b strided", omkm::gaxpy(d.d32, field(d.rp, &R::v2), d.x3, field(d.rp, &R::w3)),
+            "omkmGaxpy_mvav_32f_L", &d.d32[0][0], 8, F4, 2, 3, d.rp.data(), int(offsetof(R, v2)), F4, 2, d.x3, F4, 3,
+            d.rp.data(), int(offsetof(R, w3)), F4, 3),
+        ROW("gaxpy mva by element pointers",
+            omkm::gaxpy(omkm::pointer_matrix(d.pd32, 3, 2), omkm::pointer_vectors(d.pv2, 3, 2, kRec),
+                        omkm::pointer_vectors(d.pu3, 3, 3, kRec), omkm::pointer_vectors(d.pw3, 3, 3, kRec)),
+            "omkmGaxpy_mva_32f_P", d.pd32, 0, 2, 3, d.pv2, 0, kRec, 2, d.pu3, 0, kRec, 3, d.pw3, 0, kRec, 3),
+        // ---- Trace: widthHeight, the results, the count
+        ROW("trace m", omkm::trace(d.m33, d.out1), "omkmTrace_m_32f", &d.m33[0][0], 12, F4, 3, &d.out1),
+        ROW("trace ma", omkm::trace(field(d.r, &R::s33), d.outs), "omkmTrace_ma_32f", &d.r[0].s33[0][0], kRec, 12, F4, 3,
+            d.outs.data(), 3),
+        ROW("trace ma through pointers", omkm::trace(field(d.rp, &R::s33), d.outs.data()), "omkmTrace_ma_32f_L",
+            d.rp.data(), int(offsetof(R, s33)), 12, F4, 3, d.outs.data(), 3),
+        ROW("trace m by element pointers", omkm::trace(omkm::pointer_matrix(d.ps33, 3, 3), d.out1),
+            "omkmTrace_m_32f_P", d.ps33, 0, 3, &d.out1),
+        ROW("trace ma by element pointers", omkm::trace(omkm::pointer_matrices(d.ps33, 3, 3, 3, kRec), d.outs),
+            "omkmTrace_ma_32f_P", d.ps33, 0, kRec, 3, d.outs.data(), 3),
         // ---- Add and Sub: the result's width and height once, after the destination
         ROW("Add mm", omkm::add(d.a23, d.arr23, d.e23), "omkmAdd_mm_32f", &d.a23[0][0], 12, F4, d.arr23[0].data(), 12,
             F4, &d.e23[0][0], 12, F4, 3, 2),
@@ -905,6 +1118,84 @@ TEST(CppInterface, ResultsAreTheBitsOfTheDirectCCall) {
 
 namespace {
 
+// Operands by element pointers: the C++ call and the C call on the same tables give the same bits.
+// The pose table lists each record's 4x4 by columns, a layout no stride describes, and arrays step
+// a whole record per object, so a table, ROI shift or stride0 passed in the wrong place shows.
+TEST(CppInterface, ElementPointerOperandsGiveTheBitsOfTheDirectCCall) {
+    struct Body {
+        float pose[4][4];
+        float step[4][4];
+        float next[4][4];
+        float v[4], w[4], u[4];
+        int id;
+    };
+    const int n = 9, rec = static_cast<int>(sizeof(Body));
+    std::vector<Body> b(n);
+    for (int k = 0; k < n; ++k)
+        for (int i = 0; i < 16; ++i) {
+            (&b[k].pose[0][0])[i] = std::sin(0.7f * static_cast<float>(k * 16 + i));
+            (&b[k].step[0][0])[i] = std::cos(0.3f * static_cast<float>(k * 16 + i));
+            b[k].v[i % 4] = 0.1f * static_cast<float>(i * 3 + k) - 1.0f;
+            b[k].w[i % 4] = std::sin(1.9f * static_cast<float>(i + k));
+        }
+    std::vector<Body> c = b;
+    // the tables of the first record; pose by columns
+    auto tables = [](Body& first, float** pose, float** step, float** next, float** v, float** w, float** u) {
+        for (int i = 0; i < 4; ++i) {
+            for (int j = 0; j < 4; ++j) {
+                pose[i * 4 + j] = &first.pose[j][i];
+                step[i * 4 + j] = &first.step[i][j];
+                next[i * 4 + j] = &first.next[i][j];
+            }
+            v[i] = &first.v[i];
+            w[i] = &first.w[i];
+            u[i] = &first.u[i];
+        }
+    };
+    float *bp[16], *bs[16], *bn[16], *bv[4], *bw[4], *bu[4], *cp[16], *cs[16], *cn[16], *cv[4], *cw[4], *cu[4];
+    tables(b[0], bp, bs, bn, bv, bw, bu);
+    tables(c[0], cp, cs, cn, cv, cw, cu);
+    auto in = [](float** t) { return const_cast<const float**>(t); };
+
+    ASSERT_EQ(omkm::mul(omkm::pointer_matrices(bp, n, 4, 4, rec), transposed(omkm::pointer_matrices(bs, n, 4, 4, rec)),
+                        omkm::pointer_matrices(bn, n, 4, 4, rec)),
+              status::ok);
+    ASSERT_EQ(omkmMul_mata_32f_P(in(cp), 0, rec, 4, 4, in(cs), 0, rec, 4, 4, cn, 0, rec, n), omkStsOk);
+    // one 3-vector from the first record's v[1] on (a ROI shift of one element) with each record's w
+    ASSERT_EQ(omkm::saxpy(omkm::pointer_vector(bv, 3, 4), 1.5f, omkm::pointer_vectors(bw, n, 3, rec),
+                          omkm::pointer_vectors(bu, n, 3, rec)),
+              status::ok);
+    ASSERT_EQ(omkmSaxpy_vva_32f_P(in(cv), 4, 1.5f, in(cw), 0, rec, cu, 0, rec, 3, n), omkStsOk);
+    for (int k = 0; k < n; ++k) {
+        EXPECT_TRUE(same_bytes(b[k].next, c[k].next)) << "body " << k;
+        EXPECT_TRUE(same_bytes(b[k].u, c[k].u)) << "body " << k;
+    }
+    ASSERT_EQ(omkm::gaxpy(omkm::pointer_matrix(bn, 4, 4), omkm::pointer_vectors(bv, n, 4, rec),
+                          omkm::pointer_vectors(bw, n, 4, rec), omkm::pointer_vectors(bu, n, 4, rec)),
+              status::ok);
+    ASSERT_EQ(omkmGaxpy_mva_32f_P(in(cn), 0, 4, 4, in(cv), 0, rec, 4, in(cw), 0, rec, 4, cu, 0, rec, n), omkStsOk);
+    for (int k = 0; k < n; ++k) EXPECT_TRUE(same_bytes(b[k].u, c[k].u)) << "body " << k;
+    std::vector<float> det1(n), det2(n), buf(omkm::scratch_elements<float>(4));
+    ASSERT_EQ(omkm::det(omkm::pointer_matrices(bp, n, 4, 4, rec), det1), status::ok);
+    ASSERT_EQ(omkmDet_ma_32f_P(in(cp), 0, rec, 4, buf.data(), det2.data(), n), omkStsOk);
+    EXPECT_EQ(0, std::memcmp(det1.data(), det2.data(), det1.size() * sizeof(float)));
+    std::vector<int> piv1(static_cast<std::size_t>(4 * n)), piv2(piv1.size());
+    ASSERT_EQ(omkm::lu_decomp(omkm::pointer_matrices(bp, n, 4, 4, rec), piv1, omkm::pointer_matrices(bn, n, 4, 4, rec)),
+              status::ok);
+    ASSERT_EQ(omkmLUDecomp_ma_32f_P(in(cp), 0, rec, piv2.data(), cn, 0, rec, 4, n), omkStsOk);
+    EXPECT_EQ(piv1, piv2);
+    for (int k = 0; k < n; ++k) EXPECT_TRUE(same_bytes(b[k].next, c[k].next)) << "body " << k;
+
+    // Copying the by-columns table to strided memory is transposing: the same bits as transpose().
+    std::vector<std::array<std::array<float, 4>, 4>> by_copy(n), by_transpose(n);
+    ASSERT_EQ(omkm::copy(omkm::pointer_matrices(bp, n, 4, 4, rec), by_copy), status::ok);
+    ASSERT_EQ(omkm::transpose(omkm::field(b, &Body::pose), by_transpose), status::ok);
+    EXPECT_EQ(by_copy, by_transpose);
+    std::vector<float> dense(static_cast<std::size_t>(16 * n));
+    ASSERT_EQ(omkm::extract(transposed(omkm::pointer_matrices(bp, n, 4, 4, rec)), dense), status::ok);
+    for (int k = 0; k < n; ++k) EXPECT_EQ(0, std::memcmp(&dense[16 * static_cast<std::size_t>(k)], b[k].pose, 64)) << k;
+}
+
 // What transposed(x) means, against plain loops: x's stored rows and columns are passed as they lie
 // and the product or sum uses x's transpose. Non-square shapes, so a width taken for a height fails.
 TEST(CppInterface, TransposedOperandsGiveTheTransposesResults) {
@@ -996,6 +1287,13 @@ TEST(CppInterface, TheLayersOwnChecksStopBeforeTheCall) {
         {"Cholesky of a 2x3", [&] { return omkm::cholesky(a23, c23); }},
         {"QR solve of a 3x2 with b of its width", [&] { return omkm::qr_solve(d32, v2, v2); }},
         {"eigenvalues of 3 3x3 into room for 2", [&] { return omkm::eigen_sym(m3, room); }},
+        {"copy of a 2x3 into a 3x2", [&] { return omkm::copy(a23, d32); }},
+        {"copy of 3 vectors into 2", [&] { return omkm::copy(vs, ws); }},
+        {"transpose of a 2x3 into a 2x3", [&] { return omkm::transpose(a23, c23); }},
+        {"extract of 3 3x3 into room for 2 values", [&] { return omkm::extract(m3, room); }},
+        {"gaxpy of a 2x3 into a 3-vector", [&] { return omkm::gaxpy(a23, v3, v2, v3); }},
+        {"saxpy of a 3- and a 4-vector", [&] { return omkm::saxpy(v3, 1.0f, v4, v3); }},
+        {"trace of a 2x3", [&] { return omkm::trace(a23, out); }},
         {"a record member of 3x4 read as 2x3",
          [&] {
              struct Rec {
@@ -1039,6 +1337,8 @@ TEST(CppInterface, CStatusesPassThroughAndThrowingFormsRaiseThem) {
               status::ok);  // the C call's verdict
     EXPECT_EQ(rec::log.calls, 1);
     float e[3][3] = {{2, 0, 0}, {0, 4, 0}, {0, 0, 8}};
+    EXPECT_EQ(omkm::transpose(omkm::strided_matrix(&a[0][0], 3, 3, 12, 6), d), status::bad_stride);
+    EXPECT_THROW(omkm::copy_or_throw(a, omkm::strided_matrix(&d[0][0], 3, 3, 12, 2)), omkm::error);
     EXPECT_NO_THROW(omkm::invert_or_throw(e, inv));
     EXPECT_EQ(inv[2][2], 0.125f);
     float det = 0;
