@@ -42,6 +42,14 @@
 //                                                          element j at pointers[j] + roi_shift), object k
 //                                                          of an array k*stride0 bytes further
 //   omkm::transposed(x)                                    a matrix (or array of them) read transposed
+// Other types become operands by a specialization of omkm::detail::object_traits<Type> (as below:
+// kind, elem, first(), and len, or rows, cols and row_bytes); a matrix type whose elements lie
+// column by column declares elem_bytes (the step along a row, rows * sizeof(elem)) besides
+// row_bytes = sizeof(elem), and column_major = true: it is then described by those strides, while
+// a product reads it as the transpose of its packed stored rows, transposed(x) is those rows, and
+// a product into it writes its stored rows as the transposed product. A type whose data() and
+// size() do not hold its objects in order sets detail::data_is_objects<Type> false. omkm_eigen.hpp
+// does both for Eigen.
 // A call with an array given by a table takes the _L export, which takes every array operand by a
 // table: all arrays of one call are tables, or none. A call with an operand given by element
 // pointers takes the _P export, which takes every matrix and vector operand, single or array, by
@@ -311,6 +319,27 @@ struct object_traits<const std::array<std::array<T, C>, R>, std::enable_if_t<is_
     static const T* first(const std::array<std::array<T, C>, R>& o) noexcept { return o[0].data(); }
 };
 
+// The byte step between the elements of a row of a matrix object: the element's size, or the
+// elem_bytes its traits declare (a matrix stored column by column).
+template <class O, class = void>
+struct elem_step {
+    static constexpr int value = static_cast<int>(sizeof(typename O::elem));
+};
+template <class O>
+struct elem_step<O, std::void_t<decltype(O::elem_bytes)>> {
+    static constexpr int value = O::elem_bytes;
+};
+// Whether a matrix object (its traits O) lies column by column, as the packed rows of its transpose.
+template <class O, class = void>
+struct column_major_object : std::false_type {};
+template <class O>
+struct column_major_object<O, std::void_t<decltype(O::column_major)>> : std::bool_constant<O::column_major> {};
+
+// Whether a type with data() and size() holds its objects there, in order; an adapter sets it
+// false for views and expressions that have both but lie otherwise (omkm_eigen.hpp: Eigen's).
+template <class X, class = void>
+struct data_is_objects : std::true_type {};
+
 // Containers: C arrays and anything with data() and size() (std::vector, std::array, std::span).
 template <class X, class = void>
 struct container_traits {
@@ -325,7 +354,7 @@ struct container_traits<O[N]> {
 };
 template <class X>
 struct container_traits<X, std::void_t<decltype(std::declval<X&>().data()), decltype(std::declval<X&>().size())>> {
-    static constexpr bool is = std::is_pointer_v<decltype(std::declval<X&>().data())>;
+    static constexpr bool is = std::is_pointer_v<decltype(std::declval<X&>().data())> && data_is_objects<X>::value;
     using object = std::remove_pointer_t<decltype(std::declval<X&>().data())>;
     static object* data(X& x) noexcept { return x.data(); }
     static int size(X& x) noexcept { return to_int(x.size()); }
@@ -392,7 +421,7 @@ constexpr auto describe(X&& x) {
     } else if constexpr (detail::object_traits<B>::kind == detail::shape::matrix) {
         using O = detail::object_traits<B>;
         using E = typename O::elem;
-        return matrix_desc<E, false>{O::first(x), 1, O::rows, O::cols, 0, O::row_bytes, static_cast<int>(sizeof(E))};
+        return matrix_desc<E, false>{O::first(x), 1, O::rows, O::cols, 0, O::row_bytes, detail::elem_step<O>::value};
     } else if constexpr (detail::object_traits<B>::kind == detail::shape::vector) {
         using O = detail::object_traits<B>;
         using E = typename O::elem;
@@ -407,9 +436,8 @@ constexpr auto describe(X&& x) {
             // A container of scalars is one vector of run-time length.
             return vector_desc<Obj, false>{base, 1, n, 0, static_cast<int>(sizeof(Obj))};
         } else if constexpr (O::kind == detail::shape::matrix) {
-            using E = typename O::elem;
             return strided_matrices(n != 0 ? O::first(*base) : nullptr, n, O::rows, O::cols,
-                                    static_cast<int>(sizeof(Obj)), O::row_bytes, static_cast<int>(sizeof(E)));
+                                    static_cast<int>(sizeof(Obj)), O::row_bytes, detail::elem_step<O>::value);
         } else if constexpr (O::kind == detail::shape::vector) {
             using E = typename O::elem;
             return strided_vectors(n != 0 ? O::first(*base) : nullptr, n, O::len, static_cast<int>(sizeof(Obj)),
@@ -567,7 +595,7 @@ constexpr auto field_of_pointers(X& records, M S::*member) {
     if constexpr (O::kind == shape::matrix) {
         using E = typename O::elem;
         return matrix_desc<E, true, true>{reinterpret_cast<E**>(base), n, O::rows, O::cols, roi, O::row_bytes,
-                                          static_cast<int>(sizeof(E))};
+                                          elem_step<O>::value};
     } else if constexpr (O::kind == shape::vector) {
         using E = typename O::elem;
         return vector_desc<E, true, true>{reinterpret_cast<E**>(base), n, O::len, roi, static_cast<int>(sizeof(E))};
@@ -600,9 +628,8 @@ constexpr auto field(X&& records, M S::*member) {
         Rec* base = Ct::data(records);
         constexpr int rec = static_cast<int>(sizeof(Rec));
         if constexpr (O::kind == detail::shape::matrix) {
-            using E = typename O::elem;
             return strided_matrices(n != 0 ? O::first(base->*member) : nullptr, n, O::rows, O::cols, rec, O::row_bytes,
-                                    static_cast<int>(sizeof(E)));
+                                    detail::elem_step<O>::value);
         } else if constexpr (O::kind == detail::shape::vector) {
             using E = typename O::elem;
             return strided_vectors(n != 0 ? O::first(base->*member) : nullptr, n, O::len, rec,
@@ -1069,21 +1096,64 @@ OMKM_HPP_INLINE status call_with(const Parts&... parts) {
     return std::apply([](auto... a) { return status(R::template call<E>(a...)); }, std::tuple_cat(parts...));
 }
 
+
+// A matrix that lies column by column (column_major_object), or a container of them.
+template <class X, class = void>
+struct column_major : column_major_object<object_traits<X>> {};
+template <class X>
+struct column_major<X, std::enable_if_t<object_traits<X>::kind == shape::none && container_traits<X>::is>>
+    : column_major_object<object_traits<typename container_traits<X>::object>> {};
+template <class X>
+inline constexpr bool column_major_v = column_major<std::remove_reference_t<X>>::value;
+
+// The stored rows of a column-major R x C matrix (or of each of an array): its transpose, C x R, packed.
+template <class X>
+constexpr auto stored_rows(X& x) {
+    using B = std::remove_reference_t<X>;
+    if constexpr (object_traits<B>::kind == shape::matrix) {
+        using O = object_traits<B>;
+        return matrix_desc<typename O::elem, false>{O::first(x), 1, O::cols, O::rows, 0, O::elem_bytes, O::row_bytes};
+    } else {
+        using Ct = container_traits<B>;
+        using O = object_traits<typename Ct::object>;
+        const int n = Ct::size(x);
+        return strided_matrices(n != 0 ? O::first(*Ct::data(x)) : nullptr, n, O::cols, O::rows,
+                                static_cast<int>(sizeof(typename Ct::object)), O::elem_bytes, O::row_bytes);
+    }
+}
 }  // namespace detail
 
 // A matrix, or an array of matrices, read transposed; transposed twice is the matrix as stored.
+// A column-major matrix read transposed is its stored rows.
 template <class X>
 constexpr auto transposed(X&& x) {
-    const auto d = describe(std::forward<X>(x));
-    using D = std::decay_t<decltype(d)>;
-    constexpr int k = detail::kind_of<D>::value;
-    static_assert(k >= 0 && ((k & 7) == detail::k_m || (k & 7) == detail::k_t),
-                  "omkm::transposed: only a matrix or an array of matrices can be read transposed");
-    if constexpr ((k & 7) == detail::k_t)
-        return d.m;
-    else
-        return transposed_desc<D>{d};
+    if constexpr (detail::column_major_v<X>) {
+        return detail::stored_rows(x);
+    } else {
+        const auto d = describe(std::forward<X>(x));
+        using D = std::decay_t<decltype(d)>;
+        constexpr int k = detail::kind_of<D>::value;
+        static_assert(k >= 0 && ((k & 7) == detail::k_m || (k & 7) == detail::k_t),
+                      "omkm::transposed: only a matrix or an array of matrices can be read transposed");
+        if constexpr ((k & 7) == detail::k_t)
+            return d.m;
+        else
+            return transposed_desc<D>{d};
+    }
 }
+
+namespace detail {
+// A source of a matrix product: a column-major matrix as its stored rows read transposed (the
+// library's packed path: the bits of a row-major copy, and faster than the same matrix by
+// strides); anything else as described.
+template <class X>
+constexpr auto product_source(X&& x) {
+    if constexpr (column_major_v<X>)
+        return transposed(stored_rows(x));
+    else
+        return describe(std::forward<X>(x));
+}
+}  // namespace detail
 
 // ---------------------------------------------------------------- the operations
 
@@ -1361,13 +1431,18 @@ OMKM_HPP_INLINE status scalar_of_object(A&& a, Out& out, Buf buffer) {
 template <class A, class B, class Dst>
 [[nodiscard]] OMKM_HPP_INLINE status mul(A&& a, B&& b, Dst&& dst) {
     using namespace detail;
-    constexpr int ka0 = kind_of<std::decay_t<decltype(describe(std::declval<A>()))>>::value;
-    constexpr int kb0 = kind_of<std::decay_t<decltype(describe(std::declval<B>()))>>::value;
+    constexpr int ka0 = kind_of<std::decay_t<decltype(product_source(std::declval<A>()))>>::value;
+    constexpr int kb0 = kind_of<std::decay_t<decltype(product_source(std::declval<B>()))>>::value;
     if constexpr ((ka0 & 7) == k_c || (kb0 & 7) == k_c) {
         return add_sub<fam::scale>(std::forward<A>(a), std::forward<B>(b), std::forward<Dst>(dst));
+    } else if constexpr (column_major_v<Dst> && ((ka0 & 7) == k_m || (ka0 & 7) == k_t) &&
+                         ((kb0 & 7) == k_m || (kb0 & 7) == k_t)) {
+        // A column-major destination's stored rows are the transpose of the product, b' a': every
+        // element the same terms in the same order, on the packed path when the sources allow it.
+        return mul(transposed(std::forward<B>(b)), transposed(std::forward<A>(a)), stored_rows(dst));
     } else {
-        const auto da = describe(std::forward<A>(a));
-        const auto db = describe(std::forward<B>(b));
+        const auto da = product_source(std::forward<A>(a));
+        const auto db = product_source(std::forward<B>(b));
         const auto dd = describe(std::forward<Dst>(dst));
         using DA = std::decay_t<decltype(da)>;
         using DB = std::decay_t<decltype(db)>;

@@ -38,7 +38,7 @@ FAULTS = os.path.join(REPO, "tools", "faults.txt")
 DEFAULT_SCRATCH = "/tmp/omkm-faults/src"
 
 # Where faults may be planted: hand-written sources of the libraries and of the Python package.
-ALLOWED = re.compile(r"^(src/.+\.(h|cpp)|include/omkm\.hpp|python/omkm/[^/]+\.(py|c))$")
+ALLOWED = re.compile(r"^(src/.+\.(h|cpp)|include/omkm\.hpp|include/omkm_eigen\.hpp|python/omkm/[^/]+\.(py|c))$")
 # Never there: tests, fuzzing, tools, benchmarks and generated files.
 FORBIDDEN = re.compile(r"^(tests/|python/tests/|fuzz/|tools/|bench/|include/omkm\.h$)|_entries\.cpp$")
 AREAS = ("frame", "driver", "core", "add", "move", "transpose", "saxpy", "mul", "scale", "dot", "norm",

@@ -10,6 +10,11 @@ rm -rf "$work"
 mkdir -p "$work"
 prefix=$work/prefix
 "$cmake_bin" --install "$build" --prefix "$prefix" >/dev/null
+hpp=$(find "$prefix" -name omkm.hpp)
+if [ ! -f "$(dirname "$hpp")/omkm_eigen.hpp" ]; then
+  echo "omkm_eigen.hpp is not installed beside omkm.hpp ($hpp)"
+  exit 1
+fi
 
 from_prefix() {  # the program's libomkm and libomkcore come from the prefix
   local deps
