@@ -274,6 +274,33 @@ template <int N, bool Dense, class T, class AO>
     }
 }
 
+// dst = A * B for one 3x3 float object whose rows follow each other without a gap in all three
+// operands. Rows 0 and 1 of the result share a 256-bit register, one per half, and row 2 takes a
+// 128-bit one; every lane runs the chain order. A's first eight elements come in one load and
+// each term's multipliers for rows 0 and 1 are spread from it by one permutation (instead of six
+// broadcasts from memory: the loads, not the fused operations, bound the row-by-row kernel). Row
+// k of B is repeated in both halves. Nothing outside the three objects is read or written: B's
+// last row is read from one element earlier and moved into place, and the result's rows are
+// stored in order, each 4-lane store's fourth element rewritten by the next row.
+[[gnu::always_inline]] inline void rows3x3(float* d, const float* a, const float* b) {
+    const __m256 a01 = _mm256_loadu_ps(a);  // a00 ... a21
+    const __m256 b0 = _mm256_broadcast_ps(reinterpret_cast<const __m128*>(b));
+    const __m256 b1 = _mm256_broadcast_ps(reinterpret_cast<const __m128*>(b + 3));
+    const __m256 b2 = _mm256_permute_ps(_mm256_broadcast_ps(reinterpret_cast<const __m128*>(b + 5)), 0xF9);
+    const __m256 s0 = _mm256_permutevar8x32_ps(a01, _mm256_setr_epi32(0, 0, 0, 0, 3, 3, 3, 3));
+    const __m256 s1 = _mm256_permutevar8x32_ps(a01, _mm256_setr_epi32(1, 1, 1, 1, 4, 4, 4, 4));
+    const __m256 s2 = _mm256_permutevar8x32_ps(a01, _mm256_setr_epi32(2, 2, 2, 2, 5, 5, 5, 5));
+    __m256 t = _mm256_mul_ps(s1, b1);
+    t = _mm256_fmadd_ps(s0, b0, t);
+    t = _mm256_fmadd_ps(s2, b2, t);
+    __m128 u = _mm_mul_ps(_mm_broadcast_ss(a + 7), _mm256_castps256_ps128(b1));
+    u = _mm_fmadd_ps(_mm_broadcast_ss(a + 6), _mm256_castps256_ps128(b0), u);
+    u = _mm_fmadd_ps(_mm_broadcast_ss(a + 8), _mm256_castps256_ps128(b2), u);
+    _mm_storeu_ps(d, _mm256_castps256_ps128(t));
+    _mm_storeu_ps(d + 3, _mm256_extractf128_ps(t, 1));
+    Row<float, 3>::store(d + 6, u);
+}
+
 // dst = A * B for 4x4 floats whose rows are all packed: rows (0, 1) and (2, 3) of the result in
 // two 256-bit registers. Element k of each half of an A row pair is spread over its half and row k
 // of B is repeated in both halves, so every lane runs the chain order. Both sources are read
