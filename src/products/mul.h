@@ -165,7 +165,7 @@ template <int N, bool Dense, class D, class A, class B>
     if (A::kMatrix && a.colStep() == e) {
         if (Dense && a.rowStep() == rowBytes) {
             // Every object is one run of N*N elements: all offsets inside an object are constants.
-            if constexpr (N == 3 && sizeof(T) == 4) {
+            if constexpr (N == 3) {
 #pragma GCC unroll 2
                 for (int32_t k = 0; k < count; ++k) rows3x3(d.obj(k).p, a.obj(k).p, b.obj(k).p);
                 return;

@@ -274,7 +274,7 @@ template <int N, bool Dense, class T, class AO>
     }
 }
 
-// dst = A * B for one 3x3 float object whose rows follow each other without a gap in all three
+// dst = A * B for one 3x3 object whose rows follow each other without a gap in all three
 // operands. Rows 0 and 1 of the result share a 256-bit register, one per half, and row 2 takes a
 // 128-bit one; every lane runs the chain order. A's first eight elements come in one load and
 // each term's multipliers for rows 0 and 1 are spread from it by one permutation (instead of six
@@ -299,6 +299,26 @@ template <int N, bool Dense, class T, class AO>
     _mm_storeu_ps(d, _mm256_castps256_ps128(t));
     _mm_storeu_ps(d + 3, _mm256_extractf128_ps(t, 1));
     Row<float, 3>::store(d + 6, u);
+}
+
+// The same for doubles, one row per 256-bit register: each row of A comes in one load (the last
+// from one element earlier) and its three multipliers are spread by permutations, B's last row
+// likewise, so the object takes six loads instead of twelve.
+[[gnu::always_inline]] inline void rows3x3(double* d, const double* a, const double* b) {
+    const __m256d b0 = _mm256_loadu_pd(b), b1 = _mm256_loadu_pd(b + 3);
+    const __m256d b2 = _mm256_permute4x64_pd(_mm256_loadu_pd(b + 5), 0xF9);
+    const __m256d a0 = _mm256_loadu_pd(a), a1 = _mm256_loadu_pd(a + 3), a2 = _mm256_loadu_pd(a + 5);
+    auto row = [&](__m256d x0, __m256d x1, __m256d x2) {
+        const __m256d t = _mm256_mul_pd(x1, b1);
+        return _mm256_fmadd_pd(x2, b2, _mm256_fmadd_pd(x0, b0, t));
+    };
+    const __m256d r0 = row(_mm256_permute4x64_pd(a0, 0x00), _mm256_permute4x64_pd(a0, 0x55), _mm256_permute4x64_pd(a0, 0xAA));
+    const __m256d r1 = row(_mm256_permute4x64_pd(a1, 0x00), _mm256_permute4x64_pd(a1, 0x55), _mm256_permute4x64_pd(a1, 0xAA));
+    const __m256d r2 = row(_mm256_permute4x64_pd(a2, 0x55), _mm256_permute4x64_pd(a2, 0xAA), _mm256_permute4x64_pd(a2, 0xFF));
+    _mm256_storeu_pd(d, r0);
+    _mm256_storeu_pd(d + 3, r1);
+    _mm_storeu_pd(d + 6, _mm256_castpd256_pd128(r2));
+    _mm_store_sd(d + 8, _mm256_extractf128_pd(r2, 1));
 }
 
 // dst = A * B for 4x4 floats whose rows are all packed: rows (0, 1) and (2, 3) of the result in
