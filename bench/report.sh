@@ -11,7 +11,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake -S . -B build-bench -DOMKM_BUILD_BENCH=ON -DOMKM_BUILD_TESTS=OFF -DCMAKE_BUILD_TYPE=Release
-cmake --build build-bench --target omkm_bench omkm_contention -j"${JOBS:-2}"
+cmake --build build-bench --target omkm_bench omkm_contention _ufuncs -j"${JOBS:-2}"
 # The Python binding against numpy first (docs/python_numpy.md and its plots), so that the report
 # links the page of this run.
 # numpy's linalg on stacks runs one OpenBLAS thread: with more, its calls on small matrices slow down
