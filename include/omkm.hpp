@@ -734,10 +734,16 @@ struct route {
     }
 };
 
-#define OMKM_HPP_ROUTE(F, K, CNAME) OMKM_HPP_ROUTE_AS(F, K, false, CNAME, _32f, _64f)
-#define OMKM_HPP_ROUTES(F, K, CNAME)                  \
-    OMKM_HPP_ROUTE_AS(F, K, false, CNAME, _32f, _64f) \
-    OMKM_HPP_ROUTE_AS(F, K, true, CNAME, _32f_L, _64f_L)
+// Every group of the export table has a _P member; a group with an array operand also has an _L
+// member. OMKM_HPP_ROUTE gives a group of single objects its standard and _P routes,
+// OMKM_HPP_ROUTES a group with an array all three.
+#define OMKM_HPP_ROUTE(F, K, CNAME)                \
+    OMKM_HPP_ROUTE_AS(F, K, 0, CNAME, _32f, _64f) \
+    OMKM_HPP_ROUTE_AS(F, K, 2, CNAME, _32f_P, _64f_P)
+#define OMKM_HPP_ROUTES(F, K, CNAME)                   \
+    OMKM_HPP_ROUTE_AS(F, K, 0, CNAME, _32f, _64f)      \
+    OMKM_HPP_ROUTE_AS(F, K, 1, CNAME, _32f_L, _64f_L)  \
+    OMKM_HPP_ROUTE_AS(F, K, 2, CNAME, _32f_P, _64f_P)
 #define OMKM_HPP_ROUTE_AS(F, K, L, CNAME, S32, S64)                                   \
     template <>                                                                       \
     struct route<fam::F, K, L> {                                                      \
@@ -880,11 +886,9 @@ OMKM_HPP_ROUTE(eigright, key(m, m), EigenValuesVectorsRight_m)
 OMKM_HPP_ROUTES(eigright, key(ma, ma), EigenValuesVectorsRight_ma)
 OMKM_HPP_ROUTE(eigboth, key(m, m), EigenValuesVectors_m)
 OMKM_HPP_ROUTES(eigboth, key(ma, ma), EigenValuesVectors_ma)
-OMKM_HPP_ROUTE(eigbuf, key(k_none), EigenValuesGetBufSize)  // (widthHeight, int* bytes)
-OMKM_HPP_ROUTE(eigvecbuf, key(k_none), EigenValuesVectorsGetBufSize)
-
-#undef OMKM_HPP_ROUTE
-#undef OMKM_HPP_ROUTES
+// The scratch size queries describe no operand: a standard route only.
+OMKM_HPP_ROUTE_AS(eigbuf, key(k_none), 0, EigenValuesGetBufSize, _32f, _64f)  // (widthHeight, int* bytes)
+OMKM_HPP_ROUTE_AS(eigvecbuf, key(k_none), 0, EigenValuesVectorsGetBufSize, _32f, _64f)
 
 // ---- pieces of the argument lists
 
@@ -1667,143 +1671,12 @@ template <class A, class B, class Dst>
         return status(R::template call<E>(src(da.p), da.s0, da.s2, src(db.p), db.s0, db.s2, dd.p, dd.s0, dd.s2, n));
 }
 
-// ---------------------------------------------------------------- the pointer description's routes
+// ---------------------------------------------------------------- routes of data movement, scaled sums and trace
 
 namespace detail {
 
-// The _P members of the families of the export table above: every member has one but the scratch
-// size queries (whose arguments describe no operand).
-#define OMKM_HPP_ROUTE_P(F, K, CNAME) OMKM_HPP_ROUTE_AS(F, K, 2, CNAME, _32f_P, _64f_P)
-OMKM_HPP_ROUTE_P(add, key(m, m), Add_mm)
-OMKM_HPP_ROUTE_P(add, key(t, m), Add_tm)
-OMKM_HPP_ROUTE_P(add, key(t, t), Add_tt)
-OMKM_HPP_ROUTE_P(add, key(ma, m), Add_mam)
-OMKM_HPP_ROUTE_P(add, key(ta, m), Add_tam)
-OMKM_HPP_ROUTE_P(add, key(ma, t), Add_mat)
-OMKM_HPP_ROUTE_P(add, key(ta, t), Add_tat)
-OMKM_HPP_ROUTE_P(add, key(ma, ma), Add_mama)
-OMKM_HPP_ROUTE_P(add, key(ta, ma), Add_tama)
-OMKM_HPP_ROUTE_P(add, key(ta, ta), Add_tata)
-OMKM_HPP_ROUTE_P(add, key(v, v), Add_vv)
-OMKM_HPP_ROUTE_P(add, key(v, c), Add_vc)
-OMKM_HPP_ROUTE_P(add, key(va, v), Add_vav)
-OMKM_HPP_ROUTE_P(add, key(va, va), Add_vava)
-OMKM_HPP_ROUTE_P(add, key(va, c), Add_vac)
-OMKM_HPP_ROUTE_P(add, key(v, ca), Add_vca)
-OMKM_HPP_ROUTE_P(add, key(va, ca), Add_vaca)
-OMKM_HPP_ROUTE_P(sub, key(m, m), Sub_mm)
-OMKM_HPP_ROUTE_P(sub, key(t, m), Sub_tm)
-OMKM_HPP_ROUTE_P(sub, key(m, t), Sub_mt)
-OMKM_HPP_ROUTE_P(sub, key(t, t), Sub_tt)
-OMKM_HPP_ROUTE_P(sub, key(ma, m), Sub_mam)
-OMKM_HPP_ROUTE_P(sub, key(ta, m), Sub_tam)
-OMKM_HPP_ROUTE_P(sub, key(ma, t), Sub_mat)
-OMKM_HPP_ROUTE_P(sub, key(ta, t), Sub_tat)
-OMKM_HPP_ROUTE_P(sub, key(m, ma), Sub_mma)
-OMKM_HPP_ROUTE_P(sub, key(t, ma), Sub_tma)
-OMKM_HPP_ROUTE_P(sub, key(m, ta), Sub_mta)
-OMKM_HPP_ROUTE_P(sub, key(t, ta), Sub_tta)
-OMKM_HPP_ROUTE_P(sub, key(ma, ma), Sub_mama)
-OMKM_HPP_ROUTE_P(sub, key(ta, ma), Sub_tama)
-OMKM_HPP_ROUTE_P(sub, key(ta, ta), Sub_tata)
-OMKM_HPP_ROUTE_P(sub, key(ma, ta), Sub_mata)
-OMKM_HPP_ROUTE_P(sub, key(v, v), Sub_vv)
-OMKM_HPP_ROUTE_P(sub, key(v, c), Sub_vc)
-OMKM_HPP_ROUTE_P(sub, key(c, v), Sub_cv)
-OMKM_HPP_ROUTE_P(sub, key(va, v), Sub_vav)
-OMKM_HPP_ROUTE_P(sub, key(v, va), Sub_vva)
-OMKM_HPP_ROUTE_P(sub, key(va, va), Sub_vava)
-OMKM_HPP_ROUTE_P(sub, key(va, c), Sub_vac)
-OMKM_HPP_ROUTE_P(sub, key(c, va), Sub_cva)
-OMKM_HPP_ROUTE_P(sub, key(v, ca), Sub_vca)
-OMKM_HPP_ROUTE_P(sub, key(ca, v), Sub_cav)
-OMKM_HPP_ROUTE_P(sub, key(va, ca), Sub_vaca)
-OMKM_HPP_ROUTE_P(sub, key(ca, va), Sub_cava)
-OMKM_HPP_ROUTE_P(mul, key(m, m), Mul_mm)
-OMKM_HPP_ROUTE_P(mul, key(m, t), Mul_mt)
-OMKM_HPP_ROUTE_P(mul, key(t, m), Mul_tm)
-OMKM_HPP_ROUTE_P(mul, key(t, t), Mul_tt)
-OMKM_HPP_ROUTE_P(mul, key(m, ma), Mul_mma)
-OMKM_HPP_ROUTE_P(mul, key(m, ta), Mul_mta)
-OMKM_HPP_ROUTE_P(mul, key(t, ma), Mul_tma)
-OMKM_HPP_ROUTE_P(mul, key(t, ta), Mul_tta)
-OMKM_HPP_ROUTE_P(mul, key(ma, m), Mul_mam)
-OMKM_HPP_ROUTE_P(mul, key(ma, t), Mul_mat)
-OMKM_HPP_ROUTE_P(mul, key(ta, m), Mul_tam)
-OMKM_HPP_ROUTE_P(mul, key(ta, t), Mul_tat)
-OMKM_HPP_ROUTE_P(mul, key(ma, ma), Mul_mama)
-OMKM_HPP_ROUTE_P(mul, key(ma, ta), Mul_mata)
-OMKM_HPP_ROUTE_P(mul, key(ta, ma), Mul_tama)
-OMKM_HPP_ROUTE_P(mul, key(ta, ta), Mul_tata)
-OMKM_HPP_ROUTE_P(mul, key(m, v), Mul_mv)
-OMKM_HPP_ROUTE_P(mul, key(t, v), Mul_tv)
-OMKM_HPP_ROUTE_P(mul, key(m, va), Mul_mva)
-OMKM_HPP_ROUTE_P(mul, key(t, va), Mul_tva)
-OMKM_HPP_ROUTE_P(mul, key(ma, v), Mul_mav)
-OMKM_HPP_ROUTE_P(mul, key(ta, v), Mul_tav)
-OMKM_HPP_ROUTE_P(mul, key(ma, va), Mul_mava)
-OMKM_HPP_ROUTE_P(mul, key(ta, va), Mul_tava)
-OMKM_HPP_ROUTE_P(scale, key(m, c), Mul_mc)
-OMKM_HPP_ROUTE_P(scale, key(t, c), Mul_tc)
-OMKM_HPP_ROUTE_P(scale, key(v, c), Mul_vc)
-OMKM_HPP_ROUTE_P(scale, key(ma, c), Mul_mac)
-OMKM_HPP_ROUTE_P(scale, key(ta, c), Mul_tac)
-OMKM_HPP_ROUTE_P(scale, key(va, c), Mul_vac)
-OMKM_HPP_ROUTE_P(scale, key(va, ca), Mul_vaca)
-OMKM_HPP_ROUTE_P(scale, key(v, ca), Mul_vca)
-// and of the dot and cross products, the norms, Det and Invert
-OMKM_HPP_ROUTE_P(dot, key(v, v), DotProduct_vv)
-OMKM_HPP_ROUTE_P(dot, key(va, v), DotProduct_vav)
-OMKM_HPP_ROUTE_P(dot, key(va, va), DotProduct_vava)
-OMKM_HPP_ROUTE_P(cross, key(v, v), CrossProduct_vv)
-OMKM_HPP_ROUTE_P(cross, key(va, v), CrossProduct_vav)
-OMKM_HPP_ROUTE_P(cross, key(v, va), CrossProduct_vva)
-OMKM_HPP_ROUTE_P(cross, key(va, va), CrossProduct_vava)
-OMKM_HPP_ROUTE_P(l2norm, key(v), L2Norm_v)
-OMKM_HPP_ROUTE_P(l2norm, key(va), L2Norm_va)
-OMKM_HPP_ROUTE_P(frobnorm, key(m), FrobNorm_m)
-OMKM_HPP_ROUTE_P(frobnorm, key(ma), FrobNorm_ma)
-OMKM_HPP_ROUTE_P(det, key(m), Det_m)
-OMKM_HPP_ROUTE_P(det, key(ma), Det_ma)
-OMKM_HPP_ROUTE_P(invert, key(m), Invert_m)
-OMKM_HPP_ROUTE_P(invert, key(ma), Invert_ma)
-// and of the factorizations, their solvers and the eigenproblems (not the scratch size queries)
-OMKM_HPP_ROUTE_P(lu, key(m), LUDecomp_m)
-OMKM_HPP_ROUTE_P(lu, key(ma), LUDecomp_ma)
-OMKM_HPP_ROUTE_P(lusolve, key(m, v), LUBackSubst_mv)
-OMKM_HPP_ROUTE_P(lusolve, key(m, va), LUBackSubst_mva)
-OMKM_HPP_ROUTE_P(lusolve, key(ma, va), LUBackSubst_mava)
-OMKM_HPP_ROUTE_P(chol, key(m), CholeskyDecomp_m)
-OMKM_HPP_ROUTE_P(chol, key(ma), CholeskyDecomp_ma)
-OMKM_HPP_ROUTE_P(cholsolve, key(m, v), CholeskyBackSubst_mv)
-OMKM_HPP_ROUTE_P(cholsolve, key(m, va), CholeskyBackSubst_mva)
-OMKM_HPP_ROUTE_P(cholsolve, key(ma, va), CholeskyBackSubst_mava)
-OMKM_HPP_ROUTE_P(qr, key(m), QRDecomp_m)
-OMKM_HPP_ROUTE_P(qr, key(ma), QRDecomp_ma)
-OMKM_HPP_ROUTE_P(qrsolve, key(m, v), QRBackSubst_mv)
-OMKM_HPP_ROUTE_P(qrsolve, key(m, va), QRBackSubst_mva)
-OMKM_HPP_ROUTE_P(qrsolve, key(ma, va), QRBackSubst_mava)
-OMKM_HPP_ROUTE_P(eigsym, key(m), EigenValuesSym_m)
-OMKM_HPP_ROUTE_P(eigsym, key(ma), EigenValuesSym_ma)
-OMKM_HPP_ROUTE_P(eigsymvec, key(m, m), EigenValuesVectorsSym_m)
-OMKM_HPP_ROUTE_P(eigsymvec, key(ma, ma), EigenValuesVectorsSym_ma)
-OMKM_HPP_ROUTE_P(eig, key(m), EigenValues_m)
-OMKM_HPP_ROUTE_P(eig, key(ma), EigenValues_ma)
-OMKM_HPP_ROUTE_P(eigleft, key(m, m), EigenValuesVectorsLeft_m)
-OMKM_HPP_ROUTE_P(eigleft, key(ma, ma), EigenValuesVectorsLeft_ma)
-OMKM_HPP_ROUTE_P(eigright, key(m, m), EigenValuesVectorsRight_m)
-OMKM_HPP_ROUTE_P(eigright, key(ma, ma), EigenValuesVectorsRight_ma)
-OMKM_HPP_ROUTE_P(eigboth, key(m, m), EigenValuesVectors_m)
-OMKM_HPP_ROUTE_P(eigboth, key(ma, ma), EigenValuesVectors_ma)
-// Families with a standard and a _P member (single objects), or all three descriptions (arrays).
-#define OMKM_HPP_ROUTE_SP(F, K, CNAME)                 \
-    OMKM_HPP_ROUTE_AS(F, K, 0, CNAME, _32f, _64f)      \
-    OMKM_HPP_ROUTE_AS(F, K, 2, CNAME, _32f_P, _64f_P)
-#define OMKM_HPP_ROUTE_SLP(F, K, CNAME)                \
-    OMKM_HPP_ROUTE_AS(F, K, 0, CNAME, _32f, _64f)      \
-    OMKM_HPP_ROUTE_AS(F, K, 1, CNAME, _32f_L, _64f_L)  \
-    OMKM_HPP_ROUTE_AS(F, K, 2, CNAME, _32f_P, _64f_P)
-// Copy: the source's description letter, then the destination's (S 0, L 1, P 2).
+// As the export table above; a Copy route names the source's description letter, then the
+// destination's (S 0, L 1, P 2).
 #define OMKM_HPP_ROUTE_COPY(K, CNAME, S, D, XY) OMKM_HPP_ROUTE_AS(copy, key(K), 3 * S + D, CNAME, _32f_##XY, _64f_##XY)
 #define OMKM_HPP_ROUTES_COPY(K, CNAME)         \
     OMKM_HPP_ROUTE_COPY(K, CNAME, 0, 0, SS)    \
@@ -1818,32 +1691,31 @@ OMKM_HPP_ROUTE_P(eigboth, key(ma, ma), EigenValuesVectors_ma)
 
 OMKM_HPP_ROUTES_COPY(ma, Copy_ma)
 OMKM_HPP_ROUTES_COPY(va, Copy_va)
-OMKM_HPP_ROUTE_SP(extract, key(m), Extract_m)
-OMKM_HPP_ROUTE_SP(extract, key(t), Extract_t)
-OMKM_HPP_ROUTE_SP(extract, key(v), Extract_v)
-OMKM_HPP_ROUTE_SLP(extract, key(ma), Extract_ma)
-OMKM_HPP_ROUTE_SLP(extract, key(ta), Extract_ta)
-OMKM_HPP_ROUTE_SLP(extract, key(va), Extract_va)
-OMKM_HPP_ROUTE_SLP(identity, key(ma), LoadIdentity_ma)
-OMKM_HPP_ROUTE_SP(transpose, key(m), Transpose_m)
-OMKM_HPP_ROUTE_SLP(transpose, key(ma), Transpose_ma)
-OMKM_HPP_ROUTE_SP(saxpy, key(v, v), Saxpy_vv)
-OMKM_HPP_ROUTE_SLP(saxpy, key(va, v), Saxpy_vav)
-OMKM_HPP_ROUTE_SLP(saxpy, key(v, va), Saxpy_vva)
-OMKM_HPP_ROUTE_SLP(saxpy, key(va, va), Saxpy_vava)
-OMKM_HPP_ROUTE_SP(lcomb, key(v, v), LComb_vv)
-OMKM_HPP_ROUTE_SLP(lcomb, key(va, v), LComb_vav)
-OMKM_HPP_ROUTE_SLP(lcomb, key(va, va), LComb_vava)
+OMKM_HPP_ROUTE(extract, key(m), Extract_m)
+OMKM_HPP_ROUTE(extract, key(t), Extract_t)
+OMKM_HPP_ROUTE(extract, key(v), Extract_v)
+OMKM_HPP_ROUTES(extract, key(ma), Extract_ma)
+OMKM_HPP_ROUTES(extract, key(ta), Extract_ta)
+OMKM_HPP_ROUTES(extract, key(va), Extract_va)
+OMKM_HPP_ROUTES(identity, key(ma), LoadIdentity_ma)
+OMKM_HPP_ROUTE(transpose, key(m), Transpose_m)
+OMKM_HPP_ROUTES(transpose, key(ma), Transpose_ma)
+OMKM_HPP_ROUTE(saxpy, key(v, v), Saxpy_vv)
+OMKM_HPP_ROUTES(saxpy, key(va, v), Saxpy_vav)
+OMKM_HPP_ROUTES(saxpy, key(v, va), Saxpy_vva)
+OMKM_HPP_ROUTES(saxpy, key(va, va), Saxpy_vava)
+OMKM_HPP_ROUTE(lcomb, key(v, v), LComb_vv)
+OMKM_HPP_ROUTES(lcomb, key(va, v), LComb_vav)
+OMKM_HPP_ROUTES(lcomb, key(va, va), LComb_vava)
 // Gaxpy, keyed by x and b (the matrix is always one matrix): mv, mva (b an array), mvav (one b)
-OMKM_HPP_ROUTE_SP(gaxpy, key(v, v), Gaxpy_mv)
-OMKM_HPP_ROUTE_SLP(gaxpy, key(va, va), Gaxpy_mva)
-OMKM_HPP_ROUTE_SLP(gaxpy, key(va, v), Gaxpy_mvav)
-OMKM_HPP_ROUTE_SP(trace, key(m), Trace_m)
-OMKM_HPP_ROUTE_SLP(trace, key(ma), Trace_ma)
+OMKM_HPP_ROUTE(gaxpy, key(v, v), Gaxpy_mv)
+OMKM_HPP_ROUTES(gaxpy, key(va, va), Gaxpy_mva)
+OMKM_HPP_ROUTES(gaxpy, key(va, v), Gaxpy_mvav)
+OMKM_HPP_ROUTE(trace, key(m), Trace_m)
+OMKM_HPP_ROUTES(trace, key(ma), Trace_ma)
 
-#undef OMKM_HPP_ROUTE_P
-#undef OMKM_HPP_ROUTE_SP
-#undef OMKM_HPP_ROUTE_SLP
+#undef OMKM_HPP_ROUTE
+#undef OMKM_HPP_ROUTES
 #undef OMKM_HPP_ROUTE_COPY
 #undef OMKM_HPP_ROUTES_COPY
 #undef OMKM_HPP_ROUTE_AS
