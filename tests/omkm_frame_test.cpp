@@ -108,6 +108,22 @@ TEST(WorkFigures, WrapInSigned32BitAndAWrappedFigureStaysSerial) {
     EXPECT_EQ(arrayAndConstArray({5, 1, 7}), 7 * 11);
 }
 
+TEST(WorkFigures, ObjectsAreWalkedByPointerStepsOnlyWhileNoOffsetWraps) {
+    // (count - 1) * s0 at the edges of the signed 32-bit range, for either sign of the stride.
+    float x = 0;
+    const int32_t last = INT32_MAX / 36 + 1;  // 59652324 objects: offset 2147483628
+    for (const int32_t s0 : {36, -36}) {
+        const auto v = omk::matArr(&x, s0, 12, 4);
+        EXPECT_TRUE(v.linear(last)) << s0;
+        EXPECT_FALSE(v.linear(last + 1)) << s0;
+        EXPECT_EQ(omk::objectBytes(v), s0);
+    }
+    EXPECT_TRUE(omk::matArr(&x, INT32_MAX - 3, 12, 4).linear(2));
+    EXPECT_FALSE(omk::matArr(&x, 1 << 30, 12, 4).linear(3));
+    float* table[1] = {&x};
+    EXPECT_FALSE(omk::linearObjects(omk::matArrL(table, 0, 12, 4), 1));
+}
+
 TEST(VersionRecord, ExactValuesAndOnePointer) {
     const OmkLibraryVersion* v = omkmGetLibVersion();
     ASSERT_NE(v, nullptr);

@@ -1,5 +1,8 @@
-// The products' own cases: _P order choice by the OR of sizes, omkmMul_mm4x4_32f off 16-byte boundaries, in place.
+// The products' own cases: _P order choice by the OR of sizes, omkmMul_mm4x4_32f off 16-byte boundaries, packed
+// arrays ending at an inaccessible page, in place.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include "families.h"
 
@@ -26,6 +29,47 @@ template <class T> struct Tables {
     T order3() const { return std::fma(a[2], b[2], std::fma(a[0], b[0], a[1] * b[1])); }
     bool untouchedFrom(int first) const { return std::all_of(d + first, d + 9, [](T x) { return x == T(-7); }); }
 };
+
+// Memory whose last byte is followed by an inaccessible page: any access past the end faults.
+struct GuardedEnd {
+    size_t page = size_t(sysconf(_SC_PAGESIZE)), span;
+    unsigned char* base;
+    explicit GuardedEnd(size_t bytes) : span((bytes + page - 1) / page * page + page) {
+        base = static_cast<unsigned char*>(mmap(nullptr, span, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        if (base == MAP_FAILED || mprotect(base + span - page, page, PROT_NONE) != 0) std::abort();
+    }
+    ~GuardedEnd() { munmap(base, span); }
+    template <class T> T* endingWith(size_t n) { return reinterpret_cast<T*>(base + span - page) - n; }
+};
+
+template <class T>
+OmkStatus mulMama(const T* a, const T* b, T* d, int n, int count) {
+    const int e = int(sizeof(T)), s0 = n * n * e, s1 = n * e;
+    if constexpr (sizeof(T) == 4) return omkmMul_mama_32f(a, s0, s1, e, n, n, b, s0, s1, e, n, n, d, s0, s1, e, count);
+    else return omkmMul_mama_64f(a, s0, s1, e, n, n, b, s0, s1, e, n, n, d, s0, s1, e, count);
+}
+
+template <class T>
+void packedArraysAtTheEdge(std::mt19937& rng) {
+    for (int n = 3; n <= 6; ++n)
+        for (int count : {1, 2, 3}) {
+            const size_t len = size_t(n * n * count);
+            std::vector<T> a(len), b(len), want(len);
+            for (size_t i = 0; i < len; ++i) {
+                a[i] = T(entry(rng, -12, 12));
+                b[i] = T(entry(rng, -12, 12));
+            }
+            ASSERT_EQ(mulMama(a.data(), b.data(), want.data(), n, count), omkStsOk);
+            GuardedEnd ga(len * sizeof(T)), gb(len * sizeof(T)), gd(len * sizeof(T));
+            T* ea = ga.endingWith<T>(len);
+            T* eb = gb.endingWith<T>(len);
+            T* ed = gd.endingWith<T>(len);
+            std::copy(a.begin(), a.end(), ea);
+            std::copy(b.begin(), b.end(), eb);
+            ASSERT_EQ(mulMama<T>(ea, eb, ed, n, count), omkStsOk);
+            EXPECT_TRUE(std::equal(want.begin(), want.end(), ed)) << sizeof(T) << "-byte order " << n << " count " << count;
+        }
+}
 
 }  // namespace
 
@@ -62,6 +106,15 @@ TEST(MulFixed, Mm4x4OffSixteenByteBoundariesOverEitherSource) {
             ASSERT_EQ(omkmMul_mm4x4_32f(x + shift, y + shift, dst), omkStsOk);
             EXPECT_TRUE(std::equal(d, d + 16, dst)) << "shift " << shift << " over source " << over + 1;
         }
+}
+
+// Packed arrays of every straight-line order that end where an inaccessible page begins: the row kernels,
+// which read whole rows at a time and between objects past an object's end, touch nothing past the
+// arrays and give the bits of the same call on ordinary memory.
+TEST(MulPacked, ArraysEndingAtAnInaccessiblePage) {
+    std::mt19937 rng(41);
+    packedArraysAtTheEdge<float>(rng);
+    packedArraysAtTheEdge<double>(rng);
 }
 
 // The cross products and omkmMul_mm4x4_32f read all their sources before writing: a destination

@@ -99,6 +99,11 @@ struct StdView : ElementSteps<T> {
     bool packed(int32_t w, int32_t h) const {
         return Array && this->denseObjects(w, h) && ptrdiff_t(s0) == ptrdiff_t(w) * h * ptrdiff_t(sizeof(T));
     }
+    // Every offset k*s0 of objects 0..count-1 is formed without wrapping, so object k+1 starts s0
+    // bytes after object k and a kernel may walk the objects by pointer additions.
+    bool linear(int32_t count) const {
+        return !Array || count < 2 || (int64_t(count - 1) * s0 <= INT32_MAX && int64_t(count - 1) * s0 >= INT32_MIN);
+    }
     bool hasNull() const { return p == nullptr; }
     bool stridesOk() const {
         return (!Array || strideOk<T>(s0)) && (!Matrix || strideOk<T>(this->s1)) && strideOk<T>(this->s2);
@@ -269,6 +274,22 @@ inline bool unitColumns(const V& v) {
 }
 template <class T> inline StridedObject<T, true> unitCols(const StridedObject<T>& o) { return {o.p, o.rowStep, ptrdiff_t(sizeof(T))}; }
 template <class T> inline ScalarObject<T> unitCols(const ScalarObject<T>& o) { return o; }
+
+// Arrays walked by pointer additions: a standard description whose offsets k*s0 do not wrap
+// (StdView::linear) has object k+1 objectBytes(v) bytes after object k. The other descriptions are
+// reached through obj(k) only.
+template <class V> struct IsStdView : std::false_type {};
+template <class T, bool A, bool M> struct IsStdView<StdView<T, A, M>> : std::true_type {};
+template <class V>
+inline bool linearObjects(const V& v, int32_t count) {
+    if constexpr (IsStdView<V>::value) return v.linear(count);
+    else return false;
+}
+template <class V>
+inline ptrdiff_t objectBytes(const V& v) {
+    if constexpr (IsStdView<V>::value) return V::kArray ? v.s0 : 0;
+    else return 0;
+}
 
 // Element objects of object k: packed columns when the call's views all have them.
 template <bool Packed, class V>

@@ -166,6 +166,22 @@ template <int N, bool Dense, class D, class A, class B>
         if (Dense && a.rowStep() == rowBytes) {
             // Every object is one run of N*N elements: all offsets inside an object are constants.
             if constexpr (N == 3) {
+                if (linearObjects(d, count) && linearObjects(a, count) && linearObjects(b, count)) {
+                    T* dp = d.obj(0).p;
+                    const T* ap = a.obj(0).p;
+                    const T* bp = b.obj(0).p;
+                    const ptrdiff_t ds = objectBytes(d), as = objectBytes(a), bs = objectBytes(b);
+                    int32_t k = 0;
+                    // B's objects lie at least a whole object apart in ascending order: every one but
+                    // the last is followed by readable memory of the caller's array.
+                    if (bs >= rowBytes * 3)
+#pragma GCC unroll 2
+                        for (; k + 1 < count; ++k, dp = addBytes(dp, ds), ap = addBytes(ap, as), bp = addBytes(bp, bs))
+                            rows3x3<true>(dp, ap, bp);
+                    for (; k < count; ++k, dp = addBytes(dp, ds), ap = addBytes(ap, as), bp = addBytes(bp, bs))
+                        rows3x3(dp, ap, bp);
+                    return;
+                }
 #pragma GCC unroll 2
                 for (int32_t k = 0; k < count; ++k) rows3x3(d.obj(k).p, a.obj(k).p, b.obj(k).p);
                 return;

@@ -282,11 +282,15 @@ template <int N, bool Dense, class T, class AO>
 // k of B is repeated in both halves. Nothing outside the three objects is read or written: B's
 // last row is read from one element earlier and moved into place, and the result's rows are
 // stored in order, each 4-lane store's fourth element rewritten by the next row.
+// With BPastEnd the caller vouches that the element after B is readable (another object of the
+// array follows), and B's last row is read in place.
+template <bool BPastEnd = false>
 [[gnu::always_inline]] inline void rows3x3(float* d, const float* a, const float* b) {
     const __m256 a01 = _mm256_loadu_ps(a);  // a00 ... a21
     const __m256 b0 = _mm256_broadcast_ps(reinterpret_cast<const __m128*>(b));
     const __m256 b1 = _mm256_broadcast_ps(reinterpret_cast<const __m128*>(b + 3));
-    const __m256 b2 = _mm256_permute_ps(_mm256_broadcast_ps(reinterpret_cast<const __m128*>(b + 5)), 0xF9);
+    const __m256 b2 = BPastEnd ? _mm256_broadcast_ps(reinterpret_cast<const __m128*>(b + 6))
+                               : _mm256_permute_ps(_mm256_broadcast_ps(reinterpret_cast<const __m128*>(b + 5)), 0xF9);
     const __m256 s0 = _mm256_permutevar8x32_ps(a01, _mm256_setr_epi32(0, 0, 0, 0, 3, 3, 3, 3));
     const __m256 s1 = _mm256_permutevar8x32_ps(a01, _mm256_setr_epi32(1, 1, 1, 1, 4, 4, 4, 4));
     const __m256 s2 = _mm256_permutevar8x32_ps(a01, _mm256_setr_epi32(2, 2, 2, 2, 5, 5, 5, 5));
@@ -303,10 +307,11 @@ template <int N, bool Dense, class T, class AO>
 
 // The same for doubles, one row per 256-bit register: each row of A comes in one load (the last
 // from one element earlier) and its three multipliers are spread by permutations, B's last row
-// likewise, so the object takes six loads instead of twelve.
+// likewise (read in place with BPastEnd), so the object takes six loads instead of twelve.
+template <bool BPastEnd = false>
 [[gnu::always_inline]] inline void rows3x3(double* d, const double* a, const double* b) {
     const __m256d b0 = _mm256_loadu_pd(b), b1 = _mm256_loadu_pd(b + 3);
-    const __m256d b2 = _mm256_permute4x64_pd(_mm256_loadu_pd(b + 5), 0xF9);
+    const __m256d b2 = BPastEnd ? _mm256_loadu_pd(b + 6) : _mm256_permute4x64_pd(_mm256_loadu_pd(b + 5), 0xF9);
     const __m256d a0 = _mm256_loadu_pd(a), a1 = _mm256_loadu_pd(a + 3), a2 = _mm256_loadu_pd(a + 5);
     auto row = [&](__m256d x0, __m256d x1, __m256d x2) {
         const __m256d t = _mm256_mul_pd(x1, b1);
