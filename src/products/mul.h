@@ -165,29 +165,29 @@ template <int N, bool Dense, class D, class A, class B>
     if (A::kMatrix && a.colStep() == e) {
         if (Dense && a.rowStep() == rowBytes) {
             // Every object is one run of N*N elements: all offsets inside an object are constants.
-            if constexpr (N == 3) {
-                if (linearObjects(d, count) && linearObjects(a, count) && linearObjects(b, count)) {
-                    T* dp = d.obj(0).p;
-                    const T* ap = a.obj(0).p;
-                    const T* bp = b.obj(0).p;
-                    const ptrdiff_t ds = objectBytes(d), as = objectBytes(a), bs = objectBytes(b);
-                    int32_t k = 0;
-                    // B's objects lie at least a whole object apart in ascending order: every one but
-                    // the last is followed by readable memory of the caller's array.
-                    if (bs >= rowBytes * 3)
+            auto object = [](T* dk, const T* ak, const T* bk) {
+                if constexpr (N == 3) rows3x3(dk, ak, bk);
+                else packedRowObject<N, true>(dk, rowBytes, ak, rowBytes, bk, rowBytes);
+            };
+            if (linearObjects(d, count) && linearObjects(a, count) && linearObjects(b, count)) {
+                T* dp = d.obj(0).p;
+                const T* ap = a.obj(0).p;
+                const T* bp = b.obj(0).p;
+                const ptrdiff_t ds = objectBytes(d), as = objectBytes(a), bs = objectBytes(b);
+                int32_t k = 0;
+                // B's objects lie at least a whole object apart in ascending order: every one but
+                // the last is followed by readable memory of the caller's array.
+                if constexpr (N == 3) {
+                    if (bs >= rowBytes * N)
 #pragma GCC unroll 2
                         for (; k + 1 < count; ++k, dp = addBytes(dp, ds), ap = addBytes(ap, as), bp = addBytes(bp, bs))
                             rows3x3<true>(dp, ap, bp);
-                    for (; k < count; ++k, dp = addBytes(dp, ds), ap = addBytes(ap, as), bp = addBytes(bp, bs))
-                        rows3x3(dp, ap, bp);
-                    return;
                 }
-#pragma GCC unroll 2
-                for (int32_t k = 0; k < count; ++k) rows3x3(d.obj(k).p, a.obj(k).p, b.obj(k).p);
+                for (; k < count; ++k, dp = addBytes(dp, ds), ap = addBytes(ap, as), bp = addBytes(bp, bs))
+                    object(dp, ap, bp);
                 return;
             }
-            for (int32_t k = 0; k < count; ++k)
-                packedRowObject<N, true>(d.obj(k).p, rowBytes, a.obj(k).p, rowBytes, b.obj(k).p, rowBytes);
+            for (int32_t k = 0; k < count; ++k) object(d.obj(k).p, a.obj(k).p, b.obj(k).p);
             return;
         }
         for (int32_t k = 0; k < count; ++k) {
