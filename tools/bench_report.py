@@ -501,10 +501,12 @@ REASONS = {
         "(`BM_fmaBound_Mul_64f`): more than 0.67 x the best peer's time before any load or store. The "
         "contract fixes every element's chain of fused operations, so the arithmetic cannot shrink.",
     ("Mul_mama_32f", "3x3", 1000, "ns"):
-        "per object the kernel takes 7 loads, 4 stores, 4 permutations and 6 fused operations (rows 0 and 1 "
-        "of the result in one 256-bit register, row 2 in a 128-bit one); measured alone at quiet moments it "
-        "ran 1.38 to 1.52 ns per object (2026-11-26), and this run's spread is "
-        "{cv:BM_omkm_Mul_mama_32f/3x3/1000/threads:1}.",
+        "per object the kernel takes 7 loads, 4 stores, 3 permutations and 6 fused operations (rows 0 and 1 "
+        "of the result in one 256-bit register, row 2 in a 128-bit one), 26 instructions with the object "
+        "walk; measured alone at quiet moments it ran 1.37 to 1.46 ns per object (2026-11-26, second "
+        "session), and this run's spread is {cv:BM_omkm_Mul_mama_32f/3x3/1000/threads:1}. Pairing two "
+        "objects' last rows in one register (9 fused operations per pair instead of 12) and spreading row "
+        "2's multipliers from one load by permutations were both measured no faster (2026-11-26).",
     ("Mul_mama_32f", "6x6", 1000):
         "not reached. Each result row fills 6 of a register's 8 float lanes, and the chain order fixed for "
         "every element makes a row 6 fused operations: 36 per object, {fma:36} ns at this run's rate "
@@ -517,9 +519,9 @@ REASONS = {
         "lanes (27 fused operations) but move the 108 elements of the three matrices through register "
         "transposes, about 40 shuffles per object.",
     ("Mul_mama_64f", "3x3", 1000, "ns"):
-        "per object the kernel takes 6 loads, 4 stores, 10 permutations and 9 fused operations; measured "
-        "alone at quiet moments it ran 2.15 to 2.26 ns per object (2026-11-26), and this run's spread is "
-        "{cv:BM_omkm_Mul_mama_64f/3x3/1000/threads:1}.",
+        "per object the kernel takes 6 loads, 4 stores, 9 permutations and 9 fused operations; measured "
+        "alone at quiet moments it ran 2.08 to 2.19 ns per object (2026-11-26, second session), and this "
+        "run's spread is {cv:BM_omkm_Mul_mama_64f/3x3/1000/threads:1}.",
     ("Mul_mama_64f", "6x6", 1000, "ns"):
         "not reached. The 216 multiply-adds are at least 54 four-lane fused multiply-adds, which alone take "
         "{row:BM_fmaBound_Mul_64f/6x6} ns (`BM_fmaBound_Mul_64f`), and the target is within 10 % of that. "
@@ -529,7 +531,7 @@ REASONS = {
     ("Transform_m4v3a_32f", "", 1000, "ns"):
         "eight points take 3 loads, 6 blends and 3 permutations to gather x, y and z, 12 fused operations, "
         "8 unpacks and 4 stores: 36 instructions, 4.5 per point. Measured alone at quiet moments the row "
-        "ran 0.37 to 0.45 ns per point (2026-11-26); this run's spread is "
+        "ran 0.36 to 0.45 ns per point (2026-11-26); this run's spread is "
         "{cv:BM_omkm_Transform_m4v3a_32f/1000}.",
     ("LUSolve_32f", "4x4", 1000):
         "not reached. The object's own arithmetic, 8 floats or 4 doubles side by side, takes {row:BM_floor_LUSolve_32f/4x4/1000} ns per object (`BM_floor_*`); the rest is data movement that the lanes need and the floor does not count. The lane decomposition alone executes 807 instructions per block of 8 objects in this build (counted in its disassembly): the row transposes into and out of the lanes, the row exchanges under lane masks (each candidate row's 4 elements and its index, both ways), and the scalar addressing of each lane's pivot rows; the solve then gathers the factor's rows and the right-hand sides in each lane's pivot order. Two blocks at once, which nearly halved QR's time, was measured no faster here (2026-11-26): this kernel is bound by its instruction count, not by latency. Gathering the right-hand sides in registers instead of through memory was measured slower.",
