@@ -6,6 +6,8 @@
 //                                       as a glm matrix, which is the row-vector product), Eigen
 //                                       Affine3f (the transposed matrix, column vectors, 3 floats
 //                                       out); C = 1000 (in cache) and 1000000 (beyond it)
+//   BM_<who>_Transform_m4v3a_32f_records/C  the same points in 16-byte records (srcStride0 = 16):
+//                                       omkmAffineTransform_m4v3a_32f and the plain loop
 //   BM_<who>_Transform_m4v3_32f/C       the same points, one call per point: the single-vector
 //                                       omkmAffineTransform_m4v3_32f, glm and Eigen as above
 //
@@ -39,6 +41,7 @@ struct Points {
     int count = 0;
     float m[16];
     Array<float> src, dst;
+    Array<float> records;  // the same points in 16-byte records (x, y, z, 1)
 };
 
 Points& points(int count) {
@@ -52,6 +55,9 @@ Points& points(int count) {
     std::uniform_real_distribution<float> u(-1.0f, 1.0f);
     for (int i = 0; i < 16; ++i) p.m[i] = u(gen) + (i % 5 == 0 ? 2.0f : 0.0f);
     for (size_t i = 0; i < size_t(count) * 3; ++i) p.src[i] = 10.0f * u(gen);
+    p.records = alignedArray<float>(size_t(count) * 4);
+    for (size_t k = 0; k < size_t(count); ++k)
+        for (int j = 0; j < 4; ++j) p.records[4 * k + size_t(j)] = j < 3 ? p.src[3 * k + size_t(j)] : 1.0f;
     return p;
 }
 
@@ -72,6 +78,7 @@ std::string check(Points& p, Run run) {
 }
 
 int omkmArray(Points& p) { return omkmAffineTransform_m4v3a_32f(p.m, p.src.get(), 12, p.dst.get(), 16, p.count); }
+int omkmRecords(Points& p) { return omkmAffineTransform_m4v3a_32f(p.m, p.records.get(), 16, p.dst.get(), 16, p.count); }
 int omkmSingle(Points& p) {
     int st = 0;
     for (int k = 0; k < p.count; ++k) st |= omkmAffineTransform_m4v3_32f(p.m, p.src.get() + 3 * k, p.dst.get() + 4 * k);
@@ -82,6 +89,15 @@ __attribute__((noinline)) int plainLoop(Points& p) {
     const float* m = p.m;
     for (int k = 0; k < p.count; ++k) {
         const float* s = p.src.get() + 3 * k;
+        float* d = p.dst.get() + 4 * k;
+        for (int j = 0; j < 4; ++j) d[j] = s[0] * m[j] + s[1] * m[4 + j] + s[2] * m[8 + j] + m[12 + j];
+    }
+    return 0;
+}
+__attribute__((noinline)) int plainRecords(Points& p) {
+    const float* m = p.m;
+    for (int k = 0; k < p.count; ++k) {
+        const float* s = p.records.get() + 4 * k;
         float* d = p.dst.get() + 4 * k;
         for (int j = 0; j < 4; ++j) d[j] = s[0] * m[j] + s[1] * m[4 + j] + s[2] * m[8 + j] + m[12 + j];
     }
@@ -146,6 +162,8 @@ bool registerAll() {
 #ifdef OMKM_BENCH_HAVE_EIGEN
         row<3>("BM_eigen_Transform_m4v3a_32f" + c, p, eigenTransform);
 #endif
+        row<4>("BM_omkm_Transform_m4v3a_32f_records" + c, p, omkmRecords);
+        row<4>("BM_plain_Transform_m4v3a_32f_records" + c, p, plainRecords);
         if (count == kInCache) row<4>("BM_omkm_Transform_m4v3_32f" + c, p, omkmSingle);
     }
     return true;

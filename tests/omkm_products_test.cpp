@@ -1,5 +1,5 @@
 // The products' own cases: _P order choice by the OR of sizes, omkmMul_mm4x4_32f off 16-byte boundaries, packed
-// arrays ending at an inaccessible page, in place.
+// arrays and point records ending at an inaccessible page, in place.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -115,6 +115,26 @@ TEST(MulPacked, ArraysEndingAtAnInaccessiblePage) {
     std::mt19937 rng(41);
     packedArraysAtTheEdge<float>(rng);
     packedArraysAtTheEdge<double>(rng);
+}
+
+// Points in 16-byte records whose last point's z ends where an inaccessible page begins: the
+// eight-point blocks read each record whole only while another point follows, and give the bits
+// of the packed source.
+TEST(PointTransforms, RecordsEndingAtAnInaccessiblePage) {
+    std::mt19937 rng(43);
+    float m[16];
+    for (float& x : m) x = float(entry(rng, -12, 12)) / 4;
+    for (int count : {8, 9, 17}) {
+        std::vector<float> packed(size_t(3 * count)), want(size_t(4 * count)), got(size_t(4 * count));
+        for (float& x : packed) x = float(entry(rng, -12, 12)) / 8;
+        ASSERT_EQ(omkmAffineTransform_m4v3a_32f(m, packed.data(), 12, want.data(), 16, count), omkStsOk);
+        const size_t len = size_t(4 * count - 1);  // the last record stops after z
+        GuardedEnd g(len * sizeof(float));
+        float* rec = g.endingWith<float>(len);
+        for (int k = 0; k < count; ++k) std::copy_n(&packed[size_t(3 * k)], 3, rec + 4 * k);
+        ASSERT_EQ(omkmAffineTransform_m4v3a_32f(m, rec, 16, got.data(), 16, count), omkStsOk);
+        EXPECT_EQ(got, want) << count << " points";
+    }
 }
 
 // The cross products and omkmMul_mm4x4_32f read all their sources before writing: a destination

@@ -137,6 +137,21 @@ struct EightPoints {
         const __m256 x = _mm256_permutevar8x32_ps(bx, _mm256_setr_epi32(0, 6, 4, 2, 3, 1, 7, 5));
         const __m256 y = _mm256_permutevar8x32_ps(by, _mm256_setr_epi32(1, 7, 5, 3, 4, 2, 0, 6));
         const __m256 z = _mm256_permutevar8x32_ps(bz, _mm256_setr_epi32(2, 0, 6, 4, 5, 3, 1, 7));
+        finish(x, y, z, d, dStride);
+    }
+    // Eight points sStride >= 16 bytes apart, each read as four floats (the fourth lies before the
+    // next point, so the caller passes a block followed by another point): points 2q and 2q + 1 in
+    // the halves of register q, then one 4x4 transpose per half gives the lane order above.
+    [[gnu::always_inline]] inline void operator()(const float* s, ptrdiff_t sStride, float* d, ptrdiff_t dStride) const {
+        __m256 q[4];
+        for (int i = 0; i < 4; ++i)
+            q[i] = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(addBytes(s, 2 * i * sStride))),
+                                        _mm_loadu_ps(addBytes(s, (2 * i + 1) * sStride)), 1);
+        const __m256 t0 = _mm256_unpacklo_ps(q[0], q[1]), t1 = _mm256_unpackhi_ps(q[0], q[1]);
+        const __m256 t2 = _mm256_unpacklo_ps(q[2], q[3]), t3 = _mm256_unpackhi_ps(q[2], q[3]);
+        finish(_mm256_shuffle_ps(t0, t2, 0x44), _mm256_shuffle_ps(t0, t2, 0xEE), _mm256_shuffle_ps(t1, t3, 0x44), d, dStride);
+    }
+    [[gnu::always_inline]] inline void finish(__m256 x, __m256 y, __m256 z, float* d, ptrdiff_t dStride) const {
         __m256 r[4];
         for (int j = 0; j < 4; ++j)
             r[j] = _mm256_fmadd_ps(z, c[2][j], _mm256_fmadd_ps(y, c[1][j], _mm256_fmadd_ps(x, c[0][j], c[3][j])));
@@ -159,8 +174,8 @@ struct EightPoints {
     }
 };
 
-// count <= 0 writes nothing. Packed 3-vectors through the Affine3 formula go eight at a time to
-// any destination stride. Otherwise the fast path needs the destination and its stride to be
+// count <= 0 writes nothing. 3-vectors through the Affine3 formula go eight at a time to any
+// destination stride, packed or in records of 16 bytes or more. Otherwise the fast path needs the destination and its stride to be
 // multiples of 16 bytes and the source packed; it takes two vectors per step. What is left goes
 // to the single-vector formula; every path gives the same bits.
 template <Form F>
@@ -172,6 +187,11 @@ inline OmkStatus array(const float* matrix, const float* src, int srcStride0, fl
         if (srcStride0 == 12) {
             const EightPoints eight(matrix);
             for (; k + 8 <= count; k += 8) eight(src + ptrdiff_t(k) * 3, addBytes(dst, ptrdiff_t(k) * dstStride0), dstStride0);
+        } else if (srcStride0 >= 16) {
+            // Points in records: a block is taken while another point follows it.
+            const EightPoints eight(matrix);
+            for (; k + 8 < count; k += 8)
+                eight(addBytes(src, ptrdiff_t(k) * srcStride0), srcStride0, addBytes(dst, ptrdiff_t(k) * dstStride0), dstStride0);
         }
     }
     if (srcStride0 == int(n * sizeof(float)) && dstStride0 % 16 == 0 && reinterpret_cast<uintptr_t>(dst) % 16 == 0) {
