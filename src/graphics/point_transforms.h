@@ -175,9 +175,10 @@ struct EightPoints {
 };
 
 // count <= 0 writes nothing. 3-vectors through the Affine3 formula go eight at a time to any
-// destination stride, packed or in records of 16 bytes or more. Otherwise the fast path needs the destination and its stride to be
-// multiples of 16 bytes and the source packed; it takes two vectors per step. What is left goes
-// to the single-vector formula; every path gives the same bits.
+// destination stride, packed or in records of 16 bytes or more. Otherwise the fast path needs
+// the destination and its stride to be multiples of 16 bytes and the source packed; it takes two
+// vectors per step. What is left goes to the single-vector formula; every path gives the same
+// bits.
 template <Form F>
 inline OmkStatus array(const float* matrix, const float* src, int srcStride0, float* dst, int dstStride0, int count) {
     if (count <= 0) return omkStsOk;
